@@ -1,0 +1,64 @@
+#pragma once
+
+#include "actions/ActionFile.h"
+#include "builtin/ActionInfo.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+#include <optional>
+
+// Scans the action folders into ActionFile records and keeps them cached.
+// One shared instance serves the application; tests make their own over their own folders.
+class ActionFileParser {
+public:
+    static ActionFileParser& shared();
+
+    // Folders default to the shipped internal actions and the user's actions folder.
+    ActionFileParser();
+    ActionFileParser(QString internalActionsDirectory, QString userActionsDirectory);
+
+    QString internalActionsDirectory() const { return m_internalDirectory; }
+    QString userActionsDirectory() const { return m_userDirectory; }
+
+    // All records: internal, then user actions, then sharing services and built-ins.
+    ActionFileList actionFiles();
+    void invalidateActionsCache();
+
+    // Parses one bundle or single-file action; none for anything else or an unreadable file.
+    std::optional<ActionFile> processPath(const QString& path) const;
+    // Parses header text as if it were the script of the record.
+    static void parseHeader(const QString& text, ActionFile& record);
+
+    ActionFilePtr getActionWithType(const QString& name);
+    ActionFilePtr getActionWithTaskPath(const QString& path);
+    ActionFileList getUserActionFiles();
+    // All records, those named moving to the front in the order given. A named sharing
+    // service that isAlreadyAdded() reports as on the grid is dropped instead.
+    ActionFileList getActionsWithPreferredOrder(
+        const QStringList& names,
+        const std::function<bool(const QString&)>& isAlreadyAdded = {});
+    QString getUniqueNameForCopiedActionWithPrefix(const QString& prefix);
+    void deleteActionFiles(const ActionFileList& records);
+
+    // The duplicate alert is off while an install replaces an action.
+    bool skipDuplicatesCheck() const { return m_skipDuplicatesCheck; }
+    void setSkipDuplicatesCheck(bool skip) { m_skipDuplicatesCheck = skip; }
+
+    // Records that stand for the desktop's sharing services and for the built-in actions.
+    void setSharingServiceProvider(std::function<ActionFileList()> provider);
+    void setBuiltInActionInfos(QList<ActionInfo> infos);
+
+private:
+    void checkForDuplicates(const ActionFileList& records);
+    void scanFolder(const QString& folder, ActionFileList& into) const;
+
+    QString m_internalDirectory;
+    QString m_userDirectory;
+    std::optional<ActionFileList> m_cache;
+    QStringList m_lastDuplicates;
+    bool m_skipDuplicatesCheck = false;
+    std::function<ActionFileList()> m_sharingServices;
+    QList<ActionInfo> m_builtInInfos;
+};

@@ -1,0 +1,95 @@
+// Picks a mode and hands over: help, version, inspecting an action, or running the
+// application with or without a display.
+#include "actions/ActionFileJson.h"
+#include "app/AppDelegate.h"
+#include "app/DesktopAlertPresenter.h"
+#include "core/Version.h"
+#include "platform/UnixSignals.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+#include <QJsonDocument>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+const char* const Usage =
+    "Usage: skelvo [--headless]\n"
+    "       skelvo --inspect-action PATH\n"
+    "       skelvo --help | --version\n"
+    "\n"
+    "Starts Skelvo. Without a display (or with --headless) it runs without any window and\n"
+    "serves the sk command-line tool.\n"
+    "\n"
+    "  --headless              run without windows even when a display is available\n"
+    "  --inspect-action PATH   print what Skelvo reads from an action bundle or file, as JSON\n"
+    "  --help                  show this help\n"
+    "  --version               show the version\n";
+
+bool displayAvailable() {
+    return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY") ||
+           qEnvironmentVariable("QT_QPA_PLATFORM") == QStringLiteral("offscreen");
+}
+
+int inspectAction(const char* path) {
+    const QJsonObject report = ActionFileJson::inspect(QString::fromLocal8Bit(path));
+    std::fputs(QJsonDocument(report).toJson(QJsonDocument::Indented).constData(), stdout);
+    if (report.contains(QStringLiteral("error"))) {
+        return 2;
+    }
+    return report.value(QStringLiteral("valid")).toBool() ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+    bool headless = false;
+    for (int i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        if (!std::strcmp(arg, "--help") || !std::strcmp(arg, "-h")) {
+            std::fputs(Usage, stdout);
+            return 0;
+        }
+        if (!std::strcmp(arg, "--version")) {
+            std::printf("skelvo %s\n", Version::shortVersionString().toUtf8().constData());
+            return 0;
+        }
+        if (!std::strcmp(arg, "--inspect-action")) {
+            if (i + 1 >= argc) {
+                std::fputs("skelvo: --inspect-action needs a path\n", stderr);
+                return 2;
+            }
+            QCoreApplication app(argc, argv);
+            return inspectAction(argv[i + 1]);
+        }
+        if (!std::strcmp(arg, "--headless")) {
+            headless = true;
+            continue;
+        }
+        std::fprintf(stderr, "skelvo: unknown option %s\n%s", arg, Usage);
+        return 2;
+    }
+    headless = headless || !displayAvailable();
+
+    std::unique_ptr<QCoreApplication> app;
+    if (headless) {
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    } else {
+        auto gui = std::make_unique<QApplication>(argc, argv);
+        gui->setQuitOnLastWindowClosed(false);
+        AlertHelper::setPresenter(std::make_shared<DesktopAlertPresenter>());
+        app = std::move(gui);
+    }
+    QCoreApplication::setApplicationName(QStringLiteral("Skelvo"));
+    QCoreApplication::setApplicationVersion(Version::shortVersionString());
+
+    AppDelegate delegate(headless);
+    UnixSignals::quitOnTermination([] { QCoreApplication::quit(); });
+    delegate.applicationDidFinishLaunching();
+    const int status = app->exec();
+    delegate.applicationWillTerminate();
+    return status;
+}

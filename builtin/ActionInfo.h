@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QList>
+#include <QString>
+
+#include <optional>
+
+// One entry of the built-in action catalogue: what the action accepts and how it is set up.
+struct ActionInfo {
+    enum class Handles { Files = 0, Text = 1, Nothing = 2 };
+    enum class Event { Clicked = 0, Dragged = 1, TestConnection = 2 };
+
+    QString name; // persistent identity: grid actions refer to a built-in by this name
+    QString actionDescription;
+    QList<Handles> handles;
+    QList<Event> events;
+    std::optional<int> menuCategory;
+    QString iconPath;
+    QString optionsNib; // empty: no configuration panel
+    bool usesSelectedItemNameAndIcon = false;
+    bool skipConfig = false;
+    QString defaultPort;
+    QString keyModifiers;
+
+    bool acceptsFiles() const { return handles.contains(Handles::Files); }
+    bool acceptsText() const { return handles.contains(Handles::Text); }
+    bool acceptsClicks() const { return events.contains(Event::Clicked); }
+    bool acceptsDrags() const { return events.contains(Event::Dragged); }
+    bool supportsConnectionTest() const { return events.contains(Event::TestConnection); }
+};

@@ -1,0 +1,74 @@
+#include "core/SupportPaths.h"
+
+#include "core/Identifiers.h"
+#include "tests/support/TestHome.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+TEST(SupportPaths, SkelvoHomeReplacesEveryRoot) {
+    TestHome home;
+    const QDir root(home.path());
+    EXPECT_EQ(SupportPaths::applicationSupportDirectory(),
+              root.filePath(QStringLiteral("data/Skelvo")));
+    EXPECT_EQ(SupportPaths::configDirectory(), root.filePath(QStringLiteral("config/Skelvo")));
+    EXPECT_EQ(SupportPaths::runtimeDirectory(), root.filePath(QStringLiteral("runtime/skelvo")));
+    EXPECT_EQ(SupportPaths::userActionsDirectory(),
+              root.filePath(QStringLiteral("data/Skelvo/Actions")));
+    EXPECT_EQ(SupportPaths::tasksDirectory(), root.filePath(QStringLiteral("data/Skelvo/Tasks")));
+    for (const QString& folder :
+         {SupportPaths::userActionsDirectory(), SupportPaths::tasksDirectory(),
+          SupportPaths::savedTextDirectory()}) {
+        EXPECT_TRUE(QFileInfo(folder).isDir()) << folder.toStdString();
+    }
+    EXPECT_EQ(QFileInfo(SupportPaths::runtimeDirectory()).permissions() & 0x0077, 0)
+        << "runtime folder must be private";
+}
+
+TEST(SupportPaths, XdgVariablesAreHonouredAndRelativeOnesIgnored) {
+    TestHome home;
+    qunsetenv("SKELVO_HOME");
+    const QByteArray previous = qgetenv("XDG_DATA_HOME");
+    qputenv("XDG_DATA_HOME", QDir(home.path()).filePath(QStringLiteral("xdg")).toUtf8());
+    EXPECT_EQ(SupportPaths::applicationSupportDirectory(),
+              QDir(home.path()).filePath(QStringLiteral("xdg/Skelvo")));
+    qputenv("XDG_DATA_HOME", "relative/path");
+    EXPECT_EQ(SupportPaths::applicationSupportDirectory().left(QDir::homePath().size()),
+              QDir::homePath());
+    qputenv("XDG_DATA_HOME", previous);
+}
+
+TEST(SupportPaths, UniqueFoldersAreFreshAndNamedByKind) {
+    TestHome home;
+    const QString a = SupportPaths::uniquePromisedFilesDirectory();
+    const QString b = SupportPaths::uniquePromisedFilesDirectory();
+    EXPECT_NE(a, b);
+    EXPECT_TRUE(QFileInfo(a).fileName().startsWith(QStringLiteral("SkFilePromise-")));
+    EXPECT_TRUE(QFileInfo(SupportPaths::uniqueActionOutputDirectory())
+                    .fileName()
+                    .startsWith(QStringLiteral("SkActionOutput-")));
+    EXPECT_EQ(QFileInfo(a).absolutePath(), SupportPaths::promisedFilesDirectory());
+    EXPECT_TRUE(QFileInfo(a).isDir());
+}
+
+TEST(SupportPaths, UnwritableSupportFolderIsLoggedAndStillReturned) {
+    TestHome home;
+    LogCapture log;
+    home.writeFile(QStringLiteral("data/Skelvo"), "a file in the way");
+    const QString path = SupportPaths::applicationSupportDirectory();
+    EXPECT_TRUE(path.endsWith(QStringLiteral("data/Skelvo")));
+    EXPECT_TRUE(
+        log.contains(QStringLiteral("Unable to find or create application support directory:\n")));
+    EXPECT_TRUE(SupportPaths::tasksDirectory().isEmpty());
+    EXPECT_TRUE(log.contains(QStringLiteral("Error creating folder at ")));
+}
+
+TEST(Identifiers, TileIds) {
+    EXPECT_EQ(Identifiers::AddToGridTileId, 0x7FFFFFFFFFFFFFFELL);
+    EXPECT_TRUE(Identifiers::isDropbarId(100000));
+    EXPECT_TRUE(Identifiers::isDropbarId(100001));
+    EXPECT_FALSE(Identifiers::isDropbarId(99999));
+    EXPECT_FALSE(Identifiers::isDropbarId(Identifiers::AddToGridTileId));
+}
