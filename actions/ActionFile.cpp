@@ -12,12 +12,14 @@
 namespace {
 
 // Only "no", in any case, turns a Yes/No key off; everything else (even "false") is yes.
-bool lenientYes(const QString& value) {
+bool lenientYes(const QString& value)
+{
     return value.toLower() != QStringLiteral("no");
 }
 
 // Trims blanks and tabs but keeps line ends, so a stray carriage return still spoils a piece.
-QString trimBlanks(const QString& text) {
+QString trimBlanks(const QString& text)
+{
     qsizetype start = 0;
     qsizetype end = text.size();
     auto isBlank = [](QChar c) { return c == u' ' || c == u'\t'; };
@@ -30,7 +32,8 @@ QString trimBlanks(const QString& text) {
     return text.mid(start, end - start);
 }
 
-QStringList splitList(const QString& value) {
+QStringList splitList(const QString& value)
+{
     QStringList entries;
     for (const QString& piece : value.split(u',')) {
         const QString entry = piece.trimmed();
@@ -41,7 +44,8 @@ QStringList splitList(const QString& value) {
     return entries;
 }
 
-bool containsLowered(const QStringList& entries, const QString& lowered) {
+bool containsLowered(const QStringList& entries, const QString& lowered)
+{
     for (const QString& entry : entries) {
         if (entry.toLower() == lowered) {
             return true;
@@ -52,7 +56,8 @@ bool containsLowered(const QStringList& entries, const QString& lowered) {
 
 // A cheap check that a file holds an image the desktop can load: the signature of one of
 // the formats icons come in, and for PNG a header with a non-zero size.
-bool isLoadableImage(const QString& path) {
+bool isLoadableImage(const QString& path)
+{
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         return false;
@@ -72,11 +77,13 @@ bool isLoadableImage(const QString& path) {
 
 } // namespace
 
-QStringList ActionFile::handles() const {
+QStringList ActionFile::handles() const
+{
     return m_handles.isEmpty() ? QStringList{DragTypes::None} : m_handles;
 }
 
-void ActionFile::setHandles(const QStringList& dragTypes) {
+void ActionFile::setHandles(const QStringList& dragTypes)
+{
     m_handles.clear();
     for (const QString& type : dragTypes) {
         if (type != DragTypes::None && !m_handles.contains(type)) {
@@ -85,7 +92,8 @@ void ActionFile::setHandles(const QStringList& dragTypes) {
     }
 }
 
-void ActionFile::applyHeaderField(const QString& key, const QString& value) {
+void ActionFile::applyHeaderField(const QString& key, const QString& value)
+{
     if (key == u"Name") {
         actionName = value;
     } else if (key == u"Description") {
@@ -144,47 +152,58 @@ void ActionFile::applyHeaderField(const QString& key, const QString& value) {
     }
 }
 
-bool ActionFile::handlesClicked() const {
+bool ActionFile::handlesClicked() const
+{
     return !eventsDefined || containsLowered(events, QStringLiteral("clicked"));
 }
 
-bool ActionFile::handlesDragged() const {
+bool ActionFile::handlesDragged() const
+{
     return !eventsDefined || containsLowered(events, QStringLiteral("dragged"));
 }
 
-bool ActionFile::handlesTestConnection() const {
+bool ActionFile::handlesTestConnection() const
+{
     return containsLowered(events, QStringLiteral("testconnection"));
 }
 
-bool ActionFile::handlesAuthorize() const {
+bool ActionFile::handlesAuthorize() const
+{
     return containsLowered(events, QStringLiteral("authorize"));
 }
 
-bool ActionFile::handlesFilesDragType() const {
+bool ActionFile::handlesFilesDragType() const
+{
     return m_handles.contains(DragTypes::Files) && handlesDragged();
 }
 
-bool ActionFile::handlesTextDragType() const {
+bool ActionFile::handlesTextDragType() const
+{
     return m_handles.contains(DragTypes::Text) && handlesDragged();
 }
 
-bool ActionFile::optionKeyModifierEnabled() const {
+bool ActionFile::optionKeyModifierEnabled() const
+{
     return keyModifiersDefined && containsLowered(enabledKeyModifiers, QStringLiteral("option"));
 }
 
-bool ActionFile::commandKeyModifierEnabled() const {
+bool ActionFile::commandKeyModifierEnabled() const
+{
     return keyModifiersDefined && containsLowered(enabledKeyModifiers, QStringLiteral("command"));
 }
 
-bool ActionFile::shiftKeyModifierEnabled() const {
+bool ActionFile::shiftKeyModifierEnabled() const
+{
     return keyModifiersDefined && containsLowered(enabledKeyModifiers, QStringLiteral("shift"));
 }
 
-bool ActionFile::controlKeyModifierEnabled() const {
+bool ActionFile::controlKeyModifierEnabled() const
+{
     return keyModifiersDefined && containsLowered(enabledKeyModifiers, QStringLiteral("control"));
 }
 
-QString ActionFile::handlesString() const {
+QString ActionFile::handlesString() const
+{
     if (!handlesDragged()) {
         return QObject::tr("Clicks");
     }
@@ -202,7 +221,8 @@ QString ActionFile::handlesString() const {
     return QObject::tr("Clicks");
 }
 
-QString ActionFile::scriptPath() const {
+QString ActionFile::scriptPath() const
+{
     if (!isBundle) {
         return taskPath;
     }
@@ -210,7 +230,8 @@ QString ActionFile::scriptPath() const {
                                                   : QStringLiteral("action.rb"));
 }
 
-QString ActionFile::iconPath() const {
+QString ActionFile::iconPath() const
+{
     if (isBundle) {
         const QString icon = QDir(bundlePath).filePath(QStringLiteral("icon.png"));
         if (isLoadableImage(icon)) {
@@ -224,26 +245,31 @@ QString ActionFile::iconPath() const {
     return QDir(SupportPaths::resourcesDirectory()).filePath(QStringLiteral("Images/bundle.png"));
 }
 
-bool ActionFile::optionsNibExists() const {
+bool ActionFile::optionsNibExists() const
+{
     return OptionSheets::find(optionsNib).has_value();
 }
 
-bool ActionFile::optionsNibNeedsKeychain() const {
+bool ActionFile::optionsNibNeedsKeychain() const
+{
     const auto sheet = OptionSheets::find(optionsNib);
     return sheet && sheet->needsKeychainStorage;
 }
 
-QString ActionFile::keychainPasswordKey() const {
+QString ActionFile::keychainPasswordKey() const
+{
     const auto sheet = OptionSheets::find(optionsNib);
     return sheet ? sheet->keychainPasswordKey : QString();
 }
 
-QMap<QString, QString> ActionFile::constantVariables() const {
+QMap<QString, QString> ActionFile::constantVariables() const
+{
     const auto sheet = OptionSheets::find(optionsNib);
     return sheet ? sheet->constantVariables : QMap<QString, QString>();
 }
 
-bool ActionFile::validateMetaData(bool displayErrors, QString* validationErrors) const {
+bool ActionFile::validateMetaData(bool displayErrors, QString* validationErrors) const
+{
     QStringList problems;
     if (metaDataNotFound) {
         problems << QStringLiteral("Section beginning with # Skelvo Action Info not found");
@@ -282,7 +308,8 @@ bool ActionFile::validateMetaData(bool displayErrors, QString* validationErrors)
     return problems.isEmpty();
 }
 
-bool ActionFile::checkValidMetadataAndDisplayErrors() const {
+bool ActionFile::checkValidMetadataAndDisplayErrors() const
+{
     if (!metaValidationFailed) {
         return true;
     }
@@ -294,7 +321,8 @@ bool ActionFile::checkValidMetadataAndDisplayErrors() const {
     return false;
 }
 
-int ActionFile::compareVersion(const QString& minimumVersion, const QString& appVersion) {
+int ActionFile::compareVersion(const QString& minimumVersion, const QString& appVersion)
+{
     const QStringList minimum = minimumVersion.split(u'.');
     const QStringList app = appVersion.split(u'.');
     // Walk the application's components only as far as the minimum has them, so an
@@ -309,7 +337,8 @@ int ActionFile::compareVersion(const QString& minimumVersion, const QString& app
     return 0;
 }
 
-ActionFile ActionFile::fromBuiltInActionInfo(const ActionInfo& info) {
+ActionFile ActionFile::fromBuiltInActionInfo(const ActionInfo& info)
+{
     ActionFile record;
     record.isBuiltInAction = true;
     record.metaDataNotFound = false;

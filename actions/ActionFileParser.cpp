@@ -16,26 +16,31 @@ namespace {
 const QString ActionInfoMarker = QStringLiteral("# Skelvo Action Info");
 const QString DestinationInfoMarker = QStringLiteral("# Skelvo Destination Info");
 
-QString cleanAbsolute(const QString& path) {
+QString cleanAbsolute(const QString& path)
+{
     return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
 }
 
 } // namespace
 
-ActionFileParser& ActionFileParser::shared() {
+ActionFileParser& ActionFileParser::shared()
+{
     static ActionFileParser parser;
     return parser;
 }
 
 ActionFileParser::ActionFileParser()
     : ActionFileParser(SupportPaths::internalActionsDirectory(),
-                       SupportPaths::userActionsDirectory()) {}
+                       SupportPaths::userActionsDirectory())
+{}
 
 ActionFileParser::ActionFileParser(QString internalActionsDirectory, QString userActionsDirectory)
     : m_internalDirectory(std::move(internalActionsDirectory))
-    , m_userDirectory(std::move(userActionsDirectory)) {}
+    , m_userDirectory(std::move(userActionsDirectory))
+{}
 
-void ActionFileParser::parseHeader(const QString& text, ActionFile& record) {
+void ActionFileParser::parseHeader(const QString& text, ActionFile& record)
+{
     bool inHeader = false;
     // Split at "\n" only: a CRLF file keeps "\r" on its opening line, which then does not
     // match the marker, and the file has no header.
@@ -60,7 +65,8 @@ void ActionFileParser::parseHeader(const QString& text, ActionFile& record) {
     }
 }
 
-std::optional<ActionFile> ActionFileParser::processPath(const QString& path) const {
+std::optional<ActionFile> ActionFileParser::processPath(const QString& path) const
+{
     const QFileInfo info(path);
     if (info.fileName().startsWith(u'.')) {
         return std::nullopt;
@@ -100,7 +106,8 @@ std::optional<ActionFile> ActionFileParser::processPath(const QString& path) con
     return record;
 }
 
-void ActionFileParser::scanFolder(const QString& folder, ActionFileList& into) const {
+void ActionFileParser::scanFolder(const QString& folder, ActionFileList& into) const
+{
     const QDir dir(folder);
     const QStringList entries = dir.entryList(
         QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot | QDir::System, QDir::Name);
@@ -121,7 +128,8 @@ void ActionFileParser::scanFolder(const QString& folder, ActionFileList& into) c
     }
 }
 
-ActionFileList ActionFileParser::actionFiles() {
+ActionFileList ActionFileParser::actionFiles()
+{
     if (m_cache) {
         return *m_cache;
     }
@@ -141,11 +149,13 @@ ActionFileList ActionFileParser::actionFiles() {
     return records;
 }
 
-void ActionFileParser::invalidateActionsCache() {
+void ActionFileParser::invalidateActionsCache()
+{
     m_cache.reset();
 }
 
-void ActionFileParser::checkForDuplicates(const ActionFileList& records) {
+void ActionFileParser::checkForDuplicates(const ActionFileList& records)
+{
     QSet<QString> seen;
     QStringList duplicates;
     for (const ActionFilePtr& record : records) {
@@ -182,7 +192,8 @@ void ActionFileParser::checkForDuplicates(const ActionFileList& records) {
     WindowPresenter::shared().openSettingsPage(QStringLiteral("Add-on Actions"));
 }
 
-ActionFilePtr ActionFileParser::getActionWithType(const QString& name) {
+ActionFilePtr ActionFileParser::getActionWithType(const QString& name)
+{
     for (const ActionFilePtr& record : actionFiles()) {
         if (record->actionName == name) {
             return record;
@@ -191,7 +202,8 @@ ActionFilePtr ActionFileParser::getActionWithType(const QString& name) {
     return nullptr;
 }
 
-ActionFilePtr ActionFileParser::getActionWithTaskPath(const QString& path) {
+ActionFilePtr ActionFileParser::getActionWithTaskPath(const QString& path)
+{
     for (const ActionFilePtr& record : actionFiles()) {
         if (record->taskPath == path) {
             return record;
@@ -200,7 +212,8 @@ ActionFilePtr ActionFileParser::getActionWithTaskPath(const QString& path) {
     return nullptr;
 }
 
-ActionFileList ActionFileParser::getUserActionFiles() {
+ActionFileList ActionFileParser::getUserActionFiles()
+{
     ActionFileList user;
     for (const ActionFilePtr& record : actionFiles()) {
         if (record->isUserScript) {
@@ -211,7 +224,8 @@ ActionFileList ActionFileParser::getUserActionFiles() {
 }
 
 ActionFileList ActionFileParser::getActionsWithPreferredOrder(
-    const QStringList& names, const std::function<bool(const QString&)>& isAlreadyAdded) {
+    const QStringList& names, const std::function<bool(const QString&)>& isAlreadyAdded)
+{
     ActionFileList rest = actionFiles();
     ActionFileList front;
     for (const QString& name : names) {
@@ -230,7 +244,8 @@ ActionFileList ActionFileParser::getActionsWithPreferredOrder(
     return front + rest;
 }
 
-QString ActionFileParser::getUniqueNameForCopiedActionWithPrefix(const QString& prefix) {
+QString ActionFileParser::getUniqueNameForCopiedActionWithPrefix(const QString& prefix)
+{
     if (!getActionWithType(prefix)) {
         return prefix;
     }
@@ -242,7 +257,8 @@ QString ActionFileParser::getUniqueNameForCopiedActionWithPrefix(const QString& 
     }
 }
 
-void ActionFileParser::deleteActionFiles(const ActionFileList& records) {
+void ActionFileParser::deleteActionFiles(const ActionFileList& records)
+{
     for (const ActionFilePtr& record : records) {
         const QFileInfo info(record->taskPath);
         if (!info.exists() && !info.isSymLink()) {
@@ -265,12 +281,14 @@ void ActionFileParser::deleteActionFiles(const ActionFileList& records) {
     }
 }
 
-void ActionFileParser::setSharingServiceProvider(std::function<ActionFileList()> provider) {
+void ActionFileParser::setSharingServiceProvider(std::function<ActionFileList()> provider)
+{
     m_sharingServices = std::move(provider);
     invalidateActionsCache();
 }
 
-void ActionFileParser::setBuiltInActionInfos(QList<ActionInfo> infos) {
+void ActionFileParser::setBuiltInActionInfos(QList<ActionInfo> infos)
+{
     m_builtInInfos = std::move(infos);
     invalidateActionsCache();
 }

@@ -36,9 +36,9 @@ public:
     ActionFileList getUserActionFiles();
     // All records, those named moving to the front in the order given. A named sharing
     // service that isAlreadyAdded() reports as on the grid is dropped instead.
-    ActionFileList getActionsWithPreferredOrder(
-        const QStringList& names,
-        const std::function<bool(const QString&)>& isAlreadyAdded = {});
+    ActionFileList
+    getActionsWithPreferredOrder(const QStringList& names,
+                                 const std::function<bool(const QString&)>& isAlreadyAdded = {});
     QString getUniqueNameForCopiedActionWithPrefix(const QString& prefix);
     void deleteActionFiles(const ActionFileList& records);
 

@@ -12,9 +12,11 @@
 #include <QStringDecoder>
 
 DevelopActionController::DevelopActionController(ActionFileParser& parser)
-    : m_parser(parser) {}
+    : m_parser(parser)
+{}
 
-std::optional<QString> DevelopActionController::refusalFor(const DevelopActionRequest& request) {
+std::optional<QString> DevelopActionController::refusalFor(const DevelopActionRequest& request)
+{
     if (!request.clicked && !request.dragged) {
         return QStringLiteral("Action must handle at least one event.");
     }
@@ -28,7 +30,8 @@ std::optional<QString> DevelopActionController::refusalFor(const DevelopActionRe
     return std::nullopt;
 }
 
-QString DevelopActionController::headerText(const DevelopActionRequest& request) {
+QString DevelopActionController::headerText(const DevelopActionRequest& request)
+{
     const ActionFile* copied = request.copiedFrom.get();
     QString header = QStringLiteral("# Skelvo Action Info\n");
     header += QStringLiteral("# Name: %1\n").arg(request.name);
@@ -93,7 +96,8 @@ QString DevelopActionController::headerText(const DevelopActionRequest& request)
 }
 
 QString DevelopActionController::rewrittenText(const QString& header, const QString& scriptText,
-                                               bool isPythonScript, bool disableComments) {
+                                               bool isPythonScript, bool disableComments)
+{
     // The fixed indexes below follow the layout of the two shipped templates: they are the
     // blank lines that only separate comment blocks.
     const qsizetype lastSeparator = isPythonScript ? 35 : 33;
@@ -131,7 +135,8 @@ QString DevelopActionController::rewrittenText(const QString& header, const QStr
 }
 
 bool DevelopActionController::rewriteMetaData(const QString& header, const QString& path,
-                                              bool disableComments) {
+                                              bool disableComments)
+{
     QFile source(path);
     if (!source.open(QIODevice::ReadOnly)) {
         Log::error(QStringLiteral("Error reading file at %1 in %2\n%3")
@@ -160,7 +165,8 @@ bool DevelopActionController::rewriteMetaData(const QString& header, const QStri
 }
 
 ActionFilePtr DevelopActionController::createAction(const DevelopActionRequest& request,
-                                                    bool includeComments, QString* error) {
+                                                    bool includeComments, QString* error)
+{
     if (const auto refusal = refusalFor(request)) {
         if (error) {
             *error = *refusal;

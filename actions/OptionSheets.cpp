@@ -12,7 +12,10 @@ QMap<QString, OptionSheetInfo>& sheets()
 
 namespace OptionSheets {
 
-void registerSheet(const OptionSheetInfo& info) { sheets().insert(info.name, info); }
+void registerSheet(const OptionSheetInfo& info)
+{
+    sheets().insert(info.name, info);
+}
 
 std::optional<OptionSheetInfo> find(const QString& name)
 {
@@ -23,6 +26,9 @@ std::optional<OptionSheetInfo> find(const QString& name)
     return *it;
 }
 
-void unregisterSheet(const QString& name) { sheets().remove(name); }
+void unregisterSheet(const QString& name)
+{
+    sheets().remove(name);
+}
 
 } // namespace OptionSheets

@@ -11,9 +11,11 @@
 
 AppDelegate::AppDelegate(bool headless, QObject* parent)
     : QObject(parent)
-    , m_headless(headless) {}
+    , m_headless(headless)
+{}
 
-void AppDelegate::registerDefaultSettings() {
+void AppDelegate::registerDefaultSettings()
+{
     Settings::shared().registerDefaults(QJsonObject{
         {Settings::PlaySounds, true},
         {Settings::KeepTaskDescriptionFiles, false},
@@ -26,7 +28,8 @@ void AppDelegate::registerDefaultSettings() {
     });
 }
 
-void AppDelegate::applicationDidFinishLaunching() {
+void AppDelegate::applicationDidFinishLaunching()
+{
     Log::openLogFile(QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("skelvo.log")));
     Log::info(QStringLiteral("Skelvo %1 starting%2")
                   .arg(Version::shortVersionString(),
@@ -49,6 +52,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     Log::info(QStringLiteral("Skelvo is running"));
 }
 
-void AppDelegate::applicationWillTerminate() {
+void AppDelegate::applicationWillTerminate()
+{
     Log::info(QStringLiteral("Skelvo is shutting down"));
 }

@@ -4,7 +4,8 @@
 #include <QMessageBox>
 #include <QPushButton>
 
-int DesktopAlertPresenter::present(const Alert& alert) {
+int DesktopAlertPresenter::present(const Alert& alert)
+{
     QMessageBox box;
     box.setIcon(alert.style == Alert::Style::Critical  ? QMessageBox::Critical
                 : alert.style == Alert::Style::Warning ? QMessageBox::Warning

@@ -29,12 +29,14 @@ const char* const Usage =
     "  --help                  show this help\n"
     "  --version               show the version\n";
 
-bool displayAvailable() {
+bool displayAvailable()
+{
     return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY") ||
            qEnvironmentVariable("QT_QPA_PLATFORM") == QStringLiteral("offscreen");
 }
 
-int inspectAction(const char* path) {
+int inspectAction(const char* path)
+{
     const QJsonObject report = ActionFileJson::inspect(QString::fromLocal8Bit(path));
     std::fputs(QJsonDocument(report).toJson(QJsonDocument::Indented).constData(), stdout);
     if (report.contains(QStringLiteral("error"))) {
@@ -45,7 +47,8 @@ int inspectAction(const char* path) {
 
 } // namespace
 
-int main(int argc, char* argv[]) {
+int main(int argc, char* argv[])
+{
     bool headless = false;
     for (int i = 1; i < argc; ++i) {
         const char* arg = argv[i];

@@ -17,7 +17,8 @@ int HeadlessAlertPresenter::present(const Alert& alert)
     const char* kind = alert.style == Alert::Style::Critical  ? "critical alert"
                        : alert.style == Alert::Style::Warning ? "warning alert"
                                                               : "alert";
-    QString line = QStringLiteral("%1: %2 -- %3").arg(QString::fromLatin1(kind), alert.title, alert.message);
+    QString line =
+        QStringLiteral("%1: %2 -- %3").arg(QString::fromLatin1(kind), alert.title, alert.message);
     if (!alert.buttons.isEmpty()) {
         line += QStringLiteral(" [answered: %1]").arg(alert.buttons.first());
     }
@@ -27,7 +28,10 @@ int HeadlessAlertPresenter::present(const Alert& alert)
 
 namespace AlertHelper {
 
-AlertPresenter& presenter() { return *current(); }
+AlertPresenter& presenter()
+{
+    return *current();
+}
 
 void setPresenter(std::shared_ptr<AlertPresenter> presenter)
 {
@@ -44,6 +48,9 @@ int showAlertWithTitle(const QString& title, const QString& message)
     return runAlert({Alert::Style::Informational, title, message, {}});
 }
 
-int runAlert(const Alert& alert) { return current()->present(alert); }
+int runAlert(const Alert& alert)
+{
+    return current()->present(alert);
+}
 
 } // namespace AlertHelper

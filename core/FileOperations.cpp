@@ -6,7 +6,8 @@
 
 namespace {
 
-bool copyInto(const QString& source, const QString& destination, QString* error) {
+bool copyInto(const QString& source, const QString& destination, QString* error)
+{
     const QFileInfo info(source);
     if (info.isSymLink()) {
         if (!QFile::link(info.symLinkTarget(), destination)) {
@@ -44,7 +45,8 @@ bool copyInto(const QString& source, const QString& destination, QString* error)
 
 namespace FileOperations {
 
-bool copyRecursively(const QString& source, const QString& destination, QString* error) {
+bool copyRecursively(const QString& source, const QString& destination, QString* error)
+{
     QString reason;
     if (!QFileInfo::exists(source) && !QFileInfo(source).isSymLink()) {
         reason = QStringLiteral("%1 does not exist").arg(source);
@@ -61,7 +63,8 @@ bool copyRecursively(const QString& source, const QString& destination, QString*
     return false;
 }
 
-bool removeRecursively(const QString& path, QString* error) {
+bool removeRecursively(const QString& path, QString* error)
+{
     const QFileInfo info(path);
     if (!info.exists() && !info.isSymLink()) {
         return true;

@@ -13,10 +13,22 @@ enum class Level { Debug, Info, Warning, Error };
 using Sink = std::function<void(Level, const QString&)>;
 
 void write(Level level, const QString& message);
-inline void debug(const QString& message) { write(Level::Debug, message); }
-inline void info(const QString& message) { write(Level::Info, message); }
-inline void warning(const QString& message) { write(Level::Warning, message); }
-inline void error(const QString& message) { write(Level::Error, message); }
+inline void debug(const QString& message)
+{
+    write(Level::Debug, message);
+}
+inline void info(const QString& message)
+{
+    write(Level::Info, message);
+}
+inline void warning(const QString& message)
+{
+    write(Level::Warning, message);
+}
+inline void error(const QString& message)
+{
+    write(Level::Error, message);
+}
 
 // Returns a token for removeSink().
 int addSink(Sink sink);

@@ -15,7 +15,10 @@ int NotificationCenter::addObserver(const QString& name, const QObject* sender, 
     return token;
 }
 
-void NotificationCenter::removeObserver(int token) { m_observers.erase(token); }
+void NotificationCenter::removeObserver(int token)
+{
+    m_observers.erase(token);
+}
 
 void NotificationCenter::post(const QString& name, QObject* object, const QVariantMap& userInfo)
 {

@@ -23,7 +23,8 @@ inline const QString TasksStatusItemAnimationAdvance =
     QStringLiteral("SKTasksStatusItemAnimationAdvance");
 inline const QString AllTasksCompleted = QStringLiteral("SKAllTasksCompleted");
 inline const QString ReloadUserActionsTable = QStringLiteral("SKReloadUserActionsTable");
-inline const QString ActionSingleInstallCompleted = QStringLiteral("SKActionSingleInstallCompleted");
+inline const QString ActionSingleInstallCompleted =
+    QStringLiteral("SKActionSingleInstallCompleted");
 inline const QString CloseActionConfigWindows = QStringLiteral("SKCloseActionConfigWindows");
 } // namespace Notifications
 

@@ -44,7 +44,10 @@ void Settings::registerDefaults(const QJsonObject& defaults)
     }
 }
 
-bool Settings::contains(const QString& key) const { return m_values.contains(key); }
+bool Settings::contains(const QString& key) const
+{
+    return m_values.contains(key);
+}
 
 QJsonValue Settings::value(const QString& key) const
 {
@@ -92,7 +95,10 @@ bool Settings::lenientBool(const QJsonValue& value)
     }
 }
 
-bool Settings::boolValue(const QString& key) const { return lenientBool(value(key)); }
+bool Settings::boolValue(const QString& key) const
+{
+    return lenientBool(value(key));
+}
 
 void Settings::setValue(const QString& key, const QJsonValue& value)
 {
@@ -122,7 +128,8 @@ void Settings::reload()
         return;
     }
     if (!file.open(QIODevice::ReadOnly)) {
-        Log::error(QStringLiteral("Error reading settings file %1\n%2").arg(m_filePath, file.errorString()));
+        Log::error(QStringLiteral("Error reading settings file %1\n%2")
+                       .arg(m_filePath, file.errorString()));
         return;
     }
     QJsonParseError error{};
@@ -143,12 +150,14 @@ bool Settings::save() const
     QDir().mkpath(QFileInfo(m_filePath).absolutePath());
     QSaveFile file(m_filePath);
     if (!file.open(QIODevice::WriteOnly)) {
-        Log::error(QStringLiteral("Error writing settings file %1\n%2").arg(m_filePath, file.errorString()));
+        Log::error(QStringLiteral("Error writing settings file %1\n%2")
+                       .arg(m_filePath, file.errorString()));
         return false;
     }
     file.write(QJsonDocument(m_values).toJson(QJsonDocument::Indented));
     if (!file.commit()) {
-        Log::error(QStringLiteral("Error writing settings file %1\n%2").arg(m_filePath, file.errorString()));
+        Log::error(QStringLiteral("Error writing settings file %1\n%2")
+                       .arg(m_filePath, file.errorString()));
         return false;
     }
     return true;

@@ -13,14 +13,16 @@ class Settings : public QObject {
 public:
     // Key names, shared with every part that reads them.
     static inline const QString PlaySounds = QStringLiteral("PlaySounds");
-    static inline const QString KeepTaskDescriptionFiles = QStringLiteral("KeepTaskDescriptionFiles");
+    static inline const QString KeepTaskDescriptionFiles =
+        QStringLiteral("KeepTaskDescriptionFiles");
     static inline const QString DisableSSLVerify = QStringLiteral("DisableSSLVerify");
     static inline const QString SelectedGridId = QStringLiteral("SelectedGridId");
     static inline const QString AutoClosePopOutDropBar = QStringLiteral("AutoClosePopOutDropBar");
     static inline const QString ScreenTopDragEnabled = QStringLiteral("ScreenTopDragEnabled");
     static inline const QString MonitoredFolders = QStringLiteral("MonitoredFolders");
     static inline const QString NotificationsEnabled = QStringLiteral("NotificationsEnabled");
-    static inline const QString DevelopPreferredLanguage = QStringLiteral("DevelopPreferredLanguage");
+    static inline const QString DevelopPreferredLanguage =
+        QStringLiteral("DevelopPreferredLanguage");
     static inline const QString IncludeDevelopComments = QStringLiteral("IncludeDevelopComments");
     static inline const QString AssignedServiceKeys = QStringLiteral("AssignedServiceKeys");
     static inline const QString GridPositionLoggingEnabled =

@@ -11,9 +11,15 @@
 
 namespace {
 
-QString env(const char* name) { return qEnvironmentVariable(name); }
+QString env(const char* name)
+{
+    return qEnvironmentVariable(name);
+}
 
-QString homeOverride() { return env("SKELVO_HOME"); }
+QString homeOverride()
+{
+    return env("SKELVO_HOME");
+}
 
 QString xdgRoot(const char* variable, const QString& homeRelativeDefault, const char* homeSub)
 {
@@ -49,15 +55,15 @@ QString ensureFolder(const QString& path, const QString& failureFormat)
     QString error;
     if (!makePath(path, &error)) {
         Log::error(failureFormat.contains(QStringLiteral("%2")) ? failureFormat.arg(path, error)
-                                                                 : failureFormat.arg(path));
+                                                                : failureFormat.arg(path));
     }
     return path;
 }
 
 QString uniqueSubfolder(const QString& parent, const QString& prefix, const QString& failure)
 {
-    const QString path =
-        QDir(parent).filePath(prefix + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper());
+    const QString path = QDir(parent).filePath(
+        prefix + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper());
     QString error;
     if (!makePath(path, &error)) {
         Log::error(failure.arg(path));
@@ -97,7 +103,8 @@ QString runtimeDirectory()
         root = env("XDG_RUNTIME_DIR");
     } else {
         // No session runtime folder (cron, ssh without logind): a per-user folder in /tmp.
-        root = QDir::temp().filePath(QStringLiteral("skelvo-runtime-%1").arg(qEnvironmentVariable("USER")));
+        root = QDir::temp().filePath(
+            QStringLiteral("skelvo-runtime-%1").arg(qEnvironmentVariable("USER")));
     }
     const QString path = QDir(root).filePath(QStringLiteral("skelvo"));
     ensureFolder(path, QStringLiteral("Error creating runtime directory at %1\n%2"));
@@ -119,8 +126,7 @@ QString resourcesDirectory()
     }
     // Installed and build trees share the layout bin/<exe> beside share/skelvo.
     const QString exe = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
-    return QDir(QFileInfo(exe).absolutePath())
-        .absoluteFilePath(QStringLiteral("../share/skelvo"));
+    return QDir(QFileInfo(exe).absolutePath()).absoluteFilePath(QStringLiteral("../share/skelvo"));
 }
 
 QString internalActionsDirectory()
@@ -187,8 +193,8 @@ QString savedTextDirectory()
 
 QString uniqueTemporaryDirectory()
 {
-    const QString path = QDir::temp().filePath(
-        QStringLiteral("skelvo-") + QUuid::createUuid().toString(QUuid::WithoutBraces));
+    const QString path = QDir::temp().filePath(QStringLiteral("skelvo-") +
+                                               QUuid::createUuid().toString(QUuid::WithoutBraces));
     if (!QDir().mkpath(path)) {
         Log::error(QStringLiteral("Error creating unique temporary directory with URL %1\n%2")
                        .arg(QUrl::fromLocalFile(path).toString(),

@@ -4,5 +4,8 @@
 
 namespace Version {
 // The short version string that actions compare their minimum version against.
-inline QString shortVersionString() { return QStringLiteral(SKELVO_VERSION); }
+inline QString shortVersionString()
+{
+    return QStringLiteral(SKELVO_VERSION);
+}
 } // namespace Version

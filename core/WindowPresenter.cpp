@@ -12,7 +12,10 @@ std::shared_ptr<WindowPresenter>& current()
 
 } // namespace
 
-WindowPresenter& WindowPresenter::shared() { return *current(); }
+WindowPresenter& WindowPresenter::shared()
+{
+    return *current();
+}
 
 void WindowPresenter::setShared(std::shared_ptr<WindowPresenter> presenter)
 {

@@ -10,7 +10,8 @@ namespace {
 
 int g_signalPipe[2] = {-1, -1};
 
-void onSignal(int signal) {
+void onSignal(int signal)
+{
     // Only async-signal-safe work here: the event loop reads the byte.
     const char byte = static_cast<char>(signal);
     [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[0], &byte, 1);
@@ -20,7 +21,8 @@ void onSignal(int signal) {
 
 namespace UnixSignals {
 
-void quitOnTermination(std::function<void()> handler) {
+void quitOnTermination(std::function<void()> handler)
+{
     if (g_signalPipe[0] >= 0 ||
         ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0) {
         return;

@@ -16,7 +16,8 @@
 
 namespace {
 
-ActionFile parse(const QString& text) {
+ActionFile parse(const QString& text)
+{
     ActionFile record;
     ActionFileParser::parseHeader(text, record);
     return record;
@@ -32,7 +33,8 @@ const char* const CompleteHeader = "#!/usr/bin/env ruby\n"
                                    "\n"
                                    "def dragged; end\n";
 
-QByteArray header(const QString& name, const QString& extra = {}) {
+QByteArray header(const QString& name, const QString& extra = {})
+{
     return QStringLiteral("# Skelvo Action Info\n# Name: %1\n# Description: d\n# Handles: Files\n"
                           "# Creator: c\n# URL: u\n%2\nputs 1\n")
         .arg(name, extra)
@@ -46,7 +48,8 @@ protected:
     QString userDir() const { return QDir(home.path()).filePath(QStringLiteral("user")); }
 
     QString addBundle(const QString& folder, const QString& bundle, const QByteArray& script,
-                      const QString& scriptName = QStringLiteral("action.rb")) {
+                      const QString& scriptName = QStringLiteral("action.rb"))
+    {
         const QString path = QDir(folder).filePath(bundle);
         QDir().mkpath(path);
         QFile file(QDir(path).filePath(scriptName));
@@ -54,7 +57,8 @@ protected:
         file.write(script);
         return path;
     }
-    QString addFile(const QString& folder, const QString& name, const QByteArray& script) {
+    QString addFile(const QString& folder, const QString& name, const QByteArray& script)
+    {
         QDir().mkpath(folder);
         QFile file(QDir(folder).filePath(name));
         EXPECT_TRUE(file.open(QIODevice::WriteOnly));
@@ -69,7 +73,8 @@ protected:
 
 } // namespace
 
-TEST(HeaderGrammar, ValueIsOnlyTheSecondPieceAndKeyLosesTwoCharacters) {
+TEST(HeaderGrammar, ValueIsOnlyTheSecondPieceAndKeyLosesTwoCharacters)
+{
     const ActionFile r = parse(QStringLiteral("# Skelvo Action Info\n"
                                               "# Description: Note: slow\n"
                                               "#:Name: Colon\n"
@@ -88,7 +93,8 @@ TEST(HeaderGrammar, ValueIsOnlyTheSecondPieceAndKeyLosesTwoCharacters) {
     EXPECT_EQ(keyed.creator, QStringLiteral("Jane Doe"));
 }
 
-TEST(HeaderGrammar, OpeningLineMustMatchExactly) {
+TEST(HeaderGrammar, OpeningLineMustMatchExactly)
+{
     EXPECT_TRUE(parse(QStringLiteral("# Skelvo Action Info\r\n# Name: A\r\n")).metaDataNotFound);
     EXPECT_TRUE(parse(QStringLiteral("# Skelvo Action Info \n# Name: A\n")).metaDataNotFound);
     EXPECT_TRUE(parse(QStringLiteral("  # Skelvo Action Info\n# Name: A\n")).metaDataNotFound);
@@ -101,7 +107,8 @@ TEST(HeaderGrammar, OpeningLineMustMatchExactly) {
         parse(QStringLiteral("# Name: Early\n# Skelvo Action Info\n")).actionName.isEmpty());
 }
 
-TEST(HeaderGrammar, HeaderEndsAtFirstBlankLineOrRunsToTheEnd) {
+TEST(HeaderGrammar, HeaderEndsAtFirstBlankLineOrRunsToTheEnd)
+{
     EXPECT_TRUE(parse(QStringLiteral("# Skelvo Action Info\n# Creator: c\n \t \n# Name: Late\n"))
                     .actionName.isEmpty());
     EXPECT_TRUE(parse(QStringLiteral("# Skelvo Action Info\n# Creator: c\n\r\n# Name: Late\n"))
@@ -114,7 +121,8 @@ TEST(HeaderGrammar, HeaderEndsAtFirstBlankLineOrRunsToTheEnd) {
     EXPECT_TRUE(r.url.isEmpty());
 }
 
-TEST(HeaderGrammar, LaterKeysOverwriteListsAppend) {
+TEST(HeaderGrammar, LaterKeysOverwriteListsAppend)
+{
     const ActionFile r =
         parse(QStringLiteral("# Skelvo Action Info\n# Name: First\n# Name: Second\n"
                              "# Events: Clicked\n# Events: Dragged , TestConnection\n"
@@ -128,7 +136,8 @@ TEST(HeaderGrammar, LaterKeysOverwriteListsAppend) {
     EXPECT_EQ(r.handles(), QStringList{DragTypes::Text});
 }
 
-TEST(HeaderGrammar, YesNoIsLenient) {
+TEST(HeaderGrammar, YesNoIsLenient)
+{
     struct Row {
         const char* value;
         bool expected;
@@ -151,7 +160,8 @@ TEST(HeaderGrammar, YesNoIsLenient) {
     EXPECT_FALSE(defaults.skipConfig);
 }
 
-TEST(HeaderGrammar, HandlesMapsKnownPiecesAndDropsTheRest) {
+TEST(HeaderGrammar, HandlesMapsKnownPiecesAndDropsTheRest)
+{
     struct Row {
         const char* value;
         QStringList expected;
@@ -173,7 +183,8 @@ TEST(HeaderGrammar, HandlesMapsKnownPiecesAndDropsTheRest) {
     }
 }
 
-TEST(HeaderGrammar, EveryKeyIsStored) {
+TEST(HeaderGrammar, EveryKeyIsStored)
+{
     const ActionFile r = parse(QStringLiteral(
         "# Skelvo Action Info\n# Name: N\n# Description: one\\ntwo\n# Creator: C\n# URL: U\n"
         "# IconURL: I\n# OptionsNIB: ExtendedLogin\n# OptionsTitle: T\n# DefaultPort: 22\n"
@@ -196,7 +207,8 @@ TEST(HeaderGrammar, EveryKeyIsStored) {
     EXPECT_EQ(r.authScope, QStringLiteral("S"));
 }
 
-TEST(Queries, EventsDefaultToClicksAndDrags) {
+TEST(Queries, EventsDefaultToClicksAndDrags)
+{
     const ActionFile none = parse(QStringLiteral("# Skelvo Action Info\n# Handles: Files, Text\n"));
     EXPECT_TRUE(none.handlesClicked());
     EXPECT_TRUE(none.handlesDragged());
@@ -229,7 +241,8 @@ TEST(Queries, EventsDefaultToClicksAndDrags) {
               QStringLiteral("Clicks"));
 }
 
-TEST(Queries, KeyModifiersOnlyWhenDeclared) {
+TEST(Queries, KeyModifiersOnlyWhenDeclared)
+{
     const ActionFile none = parse(QStringLiteral("# Skelvo Action Info\n"));
     EXPECT_FALSE(none.optionKeyModifierEnabled());
     const ActionFile some =
@@ -240,7 +253,8 @@ TEST(Queries, KeyModifiersOnlyWhenDeclared) {
     EXPECT_FALSE(some.shiftKeyModifierEnabled());
 }
 
-TEST(Queries, OptionSheetsDecideKeychainAndConstants) {
+TEST(Queries, OptionSheetsDecideKeychainAndConstants)
+{
     OptionSheets::registerSheet({QStringLiteral("TestLogin"),
                                  true,
                                  QStringLiteral("password"),
@@ -256,7 +270,8 @@ TEST(Queries, OptionSheetsDecideKeychainAndConstants) {
     OptionSheets::unregisterSheet(QStringLiteral("TestLogin"));
 }
 
-TEST(Validation, MessagesInOrderAndAlerts) {
+TEST(Validation, MessagesInOrderAndAlerts)
+{
     FakePresenters presenters;
     QString errors;
     const ActionFile none = parse(QStringLiteral("puts 1\n"));
@@ -297,7 +312,8 @@ TEST(Validation, MessagesInOrderAndAlerts) {
     EXPECT_TRUE(clicks.checkValidMetadataAndDisplayErrors());
 }
 
-TEST(Versions, CompareWalksOnlyCommonComponents) {
+TEST(Versions, CompareWalksOnlyCommonComponents)
+{
     struct Row {
         const char* minimum;
         const char* app;
@@ -316,7 +332,8 @@ TEST(Versions, CompareWalksOnlyCommonComponents) {
     }
 }
 
-TEST(BuiltInRecords, CopyTheCatalogueEntry) {
+TEST(BuiltInRecords, CopyTheCatalogueEntry)
+{
     ActionInfo info;
     info.name = QStringLiteral("SFTP Upload");
     info.actionDescription = QStringLiteral("Uploads");
@@ -350,7 +367,8 @@ TEST(BuiltInRecords, CopyTheCatalogueEntry) {
     EXPECT_FALSE(b.keyModifiersDefined);
 }
 
-TEST_F(ParserTest, ProcessPathRecognisesBundlesAndSingleFiles) {
+TEST_F(ParserTest, ProcessPathRecognisesBundlesAndSingleFiles)
+{
     const QString ruby = addBundle(internalDir(), QStringLiteral("Ruby.SKBundle"), CompleteHeader);
     const QString python = addBundle(userDir(), QStringLiteral("Py.skbundle"), CompleteHeader,
                                      QStringLiteral("action.py"));
@@ -391,7 +409,8 @@ TEST_F(ParserTest, ProcessPathRecognisesBundlesAndSingleFiles) {
     EXPECT_FALSE(parser.processPath(nested)->isUserScript);
 }
 
-TEST_F(ParserTest, UnreadableScriptsGiveNoRecordAndAreLogged) {
+TEST_F(ParserTest, UnreadableScriptsGiveNoRecordAndAreLogged)
+{
     LogCapture log;
     const QString empty = QDir(userDir()).filePath(QStringLiteral("Empty.skbundle"));
     QDir().mkpath(empty);
@@ -402,7 +421,8 @@ TEST_F(ParserTest, UnreadableScriptsGiveNoRecordAndAreLogged) {
         addFile(userDir(), QStringLiteral("bad.skelvo"), "# Skelvo Action Info\n\xff\xfe\n")));
 }
 
-TEST_F(ParserTest, ScanKeepsInvalidRecordsDropsNamelessAndCaches) {
+TEST_F(ParserTest, ScanKeepsInvalidRecordsDropsNamelessAndCaches)
+{
     addBundle(internalDir(), QStringLiteral("B.skbundle"), header(QStringLiteral("Internal B")));
     addBundle(internalDir(), QStringLiteral("A.skbundle"), header(QStringLiteral("Internal A")));
     addFile(userDir(), QStringLiteral("user.skelvo"), "# Skelvo Action Info\n# Name: Half\n");
@@ -452,7 +472,8 @@ TEST_F(ParserTest, ScanKeepsInvalidRecordsDropsNamelessAndCaches) {
     EXPECT_FALSE(parser.getActionWithTaskPath(QStringLiteral("/nowhere")));
 }
 
-TEST_F(ParserTest, DuplicateAlertShowsOncePerChange) {
+TEST_F(ParserTest, DuplicateAlertShowsOncePerChange)
+{
     addBundle(internalDir(), QStringLiteral("A.skbundle"), header(QStringLiteral("Same")));
     addFile(userDir(), QStringLiteral("a.skelvo"), header(QStringLiteral("Same")));
     auto& alerts = presenters.alerts().alerts;
@@ -491,7 +512,8 @@ TEST_F(ParserTest, DuplicateAlertShowsOncePerChange) {
     EXPECT_EQ(alerts.size(), 2);
 }
 
-TEST_F(ParserTest, LookupsAndUniqueNames) {
+TEST_F(ParserTest, LookupsAndUniqueNames)
+{
     addFile(userDir(), QStringLiteral("foo.skelvo"), header(QStringLiteral("Foo")));
     addFile(userDir(), QStringLiteral("foo2.skelvo"), header(QStringLiteral("Foo 2")));
     addFile(userDir(), QStringLiteral("bar.skelvo"), header(QStringLiteral("Bar")));
@@ -525,7 +547,8 @@ TEST_F(ParserTest, LookupsAndUniqueNames) {
               (QStringList{QStringLiteral("Foo"), QStringLiteral("Bar"), QStringLiteral("Foo 2")}));
 }
 
-TEST_F(ParserTest, DeleteActionFilesRemovesBundlesAndFilesAndLogsFailures) {
+TEST_F(ParserTest, DeleteActionFilesRemovesBundlesAndFilesAndLogsFailures)
+{
     const QString bundle =
         addBundle(userDir(), QStringLiteral("X.skbundle"), header(QStringLiteral("X")));
     const QString file =
@@ -549,7 +572,8 @@ TEST_F(ParserTest, DeleteActionFilesRemovesBundlesAndFilesAndLogsFailures) {
     }
 }
 
-TEST_F(ParserTest, BundleIconFallsBackToTheGenericImage) {
+TEST_F(ParserTest, BundleIconFallsBackToTheGenericImage)
+{
     const QString bundle =
         addBundle(userDir(), QStringLiteral("I.skbundle"), header(QStringLiteral("I")));
     const auto record = parser.processPath(bundle);
@@ -565,7 +589,8 @@ TEST_F(ParserTest, BundleIconFallsBackToTheGenericImage) {
     EXPECT_EQ(record->iconPath(), QDir(bundle).filePath(QStringLiteral("icon.png")));
 }
 
-TEST(HeaderWriter, WritesLinesInOrder) {
+TEST(HeaderWriter, WritesLinesInOrder)
+{
     DevelopActionRequest request;
     request.name = QStringLiteral("Mine");
     request.description = QStringLiteral("Line one\nLine two");
@@ -626,7 +651,8 @@ TEST(HeaderWriter, WritesLinesInOrder) {
     EXPECT_TRUE(clickOnly.contains(QStringLiteral("# Events: Clicked\n")));
 }
 
-TEST(HeaderRewrite, KeepsBodyFromTheBlankLineAfterTheOldHeader) {
+TEST(HeaderRewrite, KeepsBodyFromTheBlankLineAfterTheOldHeader)
+{
     QStringList lines;
     lines << QStringLiteral("# Skelvo Action Info") << QStringLiteral("# Name: Old");
     for (int i = 2; i < 8; ++i) {
@@ -664,7 +690,8 @@ TEST(HeaderRewrite, KeepsBodyFromTheBlankLineAfterTheOldHeader) {
               QStringLiteral("# H\n\nbody"));
 }
 
-TEST_F(ParserTest, RewriteMetaDataReplacesTheHeaderOnDisk) {
+TEST_F(ParserTest, RewriteMetaDataReplacesTheHeaderOnDisk)
+{
     const QString bundle =
         addBundle(userDir(), QStringLiteral("R.skbundle"),
                   "# Skelvo Action Info\n# Name: R\n# a: 1\n# b: 2\n# c: 3\n# d: 4\n\nputs 'hi'\n");
@@ -687,7 +714,8 @@ TEST_F(ParserTest, RewriteMetaDataReplacesTheHeaderOnDisk) {
     EXPECT_TRUE(log.contains(QStringLiteral(" in rewriteMetaData\n")));
 }
 
-TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate) {
+TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate)
+{
     addFile(userDir(), QStringLiteral("taken.skelvo"), header(QStringLiteral("Taken")));
     DevelopActionController controller(parser);
     DevelopActionRequest request;
@@ -721,7 +749,8 @@ TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate) {
               QStringLiteral("You should re-install Skelvo."));
 }
 
-TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates) {
+TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates)
+{
     TestHome home;
     FakePresenters presenters;
     ActionFileParser parser(SupportPaths::internalActionsDirectory(),

@@ -4,7 +4,8 @@
 
 #include <gtest/gtest.h>
 
-TEST(NotificationCenter, DeliversNameObjectAndUserInfoToMatchingObservers) {
+TEST(NotificationCenter, DeliversNameObjectAndUserInfoToMatchingObservers)
+{
     NotificationCenter& center = NotificationCenter::shared();
     QObject sender;
     QObject other;
@@ -34,7 +35,8 @@ TEST(NotificationCenter, DeliversNameObjectAndUserInfoToMatchingObservers) {
     EXPECT_TRUE(seen.isEmpty());
 }
 
-TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold) {
+TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold)
+{
     NotificationCenter& center = NotificationCenter::shared();
     int calls = 0;
     int second = 0;
@@ -51,7 +53,8 @@ TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST(NotificationCenter, SenderFilterDropsDestroyedSenders) {
+TEST(NotificationCenter, SenderFilterDropsDestroyedSenders)
+{
     NotificationCenter& center = NotificationCenter::shared();
     int calls = 0;
     auto sender = std::make_unique<QObject>();

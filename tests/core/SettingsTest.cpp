@@ -9,7 +9,8 @@
 
 #include <gtest/gtest.h>
 
-TEST(Settings, LenientBooleansOnlyNoIsFalse) {
+TEST(Settings, LenientBooleansOnlyNoIsFalse)
+{
     TestHome home;
     Settings settings(QDir(home.path()).filePath(QStringLiteral("s.json")));
     struct Row {
@@ -37,7 +38,8 @@ TEST(Settings, LenientBooleansOnlyNoIsFalse) {
     EXPECT_FALSE(settings.boolValue(QStringLiteral("NeverSet")));
 }
 
-TEST(Settings, DefaultsAnswerUntilSetAndAreNotWritten) {
+TEST(Settings, DefaultsAnswerUntilSetAndAreNotWritten)
+{
     TestHome home;
     const QString path = QDir(home.path()).filePath(QStringLiteral("s.json"));
     {
@@ -65,7 +67,8 @@ TEST(Settings, DefaultsAnswerUntilSetAndAreNotWritten) {
     EXPECT_FALSE(Settings(path).contains(Settings::PlaySounds));
 }
 
-TEST(Settings, DamagedFileIsKeptAsideNotLost) {
+TEST(Settings, DamagedFileIsKeptAsideNotLost)
+{
     TestHome home;
     const QString path = home.writeFile(QStringLiteral("s.json"), "{ not json");
     Settings settings(path);

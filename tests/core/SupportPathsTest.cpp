@@ -8,7 +8,8 @@
 
 #include <gtest/gtest.h>
 
-TEST(SupportPaths, SkelvoHomeReplacesEveryRoot) {
+TEST(SupportPaths, SkelvoHomeReplacesEveryRoot)
+{
     TestHome home;
     const QDir root(home.path());
     EXPECT_EQ(SupportPaths::applicationSupportDirectory(),
@@ -27,7 +28,8 @@ TEST(SupportPaths, SkelvoHomeReplacesEveryRoot) {
         << "runtime folder must be private";
 }
 
-TEST(SupportPaths, XdgVariablesAreHonouredAndRelativeOnesIgnored) {
+TEST(SupportPaths, XdgVariablesAreHonouredAndRelativeOnesIgnored)
+{
     TestHome home;
     qunsetenv("SKELVO_HOME");
     const QByteArray previous = qgetenv("XDG_DATA_HOME");
@@ -40,7 +42,8 @@ TEST(SupportPaths, XdgVariablesAreHonouredAndRelativeOnesIgnored) {
     qputenv("XDG_DATA_HOME", previous);
 }
 
-TEST(SupportPaths, UniqueFoldersAreFreshAndNamedByKind) {
+TEST(SupportPaths, UniqueFoldersAreFreshAndNamedByKind)
+{
     TestHome home;
     const QString a = SupportPaths::uniquePromisedFilesDirectory();
     const QString b = SupportPaths::uniquePromisedFilesDirectory();
@@ -53,7 +56,8 @@ TEST(SupportPaths, UniqueFoldersAreFreshAndNamedByKind) {
     EXPECT_TRUE(QFileInfo(a).isDir());
 }
 
-TEST(SupportPaths, UnwritableSupportFolderIsLoggedAndStillReturned) {
+TEST(SupportPaths, UnwritableSupportFolderIsLoggedAndStillReturned)
+{
     TestHome home;
     LogCapture log;
     home.writeFile(QStringLiteral("data/Skelvo"), "a file in the way");
@@ -65,7 +69,8 @@ TEST(SupportPaths, UnwritableSupportFolderIsLoggedAndStillReturned) {
     EXPECT_TRUE(log.contains(QStringLiteral("Error creating folder at ")));
 }
 
-TEST(Identifiers, TileIds) {
+TEST(Identifiers, TileIds)
+{
     EXPECT_EQ(Identifiers::AddToGridTileId, 0x7FFFFFFFFFFFFFFELL);
     EXPECT_TRUE(Identifiers::isDropbarId(100000));
     EXPECT_TRUE(Identifiers::isDropbarId(100001));

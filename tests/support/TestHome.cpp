@@ -39,10 +39,12 @@ QString TestHome::writeFile(const QString& relativePath, const QByteArray& conte
 
 LogCapture::LogCapture()
     : m_token(Log::addSink([this](Log::Level, const QString& message) { m_lines << message; }))
-{
-}
+{}
 
-LogCapture::~LogCapture() { Log::removeSink(m_token); }
+LogCapture::~LogCapture()
+{
+    Log::removeSink(m_token);
+}
 
 bool LogCapture::contains(const QString& text) const
 {

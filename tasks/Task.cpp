@@ -1,0 +1,345 @@
+#include "tasks/Task.h"
+
+#include "actions/ActionFileParser.h"
+#include "core/Log.h"
+#include "core/Settings.h"
+#include "core/SupportPaths.h"
+#include "core/Version.h"
+#include "platform/SystemInfo.h"
+#include "tasks/DebugConsoleController.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+#include <utility>
+
+namespace {
+
+const QString MaskedKeys[] = {
+    QStringLiteral("consumer_key"),  QStringLiteral("consumer_secret"),
+    QStringLiteral("api_key"),       QStringLiteral("client_id"),
+    QStringLiteral("client_secret"), QStringLiteral("access_token"),
+    QStringLiteral("refresh_token"), QStringLiteral("access_key_id"),
+    QStringLiteral("username"),      QStringLiteral("unique_client_id"),
+};
+
+Task::RunnerStarter& runnerStarter()
+{
+    static Task::RunnerStarter starter;
+    return starter;
+}
+
+QString quoted(const QString& text)
+{
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+} // namespace
+
+Task::Task(QObject* parent)
+    : QObject(parent)
+    , m_debugConsole(&DebugConsoleController::shared())
+{}
+
+Task::~Task() = default;
+
+std::unique_ptr<Task> Task::copy() const
+{
+    auto task = std::make_unique<Task>();
+    task->actionFile = actionFile;
+    task->event = event;
+    task->items = items;
+    task->variables = variables;
+    task->m_debugConsole = m_debugConsole;
+    return task;
+}
+
+void Task::run()
+{
+    ActionFileParser::shared().invalidateActionsCache();
+    const std::optional<QString> description = generateTaskDescription(false);
+    m_debugConsole->setLastRunTask(copy());
+    runWithTaskDescription(description);
+}
+
+void Task::runWithTaskDescription(const std::optional<QString>& description)
+{
+    const std::optional<QString> path = writeTaskDescriptionFile(description);
+    if (!path) {
+        finishCompletion();
+        return;
+    }
+    m_taskDescriptionPath = *path;
+    appendDebugConsoleInfo();
+
+    const RunnerStarter& starter = runnerStarter();
+    if (!starter) {
+        Log::error(
+            QStringLiteral("No task runner is installed; %1 of action \"%2\" was not started")
+                .arg(QFileInfo(m_taskDescriptionPath).fileName(), actionFile->actionName));
+        cleanup();
+        return;
+    }
+    if (!starter(*this)) {
+        cleanup();
+    }
+}
+
+std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) const
+{
+    if (!actionFile) {
+        Log::error(QStringLiteral("Task for event \"%1\" has no action").arg(event));
+        return std::nullopt;
+    }
+
+    QString itemsLine;
+    if (!items.isEmpty()) {
+        // Only file paths are escaped; dragged text reaches the script exactly as it came.
+        const bool escape = variables.value(DraggedTypeVariable) == QLatin1String("files");
+        itemsLine = QStringLiteral("ITEMS: ");
+        for (const QString& item : items) {
+            QString written = item;
+            if (escape) {
+                written.replace(QLatin1Char('"'), QLatin1String("\\\""));
+            }
+            itemsLine += quoted(written) + QLatin1Char(' ');
+        }
+        itemsLine = itemsLine.trimmed();
+    }
+
+    // Tasks of grid actions add the stored record's variables and keychain password here,
+    // once the grid store exists.
+    TaskVariables merged = variables;
+
+    if (actionFile->optionsNibNeedsKeychain()) {
+        const QString key = actionFile->keychainPasswordKey();
+        if (!key.isEmpty() && merged.contains(key)) {
+            merged.insert(PasswordVariable, key);
+            merged.insert(key, debugConsoleMode
+                                   ? MaskedValue
+                                   : QString::fromLatin1(merged.value(key).toUtf8().toBase64()));
+        }
+    }
+
+    merged.insert(constantVariablesForActionFile(*actionFile));
+
+    merged.insert(QStringLiteral("support_folder"), SupportPaths::applicationSupportDirectory());
+    merged.insert(QStringLiteral("tmp_folder"), QDir::tempPath());
+    merged.insert(QStringLiteral("app_version"), Version::shortVersionString());
+    merged.insert(QStringLiteral("os_version"), SystemInfo::osVersion());
+    if (SystemInfo::isAppleSiliconEquivalent()) {
+        merged.insert(QStringLiteral("apple_silicon"), QStringLiteral("1"));
+    }
+    if (Settings::shared().boolValue(Settings::DisableSSLVerify)) {
+        merged.insert(QStringLiteral("disable_ssl_verify"), QStringLiteral("1"));
+    }
+
+    merged.insert(proxyVariables());
+
+    if (debugConsoleMode) {
+        merged = obfuscateVariables(merged);
+    }
+
+    QString variablesBlock;
+    for (auto it = merged.cbegin(); it != merged.cend(); ++it) {
+        if (it.key() == ScopedBookmarkVariable) {
+            continue;
+        }
+        variablesBlock += QStringLiteral("VARIABLE: ") + quoted(it.key()) + QLatin1Char(' ') +
+                          quoted(it.value()) + QLatin1Char('\n');
+    }
+    if (itemsLine.isEmpty()) {
+        variablesBlock = variablesBlock.trimmed();
+    }
+
+    return QStringLiteral("ACTION: ") + quoted(actionFile->taskPath) + QStringLiteral("\nEVENT: ") +
+           quoted(event) + QLatin1Char('\n') + variablesBlock + itemsLine;
+}
+
+std::optional<QString> Task::writeTaskDescriptionFile(const std::optional<QString>& text) const
+{
+    if (!text) {
+        return std::nullopt;
+    }
+    const QString path = generateTaskDescriptionPath();
+    auto failed = [&path](const QString& error) {
+        Log::error(QStringLiteral("Error writing task description file %1\n%2").arg(path, error));
+        return std::nullopt;
+    };
+    if (path.isEmpty()) {
+        return failed(QStringLiteral("The Tasks folder is not available"));
+    }
+
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        return failed(file.errorString());
+    }
+    // Private before any secret is written into it.
+    if (!file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
+        file.cancelWriting();
+        return failed(file.errorString());
+    }
+    const QByteArray bytes = text->toUtf8();
+    if (file.write(bytes) != bytes.size() || !file.commit()) {
+        return failed(file.errorString());
+    }
+    return path;
+}
+
+void Task::appendDebugConsoleInfo() const
+{
+    const QString name = QFileInfo(m_taskDescriptionPath).fileName();
+    m_debugConsole->appendBold(QStringLiteral("\n[Launching task with command line: "));
+    m_debugConsole->appendBold(QStringLiteral("runner.rb ") + name + QStringLiteral("]\n\n"));
+    const auto black = DebugConsoleController::Colour::Black;
+    m_debugConsole->append(
+        QStringLiteral("Task description file ") + name + QStringLiteral(":\n\n"), black);
+    m_debugConsole->append(generateTaskDescription(true).value_or(QString()), black);
+    m_debugConsole->append(QStringLiteral("\n"), black);
+}
+
+void Task::finishCompletion()
+{
+    std::function<void()> block = std::exchange(completion, nullptr);
+    if (!block) {
+        return;
+    }
+    QCoreApplication* application = QCoreApplication::instance();
+    if (!application) {
+        // Without an application object there is no main loop to defer to.
+        block();
+        return;
+    }
+    QMetaObject::invokeMethod(application, std::move(block), Qt::QueuedConnection);
+}
+
+void Task::cleanup()
+{
+    finishCompletion();
+    if (m_taskDescriptionPath.isEmpty() || m_descriptionFileRemoved ||
+        Settings::shared().boolValue(Settings::KeepTaskDescriptionFiles)) {
+        return;
+    }
+    QFile file(m_taskDescriptionPath);
+    if (!file.remove()) {
+        Log::error(QStringLiteral("Error deleting task description file with path (%1): %2")
+                       .arg(m_taskDescriptionPath, file.errorString()));
+        return;
+    }
+    m_descriptionFileRemoved = true;
+}
+
+QString Task::tasksDirectory()
+{
+    const QString path = SupportPaths::tasksDirectory();
+    if (!path.isEmpty()) {
+        QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                        QFileDevice::ExeOwner);
+    }
+    return path;
+}
+
+QString Task::generateTaskDescriptionPath()
+{
+    return generateTaskDescriptionPath([] { return randomId(); });
+}
+
+QString Task::generateTaskDescriptionPath(const std::function<QString()>& drawId)
+{
+    const QString directory = tasksDirectory();
+    if (directory.isEmpty()) {
+        return {};
+    }
+    QString path;
+    QFileInfo info;
+    do {
+        path = QDir(directory).filePath(QStringLiteral("task-") + drawId());
+        info.setFile(path);
+    } while (info.exists() || info.isSymLink());
+    return path;
+}
+
+QString Task::randomId()
+{
+    return randomId(*QRandomGenerator::global());
+}
+
+QString Task::randomId(QRandomGenerator& generator)
+{
+    static const QString digits = QStringLiteral("123456789");
+    QString id;
+    for (int i = 0; i < 5; ++i) {
+        id += digits.at(static_cast<qsizetype>(generator.bounded(9u)));
+    }
+    return id;
+}
+
+TaskVariables Task::proxyVariables()
+{
+    const ProxySettings settings = ProxySettings::system();
+    return proxyVariables(settings.httpProbeProxies(), settings.httpsProbeProxies());
+}
+
+TaskVariables Task::proxyVariables(const ProxyEntryList& httpProxies,
+                                   const ProxyEntryList& httpsProxies)
+{
+    auto address = [](const ProxyEntry& entry) {
+        // An IPv6 literal needs its brackets to stay a valid URL.
+        const QString host = entry.host.contains(QLatin1Char(':'))
+                                 ? QLatin1Char('[') + entry.host + QLatin1Char(']')
+                                 : entry.host;
+        return host + QLatin1Char(':') + QString::number(entry.port);
+    };
+    TaskVariables result;
+    for (const ProxyEntryList* list : {&httpProxies, &httpsProxies}) {
+        for (const ProxyEntry& entry : *list) {
+            if (isLocalProxyHost(entry.host)) {
+                if (!result.contains(HttpProxyVariable)) {
+                    result.insert(HttpProxyVariable, QStringLiteral("http://") + address(entry));
+                }
+                continue;
+            }
+            if (entry.type == ProxyEntry::Type::HTTP && !result.contains(HttpProxyVariable)) {
+                result.insert(HttpProxyVariable, QStringLiteral("http://") + address(entry));
+            } else if (entry.type == ProxyEntry::Type::HTTPS &&
+                       !result.contains(HttpsProxyVariable)) {
+                result.insert(HttpsProxyVariable, QStringLiteral("https://") + address(entry));
+            }
+        }
+    }
+    return result;
+}
+
+bool Task::isLocalProxyHost(const QString& host)
+{
+    return host == QLatin1String("127.0.0.1") || host == QLatin1String("localhost");
+}
+
+TaskVariables Task::obfuscateVariables(const TaskVariables& variables)
+{
+    TaskVariables masked = variables;
+    for (const QString& key : MaskedKeys) {
+        if (masked.contains(key)) {
+            masked.insert(key, MaskedValue);
+        }
+    }
+    return masked;
+}
+
+TaskVariables Task::constantVariablesForActionFile(const ActionFile& actionFile)
+{
+    return actionFile.constantVariables();
+}
+
+void Task::setRunnerStarter(RunnerStarter starter)
+{
+    runnerStarter() = std::move(starter);
+}
+
+bool Task::hasRunnerStarter()
+{
+    return static_cast<bool>(runnerStarter());
+}

@@ -1,0 +1,96 @@
+#pragma once
+
+#include "actions/ActionFile.h"
+#include "platform/ProxySettings.h"
+
+#include <QMap>
+#include <QObject>
+#include <QRandomGenerator>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class DebugConsoleController;
+
+using TaskVariables = QMap<QString, QString>;
+
+// One run of a script action: the action, the event that started it, the items it acts on
+// and the variables handed to the script. Running it writes all of that into a private task
+// description file whose path the task runner hands to the runner script.
+//
+// A QObject because the runner, status rows and notifications refer to a task while it runs
+// and must notice when it is gone (QPointer); a runner can also live as the task's child.
+class Task : public QObject {
+    Q_OBJECT
+public:
+    // Starts the runner for a written task. Returns false when it did not take the task;
+    // the task then cleans up after itself, as it does when no starter is installed.
+    using RunnerStarter = std::function<bool(Task&)>;
+
+    static inline const QString MaskedValue = QStringLiteral("\u2022\u2022\u2022\u2022");
+    static inline const QString DraggedTypeVariable = QStringLiteral("dragged_type");
+    static inline const QString PasswordVariable = QStringLiteral("password_variable");
+    static inline const QString ScopedBookmarkVariable = QStringLiteral("scoped_bookmark");
+    static inline const QString HttpProxyVariable = QStringLiteral("http_proxy");
+    static inline const QString HttpsProxyVariable = QStringLiteral("https_proxy");
+
+    explicit Task(QObject* parent = nullptr);
+    ~Task() override;
+
+    ActionFilePtr actionFile;
+    QString event;
+    QStringList items; // file paths, or the dragged text or URL
+    TaskVariables variables;
+    // Carried untouched for the folder monitor that started the run.
+    std::shared_ptr<void> folderMonitorContext;
+    // Runs once, later on the main event loop, when the task is finished.
+    std::function<void()> completion;
+
+    // Set once the description file is written.
+    QString taskDescriptionPath() const { return m_taskDescriptionPath; }
+    DebugConsoleController& debugConsole() const { return *m_debugConsole; }
+
+    // The same action, event, items and variables, without path, runner or completion.
+    std::unique_ptr<Task> copy() const;
+
+    void run();
+    void runWithTaskDescription(const std::optional<QString>& description);
+
+    // The description file's text; none when the task must not run.
+    std::optional<QString> generateTaskDescription(bool debugConsoleMode) const;
+    // Returns the path written, or none.
+    std::optional<QString> writeTaskDescriptionFile(const std::optional<QString>& text) const;
+    void appendDebugConsoleInfo() const;
+
+    void finishCompletion();
+    // Finishes the completion and deletes the description file unless the user keeps them.
+    void cleanup();
+
+    // "Tasks" in the support folder, private to the user; empty when it cannot be created.
+    static QString tasksDirectory();
+    // A path in the Tasks folder where no file exists yet; empty without a Tasks folder.
+    static QString generateTaskDescriptionPath();
+    static QString generateTaskDescriptionPath(const std::function<QString()>& drawId);
+    // Five characters, each drawn uniformly from "123456789".
+    static QString randomId();
+    static QString randomId(QRandomGenerator& generator);
+
+    static TaskVariables proxyVariables();
+    static TaskVariables proxyVariables(const ProxyEntryList& httpProxies,
+                                        const ProxyEntryList& httpsProxies);
+    static bool isLocalProxyHost(const QString& host);
+    static TaskVariables obfuscateVariables(const TaskVariables& variables);
+    static TaskVariables constantVariablesForActionFile(const ActionFile& actionFile);
+
+    // Installed once by the task runner at start-up.
+    static void setRunnerStarter(RunnerStarter starter);
+    static bool hasRunnerStarter();
+
+private:
+    QString m_taskDescriptionPath;
+    DebugConsoleController* m_debugConsole;
+    bool m_descriptionFileRemoved = false;
+};
