@@ -5,6 +5,7 @@
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "tasks/DebugConsoleController.h"
 
 #include <QDir>
 #include <QJsonObject>
@@ -36,6 +37,8 @@ void AppDelegate::applicationDidFinishLaunching()
                        m_headless ? QStringLiteral(" headless") : QString()));
 
     registerDefaultSettings();
+    DebugConsoleController::shared().setLogFile(
+        QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("debug-console.log")));
 
     // Working folders for dropped data and Drop Bar text.
     SupportPaths::promisedFilesDirectory();

@@ -8,6 +8,12 @@ NotificationCenter& NotificationCenter::shared()
     return center;
 }
 
+NotificationCenter& NotificationCenter::distributed()
+{
+    static NotificationCenter center;
+    return center;
+}
+
 int NotificationCenter::addObserver(const QString& name, const QObject* sender, Observer observer)
 {
     const int token = m_nextToken++;

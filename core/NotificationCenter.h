@@ -28,6 +28,14 @@ inline const QString ActionSingleInstallCompleted =
 inline const QString CloseActionConfigWindows = QStringLiteral("SKCloseActionConfigWindows");
 } // namespace Notifications
 
+// Names of the notifications between the command-line tool and the application.
+namespace CmdLineNotifications {
+inline const QString RunTask = QStringLiteral("SkelvoRunCmdLineTask");
+inline const QString Running = QStringLiteral("SkelvoRunCmdLineRunning");
+inline const QString Response = QStringLiteral("SkelvoRunCmdLineResponse");
+inline const QString Finish = QStringLiteral("SkelvoRunCmdLineFinish");
+} // namespace CmdLineNotifications
+
 struct Notification {
     QString name;
     QPointer<QObject> object;
@@ -42,6 +50,8 @@ public:
     using Observer = std::function<void(const Notification&)>;
 
     static NotificationCenter& shared();
+    // The centre whose notifications reach the command-line tool (through its socket).
+    static NotificationCenter& distributed();
 
     // Observes `name` (all names when empty), from `sender` only when one is given.
     // The returned token removes the observer again.

@@ -1,5 +1,8 @@
 #include "tasks/DebugConsoleController.h"
 
+#include "actions/ActionFileParser.h"
+#include "core/AlertHelper.h"
+#include "core/WindowPresenter.h"
 #include "tasks/Task.h"
 
 DebugConsoleController& DebugConsoleController::shared()
@@ -25,7 +28,9 @@ void DebugConsoleController::append(const QString& text, Colour colour, bool bol
         m_runs.append(Run{text, colour, bold});
     }
     m_length += text.size();
-    Q_EMIT appended(Run{text, colour, bold});
+    const Run run{text, colour, bold};
+    writeToLog(run);
+    Q_EMIT appended(run);
     trimToMaximum();
 }
 
@@ -77,4 +82,60 @@ void DebugConsoleController::trimToMaximum()
         }
     }
     Q_EMIT trimmed();
+}
+
+void DebugConsoleController::appendBold(const QString& text)
+{
+    append(text, Colour::Black, true);
+    m_taskControlsEnabled = true;
+}
+
+bool DebugConsoleController::setLogFile(const QString& path)
+{
+    if (m_logFile.isOpen()) {
+        m_logFile.close();
+    }
+    m_logFile.setFileName(path);
+    return m_logFile.open(QIODevice::Append);
+}
+
+void DebugConsoleController::writeToLog(const Run& run)
+{
+    if (!m_logFile.isOpen()) {
+        return;
+    }
+    QString text = run.text;
+    if (run.bold || run.colour == Colour::Red) {
+        const QString mark = run.bold ? QStringLiteral("** ") : QStringLiteral("!! ");
+        text.replace(QStringLiteral("\n"), QStringLiteral("\n") + mark);
+        text.prepend(mark);
+        if (text.endsWith(mark)) {
+            text.chop(mark.size());
+        }
+    }
+    m_logFile.write(text.toUtf8());
+    m_logFile.flush();
+}
+
+void DebugConsoleController::showDebugConsole()
+{
+    WindowPresenter::shared().showDebugConsole();
+}
+
+Task* DebugConsoleController::rerunLast()
+{
+    if (!m_lastRunTask || !m_lastRunTask->actionFile) {
+        return nullptr;
+    }
+    if (!ActionFileParser::shared().getActionWithType(m_lastRunTask->actionFile->actionName)) {
+        AlertHelper::showCriticalAlertWithTitle(
+            QStringLiteral("Missing Action Bundle"),
+            QStringLiteral("The last run action bundle could not be found."));
+        return nullptr;
+    }
+    Task* task = m_lastRunTask->copy().release();
+    // Until the tasks controller takes it, the console holds the task.
+    task->setParent(this);
+    task->run();
+    return task;
 }

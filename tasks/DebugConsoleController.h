@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFile>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -34,7 +35,8 @@ public:
 
     // Appends text in the colour; text in the style of the last run extends that run.
     void append(const QString& text, Colour colour = Colour::Black, bool bold = false);
-    void appendBold(const QString& text) { append(text, Colour::Black, true); }
+    // Bold text in the text colour; it announces a task, so the task controls come on.
+    void appendBold(const QString& text);
 
     QString text() const;
     const QList<Run>& runs() const { return m_runs; }
@@ -46,6 +48,17 @@ public:
     // A copy of the last task started (without path, runner or completion), or none.
     std::shared_ptr<Task> lastRunTask() const { return m_lastRunTask; }
     void setLastRunTask(std::shared_ptr<Task> task);
+    // Whether edit-last and re-run-last are available: set once a task has started.
+    bool taskControlsEnabled() const { return m_taskControlsEnabled; }
+
+    // Also writes everything appended to this file, so the console can be read headless
+    // (bold text is marked with ** and red text with !! at the start of its lines).
+    bool setLogFile(const QString& path);
+
+    void showDebugConsole();
+    // Runs the last task again if its action still exists; alerts when it does not.
+    // Returns the new task (owned by the tasks controller once it runs), or none.
+    Task* rerunLast();
 
 Q_SIGNALS:
     void appended(const DebugConsoleController::Run& run);
@@ -56,9 +69,12 @@ Q_SIGNALS:
 
 private:
     void trimToMaximum();
+    void writeToLog(const Run& run);
 
     QList<Run> m_runs;
     qsizetype m_length = 0;
     qsizetype m_maximumLength = DefaultMaximumLength;
     std::shared_ptr<Task> m_lastRunTask;
+    bool m_taskControlsEnabled = false;
+    QFile m_logFile;
 };

@@ -7,6 +7,9 @@
 #include "core/Version.h"
 #include "platform/SystemInfo.h"
 #include "tasks/DebugConsoleController.h"
+#include "tasks/FolderMonitorContext.h"
+#include "tasks/TaskRunner.h"
+#include "tasks/TasksController.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -76,14 +79,7 @@ void Task::runWithTaskDescription(const std::optional<QString>& description)
     appendDebugConsoleInfo();
 
     const RunnerStarter& starter = runnerStarter();
-    if (!starter) {
-        Log::error(
-            QStringLiteral("No task runner is installed; %1 of action \"%2\" was not started")
-                .arg(QFileInfo(m_taskDescriptionPath).fileName(), actionFile->actionName));
-        cleanup();
-        return;
-    }
-    if (!starter(*this)) {
+    if (!(starter ? starter(*this) : startTaskRunner(*this))) {
         cleanup();
     }
 }
@@ -339,7 +335,40 @@ void Task::setRunnerStarter(RunnerStarter starter)
     runnerStarter() = std::move(starter);
 }
 
-bool Task::hasRunnerStarter()
+bool Task::startTaskRunner(Task& task)
 {
-    return static_cast<bool>(runnerStarter());
+    // The runner lives and dies with its task; the tasks controller owns the task from here.
+    task.m_taskRunner = new TaskRunner(&task, &task);
+    TasksController::shared().addTask(&task);
+    task.m_taskRunner->run();
+    return true;
+}
+
+QString Task::actionType() const
+{
+    return actionFile ? actionFile->actionName : QString();
+}
+
+QString Task::actionIconPath() const
+{
+    return actionFile ? actionFile->iconPath() : QString();
+}
+
+std::optional<QString> Task::gridActionVariable(const QString& name) const
+{
+    Q_UNUSED(name);
+    return std::nullopt;
+}
+
+bool Task::setGridActionVariable(const QString& name, const QString& value)
+{
+    Q_UNUSED(name);
+    Q_UNUSED(value);
+    return false;
+}
+
+bool Task::removeGridActionVariable(const QString& name)
+{
+    Q_UNUSED(name);
+    return false;
 }

@@ -14,6 +14,8 @@
 #include <optional>
 
 class DebugConsoleController;
+class FolderMonitorContext;
+class TaskRunner;
 
 using TaskVariables = QMap<QString, QString>;
 
@@ -27,7 +29,7 @@ class Task : public QObject {
     Q_OBJECT
 public:
     // Starts the runner for a written task. Returns false when it did not take the task;
-    // the task then cleans up after itself, as it does when no starter is installed.
+    // the task then cleans up after itself. Tests replace the real TaskRunner with one.
     using RunnerStarter = std::function<bool(Task&)>;
 
     static inline const QString MaskedValue = QStringLiteral("\u2022\u2022\u2022\u2022");
@@ -45,13 +47,23 @@ public:
     QStringList items; // file paths, or the dragged text or URL
     TaskVariables variables;
     // Carried untouched for the folder monitor that started the run.
-    std::shared_ptr<void> folderMonitorContext;
+    std::shared_ptr<FolderMonitorContext> folderMonitorContext;
     // Runs once, later on the main event loop, when the task is finished.
     std::function<void()> completion;
 
     // Set once the description file is written.
     QString taskDescriptionPath() const { return m_taskDescriptionPath; }
     DebugConsoleController& debugConsole() const { return *m_debugConsole; }
+    // The runner of this run, once started.
+    TaskRunner* taskRunner() const { return m_taskRunner; }
+
+    // What the user knows the action as, and its icon.
+    QString actionType() const;
+    QString actionIconPath() const;
+    // The extra variables stored with the grid action, if the task runs one.
+    std::optional<QString> gridActionVariable(const QString& name) const;
+    bool setGridActionVariable(const QString& name, const QString& value);
+    bool removeGridActionVariable(const QString& name);
 
     // The same action, event, items and variables, without path, runner or completion.
     std::unique_ptr<Task> copy() const;
@@ -85,12 +97,14 @@ public:
     static TaskVariables obfuscateVariables(const TaskVariables& variables);
     static TaskVariables constantVariablesForActionFile(const ActionFile& actionFile);
 
-    // Installed once by the task runner at start-up.
+    // Replaces how tasks are started; an empty starter restores the real runner.
     static void setRunnerStarter(RunnerStarter starter);
-    static bool hasRunnerStarter();
 
 private:
+    static bool startTaskRunner(Task& task);
+
     QString m_taskDescriptionPath;
+    TaskRunner* m_taskRunner = nullptr;
     DebugConsoleController* m_debugConsole;
     bool m_descriptionFileRemoved = false;
 };

@@ -15,10 +15,27 @@ FakePresenters::FakePresenters()
 {
     AlertHelper::setPresenter(m_alerts);
     WindowPresenter::setShared(m_windows);
+    DesktopServices::setShared(m_desktop);
 }
 
 FakePresenters::~FakePresenters()
 {
     AlertHelper::setPresenter(nullptr);
     WindowPresenter::setShared(nullptr);
+    DesktopServices::setShared(nullptr);
+}
+
+void FakeWindowPresenter::chooseFolder(const QString& title, const QString& prompt,
+                                       const QString& startFolder,
+                                       std::function<void(const QString&)> chosen)
+{
+    FolderRequest request{title, prompt, startFolder, std::move(chosen)};
+    folderRequests << request;
+    if (m_folders.empty()) {
+        pendingFolderRequests << request;
+        return;
+    }
+    const QString folder = m_folders.front();
+    m_folders.pop_front();
+    request.chosen(folder);
 }

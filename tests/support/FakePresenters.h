@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/AlertHelper.h"
+#include "core/DesktopServices.h"
 #include "core/WindowPresenter.h"
 
 #include <QList>
@@ -25,12 +26,47 @@ class FakeWindowPresenter : public WindowPresenter {
 public:
     void openSettingsPage(const QString& page) override { settingsPages << page; }
     void showEditWindowForAction(ActionId actionId) override { editedActions << actionId; }
+    void showDebugConsole() override { ++debugConsoleShown; }
+    // Answers with the next queued folder ("" cancels); without one the request waits in
+    // pendingFolderRequests until the test answers it.
+    void chooseFolder(const QString& title, const QString& prompt, const QString& startFolder,
+                      std::function<void(const QString&)> chosen) override;
+    void setNextFolder(const QString& folder) { m_folders.push_back(folder); }
+
+    struct FolderRequest {
+        QString title;
+        QString prompt;
+        QString startFolder;
+        std::function<void(const QString&)> chosen;
+    };
 
     QStringList settingsPages;
     QList<ActionId> editedActions;
+    int debugConsoleShown = 0;
+    QList<FolderRequest> folderRequests;
+    QList<FolderRequest> pendingFolderRequests;
+
+private:
+    std::deque<QString> m_folders;
 };
 
-// Installs both fakes for the lifetime of a test and restores the headless ones afterwards.
+// Records what the engine asks of the desktop.
+class FakeDesktopServices : public DesktopServices {
+public:
+    void pasteUrl(const QString& url) override { clipboard << QStringLiteral("url:") + url; }
+    void pasteString(const QString& text) override { clipboard << QStringLiteral("text:") + text; }
+    void playSound(const QString& name) override { sounds << name; }
+    void sendNotification(const UserNotification& notification) override
+    {
+        notifications << notification;
+    }
+
+    QStringList clipboard;
+    QStringList sounds;
+    QList<UserNotification> notifications;
+};
+
+// Installs the fakes for the lifetime of a test and restores the headless ones afterwards.
 class FakePresenters {
 public:
     FakePresenters();
@@ -40,8 +76,10 @@ public:
 
     FakeAlertPresenter& alerts() { return *m_alerts; }
     FakeWindowPresenter& windows() { return *m_windows; }
+    FakeDesktopServices& desktop() { return *m_desktop; }
 
 private:
     std::shared_ptr<FakeAlertPresenter> m_alerts = std::make_shared<FakeAlertPresenter>();
     std::shared_ptr<FakeWindowPresenter> m_windows = std::make_shared<FakeWindowPresenter>();
+    std::shared_ptr<FakeDesktopServices> m_desktop = std::make_shared<FakeDesktopServices>();
 };

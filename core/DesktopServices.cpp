@@ -1,0 +1,45 @@
+#include "core/DesktopServices.h"
+
+#include "core/Log.h"
+
+namespace {
+
+std::shared_ptr<DesktopServices>& current()
+{
+    static std::shared_ptr<DesktopServices> services = std::make_shared<HeadlessDesktopServices>();
+    return services;
+}
+
+} // namespace
+
+DesktopServices& DesktopServices::shared()
+{
+    return *current();
+}
+
+void DesktopServices::setShared(std::shared_ptr<DesktopServices> services)
+{
+    current() = services ? std::move(services) : std::make_shared<HeadlessDesktopServices>();
+}
+
+void HeadlessDesktopServices::pasteUrl(const QString& url)
+{
+    m_clipboard = url;
+    Log::info(QStringLiteral("Clipboard: %1").arg(url));
+}
+
+void HeadlessDesktopServices::pasteString(const QString& text)
+{
+    m_clipboard = text;
+    Log::info(QStringLiteral("Clipboard: %1").arg(text));
+}
+
+void HeadlessDesktopServices::playSound(const QString& name)
+{
+    Log::debug(QStringLiteral("Sound \"%1\" (no display)").arg(name));
+}
+
+void HeadlessDesktopServices::sendNotification(const UserNotification& notification)
+{
+    Log::info(QStringLiteral("Notification: %1 -- %2").arg(notification.title, notification.body));
+}

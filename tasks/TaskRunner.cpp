@@ -1,0 +1,246 @@
+#include "tasks/TaskRunner.h"
+
+#include "core/AlertHelper.h"
+#include "core/Log.h"
+#include "core/NotificationCenter.h"
+#include "core/SupportPaths.h"
+#include "core/WindowPresenter.h"
+#include "platform/SystemInfo.h"
+#include "tasks/DebugConsoleController.h"
+#include "tasks/Task.h"
+#include "tasks/TaskOutputHandler.h"
+#include "tasks/TasksController.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcessEnvironment>
+#include <QStandardPaths>
+#include <QTimer>
+
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+QString architectureSuffix()
+{
+    return SystemInfo::isAppleSiliconEquivalent() ? QStringLiteral("arm64")
+                                                  : QStringLiteral("x86_64");
+}
+
+QString systemExecutable(const QString& name)
+{
+    const QString found = QStandardPaths::findExecutable(name);
+    return found.isEmpty() ? name : found;
+}
+
+// Runs in the child between fork and exec: a process group of its own, so that a cancel
+// reaches everything the script started, and signal handling as a fresh process has it.
+void prepareChild()
+{
+    ::setpgid(0, 0);
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    sigemptyset(&action.sa_mask);
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sig != SIGKILL && sig != SIGSTOP) {
+            ::sigaction(sig, &action, nullptr);
+        }
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+} // namespace
+
+TaskRunner::TaskRunner(Task* task, QObject* parent)
+    : QObject(parent)
+    , m_task(task)
+    , m_libPath(SupportPaths::internalLibDirectory())
+{}
+
+TaskRunner::~TaskRunner()
+{
+    if (isRunning()) {
+        // Nothing may outlive the application's interest in it.
+        killGroup(SIGKILL);
+        m_process->waitForFinished(1000);
+    }
+}
+
+QString TaskRunner::embeddedRuntime(const QString& libPath, const QString& name,
+                                    const QString& executable)
+{
+    const QString path =
+        QStringLiteral("%1/%2/%2_%3/bin/%4").arg(libPath, name, architectureSuffix(), executable);
+    return QFileInfo(path).isExecutable() ? path : QString();
+}
+
+QString TaskRunner::launchPath() const
+{
+    const ActionFile* action = m_task ? m_task->actionFile.get() : nullptr;
+    if (action && !action->rubyPath.isEmpty()) {
+        return action->rubyPath;
+    }
+    if (action && action->optionsNib == u"AmazonS3Login") {
+        return QStringLiteral("/usr/bin/ruby");
+    }
+    const QString embedded =
+        embeddedRuntime(m_libPath, QStringLiteral("ruby"), QStringLiteral("ruby"));
+    return embedded.isEmpty() ? systemExecutable(QStringLiteral("ruby")) : embedded;
+}
+
+bool TaskRunner::isRunning() const
+{
+    return m_process && m_process->state() != QProcess::NotRunning;
+}
+
+qint64 TaskRunner::processId() const
+{
+    return m_process ? m_process->processId() : 0;
+}
+
+void TaskRunner::run()
+{
+    if (!m_task || !m_task->actionFile) {
+        return;
+    }
+    m_outputHandler = new TaskOutputHandler(m_task, this, this);
+    m_process = new QProcess(this);
+    // Standard error shares the pipe, so error text reaches the console among the output.
+    m_process->setProcessChannelMode(QProcess::MergedChannels);
+    m_process->setProgram(launchPath());
+
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("NSUnbufferedIO"), QStringLiteral("NO"));
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("en_US.UTF-8"));
+    environment.insert(QStringLiteral("RUBYOPT"), QStringLiteral("-Ku"));
+    const ActionFile& action = *m_task->actionFile;
+    if (action.isPythonAction) {
+        QString python = action.pythonPath;
+        if (python.isEmpty()) {
+            python =
+                embeddedRuntime(m_libPath, QStringLiteral("python"), QStringLiteral("python3"));
+        }
+        if (python.isEmpty()) {
+            python = systemExecutable(QStringLiteral("python3"));
+        }
+        environment.insert(QStringLiteral("PYTHON_PATH"), python);
+        environment.insert(QStringLiteral("PYTHONDONTWRITEBYTECODE"), QStringLiteral("1"));
+    }
+    m_process->setProcessEnvironment(environment);
+
+    const QString runnerPath = QDir(m_libPath).filePath(QStringLiteral("runner.rb"));
+    if (!QFileInfo::exists(runnerPath)) {
+        AlertHelper::showCriticalAlertWithTitle(
+            QStringLiteral("Failed to launch task"),
+            QStringLiteral("Could not find runner.rb at at '%1'\n\nYou should re-install Skelvo.")
+                .arg(runnerPath));
+        Log::error(QStringLiteral("runner.rb not found at %1").arg(runnerPath));
+        TasksController::shared().removeTask(m_task);
+        return;
+    }
+    m_process->setWorkingDirectory(m_libPath);
+    m_process->setArguments({runnerPath, m_task->taskDescriptionPath()});
+    m_process->setChildProcessModifier(prepareChild);
+
+    connect(m_process, &QProcess::readyReadStandardOutput, this, &TaskRunner::taskDataAvailable);
+    connect(m_process, &QProcess::finished, this, &TaskRunner::taskCompleted);
+    connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
+        if (error != QProcess::FailedToStart) {
+            return;
+        }
+        const QString reason = m_process->errorString();
+        Log::error(QStringLiteral("Failed to launch task: %1").arg(reason));
+        TasksController::shared().removeTask(m_task);
+        AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Failed to launch task"), reason);
+    });
+    m_process->start();
+    m_groupId = m_process->processId();
+}
+
+void TaskRunner::taskDataAvailable()
+{
+    const QByteArray data = m_process->readAllStandardOutput();
+    // A lone byte, such as a bare newline, is neither processed nor acknowledged.
+    if (data.size() < 2) {
+        return;
+    }
+    // The decoder keeps a character split between two reads until it is whole.
+    const QString text = m_decoder.decode(data);
+    if (m_outputHandler) {
+        m_outputHandler->processOutput(text);
+    }
+    // A folder question is answered by the chooser instead.
+    if (!text.startsWith(QStringLiteral("Select_Folder:"))) {
+        writeToChild(QByteArrayLiteral("\n"));
+    }
+}
+
+void TaskRunner::writeToChild(const QByteArray& bytes)
+{
+    if (isRunning()) {
+        m_process->write(bytes);
+    }
+}
+
+void TaskRunner::cancelTask()
+{
+    m_taskCancelled = true;
+    if (!isRunning()) {
+        return;
+    }
+    killGroup(SIGTERM);
+    QTimer::singleShot(CancelGracePeriodMs, this, [this] {
+        if (isRunning()) {
+            killGroup(SIGKILL);
+        }
+    });
+}
+
+void TaskRunner::killGroup(int signal)
+{
+    if (m_groupId > 0) {
+        ::kill(static_cast<pid_t>(-m_groupId), signal);
+    }
+}
+
+void TaskRunner::taskCompleted(int exitCode, QProcess::ExitStatus status)
+{
+    // Whatever the script left running in its group goes with it.
+    killGroup(SIGKILL);
+    const bool failed = status == QProcess::CrashExit || exitCode != 0;
+    if (failed && !m_taskCancelled && m_outputHandler) {
+        m_outputHandler->setTaskFailed(true);
+        m_outputHandler->completeTaskWithCancel(false);
+        m_outputHandler->sendFinishNotification(
+            QStringLiteral("Check Debug Console for error output"));
+        WindowPresenter::shared().showDebugConsole();
+    }
+    QTimer::singleShot(CompletionDelayMs, this, &TaskRunner::completeTask);
+}
+
+void TaskRunner::completeTask()
+{
+    if (m_completed) {
+        return;
+    }
+    m_completed = true;
+    const QVariantMap userInfo{
+        {QStringLiteral("task"), QVariant::fromValue<QObject*>(m_task.data())},
+        {QStringLiteral("lastCommand"),
+         m_outputHandler ? m_outputHandler->lastCommand() : QString()},
+        {QStringLiteral("lastMessage"),
+         m_outputHandler ? m_outputHandler->lastMessage() : QString()},
+    };
+    DebugConsoleController::shared().appendBold(QStringLiteral("\n[Task completed]\n"));
+    NotificationCenter::shared().post(Notifications::TaskFinished, this, userInfo);
+    TasksController::shared().removeTask(m_task);
+    NotificationCenter::distributed().post(CmdLineNotifications::Finish);
+}
+
+Task* TaskRunner::task() const
+{
+    return m_task;
+}

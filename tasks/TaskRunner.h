@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QProcess>
+#include <QStringDecoder>
+
+#include <memory>
+
+class Task;
+class TaskOutputHandler;
+
+// Runs one task's script as a child process: picks the interpreter, starts the runner
+// script with the task description file, feeds each chunk of output to the output handler
+// and acknowledges it on the child's standard input.
+class TaskRunner : public QObject {
+    Q_OBJECT
+public:
+    // How long a cancelled process group has to end before it is killed.
+    static constexpr int CancelGracePeriodMs = 2000;
+    static constexpr int CompletionDelayMs = 200;
+
+    explicit TaskRunner(Task* task, QObject* parent = nullptr);
+    ~TaskRunner() override;
+
+    // The interpreter that starts the runner script.
+    QString launchPath() const;
+    QString libPath() const { return m_libPath; }
+
+    // Starts the child; on failure alerts and removes the task from the tasks controller.
+    void run();
+    // Terminates the child's process group (and kills it after a grace period).
+    void cancelTask();
+    bool isCancelled() const { return m_taskCancelled; }
+    bool isRunning() const;
+    qint64 processId() const;
+
+    TaskOutputHandler* taskOutputHandler() const { return m_outputHandler; }
+    Task* task() const;
+
+    // Writes to the child's standard input (the acknowledgement, a chosen folder).
+    void writeToChild(const QByteArray& bytes);
+
+    // The interpreter folders bundled with the application for this machine, if present.
+    static QString embeddedRuntime(const QString& libPath, const QString& name,
+                                   const QString& executable);
+
+private:
+    void taskDataAvailable();
+    void taskCompleted(int exitCode, QProcess::ExitStatus status);
+    void completeTask();
+    void killGroup(int signal);
+
+    QPointer<Task> m_task;
+    QProcess* m_process = nullptr;
+    TaskOutputHandler* m_outputHandler = nullptr;
+    QString m_libPath;
+    QStringDecoder m_decoder{QStringDecoder::Utf8};
+    bool m_taskCancelled = false;
+    bool m_completed = false;
+    qint64 m_groupId = 0;
+};

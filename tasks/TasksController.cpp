@@ -1,0 +1,34 @@
+#include "tasks/TasksController.h"
+
+#include "core/NotificationCenter.h"
+#include "tasks/Task.h"
+
+TasksController& TasksController::shared()
+{
+    static TasksController controller;
+    return controller;
+}
+
+TasksController::TasksController(QObject* parent)
+    : QObject(parent)
+{}
+
+void TasksController::addTask(Task* task)
+{
+    if (task && !m_tasks.contains(task)) {
+        m_tasks << task;
+    }
+}
+
+void TasksController::removeTask(Task* task)
+{
+    if (!task || !m_tasks.contains(task)) {
+        return;
+    }
+    task->cleanup();
+    m_tasks.removeOne(task);
+    task->deleteLater();
+    if (m_tasks.isEmpty()) {
+        NotificationCenter::shared().post(Notifications::AllTasksCompleted, this);
+    }
+}

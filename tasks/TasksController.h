@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+
+class Task;
+
+// The running script tasks. It owns a task from addTask() on and deletes it after removal.
+class TasksController : public QObject {
+    Q_OBJECT
+public:
+    static TasksController& shared();
+
+    explicit TasksController(QObject* parent = nullptr);
+
+    void addTask(Task* task);
+    // Cleans the task up, forgets it and, when none is left, posts "SKAllTasksCompleted".
+    void removeTask(Task* task);
+    bool hasTasks() const { return !m_tasks.isEmpty(); }
+    const QList<Task*>& tasks() const { return m_tasks; }
+
+private:
+    QList<Task*> m_tasks;
+};

@@ -1,0 +1,307 @@
+// Runs real Ruby children through the real runner and checks what the application did.
+#include "tasks/TaskRunner.h"
+
+#include "core/NotificationCenter.h"
+#include "tasks/DebugConsoleController.h"
+#include "tasks/Task.h"
+#include "tasks/TaskOutputHandler.h"
+#include "tasks/TaskStatus.h"
+#include "tasks/TaskStatusController.h"
+#include "tasks/TasksController.h"
+#include "tests/support/EventLoop.h"
+#include "tests/support/FakePresenters.h"
+#include "tests/support/TestHome.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace {
+
+// A runner script for the tests: it loads the action file named on the ACTION line, so each
+// test's script speaks the protocol itself.
+const char* const TestRunner = R"RUBY(
+description = File.read(ARGV[0])
+$task_file = ARGV[0]
+$items = description[/^ITEMS: (.*)\z/, 1]
+load description[/\AACTION: "(.*)"$/, 1]
+)RUBY";
+
+class TaskRunnerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ensureCoreApplication();
+        m_previousResources = qgetenv("SKELVO_RESOURCES");
+        qputenv("SKELVO_RESOURCES", QDir(home.path()).filePath(QStringLiteral("res")).toUtf8());
+        home.writeFile(QStringLiteral("res/Actions/lib/runner.rb"), TestRunner);
+        DebugConsoleController::shared().clear();
+        m_finished = NotificationCenter::shared().addObserver(
+            Notifications::TaskFinished, nullptr, [this](const Notification& n) { finished << n; });
+        m_allDone = NotificationCenter::shared().addObserver(
+            Notifications::AllTasksCompleted, nullptr,
+            [this](const Notification&) { ++allCompleted; });
+        m_exits =
+            NotificationCenter::shared().addObserver(Notifications::TaskShowExitStatus, nullptr,
+                                                     [this](const Notification& n) { exits << n; });
+        m_responses = NotificationCenter::distributed().addObserver(
+            CmdLineNotifications::Response, nullptr, [this](const Notification& n) {
+                responses << n.userInfo.value(QStringLiteral("response")).toString();
+            });
+    }
+    void TearDown() override
+    {
+        waitUntil([] { return !TasksController::shared().hasTasks(); }, 5000);
+        spin(300);
+        NotificationCenter::shared().removeObserver(m_finished);
+        NotificationCenter::shared().removeObserver(m_allDone);
+        NotificationCenter::shared().removeObserver(m_exits);
+        NotificationCenter::distributed().removeObserver(m_responses);
+        qputenv("SKELVO_RESOURCES", m_previousResources);
+    }
+
+    // Starts a task whose script is `ruby`; returns it (owned by the tasks controller).
+    QPointer<Task> start(const QByteArray& ruby, const QStringList& items = {})
+    {
+        const QString script =
+            home.writeFile(QStringLiteral("action-%1.skelvo").arg(++m_count), ruby);
+        auto* task = new Task;
+        task->actionFile = std::make_shared<ActionFile>();
+        task->actionFile->actionName = QStringLiteral("Test Action");
+        task->actionFile->taskPath = script;
+        task->event = QStringLiteral("dragged");
+        task->items = items;
+        task->variables = {{QStringLiteral("dragged_type"), QStringLiteral("files")}};
+        task->run();
+        return task;
+    }
+    bool waitForFinish(int count = 1, int timeoutMs = 15000)
+    {
+        return waitUntil([&] { return finished.size() >= count; }, timeoutMs);
+    }
+
+    TestHome home;
+    FakePresenters presenters;
+    QList<Notification> finished;
+    QList<Notification> exits;
+    QStringList responses;
+    int allCompleted = 0;
+
+private:
+    QByteArray m_previousResources;
+    int m_finished = 0;
+    int m_allDone = 0;
+    int m_exits = 0;
+    int m_responses = 0;
+    int m_count = 0;
+};
+
+} // namespace
+
+TEST_F(TaskRunnerTest, ProtocolRoundTripWithAcknowledgements)
+{
+    // Each line waits for the application's newline; without it the script would hang.
+    const QPointer<Task> task = start(R"RUBY(
+$stdout.sync = true
+def say(line)
+  print line + "\n"
+  STDIN.gets or raise "no acknowledgement"
+end
+say "Begin_Message: Copying: a.txt"
+say "Progress: 50"
+say "URL_Title: My Upload"
+say "Text: hello world"
+)RUBY");
+    ASSERT_TRUE(waitForFinish());
+    EXPECT_EQ(presenters.desktop().clipboard, QStringList{QStringLiteral("text:hello world")});
+    EXPECT_EQ(responses, QStringList{QStringLiteral("hello world")});
+    ASSERT_EQ(finished.size(), 1);
+    EXPECT_EQ(finished[0].userInfo.value(QStringLiteral("lastCommand")).toString(),
+              QStringLiteral("Text"));
+    EXPECT_EQ(finished[0].userInfo.value(QStringLiteral("lastMessage")).toString(),
+              QStringLiteral("hello world"));
+    const QString console = DebugConsoleController::shared().text();
+    EXPECT_TRUE(console.contains(QStringLiteral("\nBegin_Message: Copying a.txt\nProgress: 50\n")));
+    EXPECT_TRUE(console.endsWith(QStringLiteral("Text: hello world\n\n[Task completed]\n")));
+    EXPECT_EQ(DebugConsoleController::shared().runs().last().bold, true);
+    EXPECT_TRUE(waitUntil([&] { return task.isNull(); }, 2000)) << "the finished task is released";
+    EXPECT_EQ(allCompleted, 1);
+    EXPECT_TRUE(QDir(QDir(home.path()).filePath(QStringLiteral("data/Skelvo/Tasks"))).isEmpty())
+        << "the description file is removed";
+}
+
+TEST_F(TaskRunnerTest, SelectFolderIsAnsweredByTheChooserNotAcknowledged)
+{
+    presenters.windows().setNextFolder(QStringLiteral("/chosen/folder"));
+    presenters.windows().setNextFolder(QString());
+    start(R"RUBY(
+$stdout.sync = true
+print "Select_Folder: Pick one\n"
+first = STDIN.gets.chomp
+print "Select_Folder: Again\n"
+second = STDIN.gets.chomp
+print "Text: #{first}|#{second}\n"
+STDIN.gets
+)RUBY");
+    ASSERT_TRUE(waitForFinish());
+    EXPECT_EQ(presenters.desktop().clipboard, QStringList{QStringLiteral("text:/chosen/folder|0")});
+}
+
+TEST_F(TaskRunnerTest, CrashingScriptShowsItsErrorsAndFails)
+{
+    start(R"RUBY(
+$stdout.sync = true
+print "Begin_Message: Working\n"
+STDIN.gets
+raise "something broke"
+)RUBY");
+    ASSERT_TRUE(waitForFinish());
+    bool redError = false;
+    for (const auto& run : DebugConsoleController::shared().runs()) {
+        redError |= run.colour == DebugConsoleController::Colour::Red &&
+                    run.text.contains(QStringLiteral("something broke"));
+    }
+    EXPECT_TRUE(redError) << DebugConsoleController::shared().text().toStdString();
+    ASSERT_EQ(presenters.desktop().notifications.size(), 1);
+    EXPECT_EQ(presenters.desktop().notifications[0].title, QStringLiteral("Test Action Failed"));
+    EXPECT_EQ(presenters.desktop().notifications[0].body,
+              QStringLiteral("Check Debug Console for error output"));
+    EXPECT_EQ(presenters.windows().debugConsoleShown, 1);
+    ASSERT_FALSE(exits.isEmpty());
+    EXPECT_EQ(exits.last().userInfo.value(QStringLiteral("success")).toInt(), 0);
+}
+
+TEST_F(TaskRunnerTest, CancelEndsTheWholeProcessGroupQuietly)
+{
+    const QString marker = QDir(home.path()).filePath(QStringLiteral("grandchild.pid"));
+    const QPointer<Task> task = start(QStringLiteral(R"RUBY(
+$stdout.sync = true
+pid = spawn("sleep", "60")
+File.write("%1", pid.to_s)
+Signal.trap("TERM") { }  # a stubborn script: only the kill after the grace period ends it
+print "Determinate: 1\n"
+STDIN.gets
+print "Progress: 10\n"
+STDIN.gets
+sleep 60
+)RUBY")
+                                          .arg(marker)
+                                          .toUtf8());
+    ASSERT_TRUE(waitUntil(
+        [&] { return TaskStatusController::shared().hasTasks() && QFileInfo::exists(marker); }));
+    ASSERT_TRUE(task);
+    TaskRunner* runner = task->taskRunner();
+    ASSERT_TRUE(runner);
+    const qint64 group = runner->processId();
+    QFile pidFile(marker);
+    ASSERT_TRUE(waitUntil([&] { return QFileInfo(marker).size() > 0; }));
+    ASSERT_TRUE(pidFile.open(QIODevice::ReadOnly));
+    const pid_t grandchild = static_cast<pid_t>(pidFile.readAll().toLongLong());
+
+    TaskStatusController::shared().getTask(0)->cancel();
+    ASSERT_TRUE(waitForFinish(1, TaskRunner::CancelGracePeriodMs + 5000));
+    EXPECT_TRUE(presenters.desktop().notifications.isEmpty())
+        << "no error notification after a cancel";
+    ASSERT_FALSE(exits.isEmpty());
+    EXPECT_EQ(exits.first().userInfo.value(QStringLiteral("success")).toInt(), 1);
+    EXPECT_TRUE(waitUntil(
+        [&] { return ::kill(static_cast<pid_t>(-group), 0) != 0 && errno == ESRCH; }, 3000))
+        << "a process of the group is still there";
+    EXPECT_NE(::kill(grandchild, 0), 0);
+}
+
+TEST_F(TaskRunnerTest, SplitCharactersArriveWholeAndFloodsDoNotStall)
+{
+    start(R"RUBY(
+$stdout.sync = true
+$stdout.write "h\xC3".b
+STDIN.gets
+$stdout.write "\xA9llo\n".b
+STDIN.gets
+$stdout.write(("\x00\xFF binary junk \x80".b) * 200_000)
+)RUBY");
+    ASSERT_TRUE(waitForFinish(1, 30000));
+    const QString console = DebugConsoleController::shared().text();
+    EXPECT_TRUE(console.contains(QStringLiteral("h\n\u00e9llo\n")))
+        << console.left(200).toStdString();
+    EXPECT_LE(console.size(), DebugConsoleController::DefaultMaximumLength);
+}
+
+TEST_F(TaskRunnerTest, EnvironmentArgumentsAndWorkingFolder)
+{
+    start(R"RUBY(
+$stdout.sync = true
+print "Text: #{[ENV['LC_ALL'], ENV['RUBYOPT'], ENV['NSUnbufferedIO'], Dir.pwd, File.basename($0), File.basename(ARGV[0])[0, 5], Process.getpgrp == Process.pid].join('|')}\n"
+STDIN.gets
+)RUBY");
+    ASSERT_TRUE(waitForFinish());
+    ASSERT_EQ(presenters.desktop().clipboard.size(), 1);
+    const QString lib = QDir(home.path()).filePath(QStringLiteral("res/Actions/lib"));
+    EXPECT_EQ(presenters.desktop().clipboard[0],
+              QStringLiteral("text:en_US.UTF-8|-Ku|NO|%1|runner.rb|task-|true").arg(lib));
+}
+
+TEST_F(TaskRunnerTest, MissingRunnerScriptAlertsAndRunsNothing)
+{
+    QFile::remove(QDir(home.path()).filePath(QStringLiteral("res/Actions/lib/runner.rb")));
+    int completions = 0;
+    const QString script = home.writeFile(QStringLiteral("never.skelvo"), "raise 'must not run'");
+    auto* task = new Task;
+    task->actionFile = std::make_shared<ActionFile>();
+    task->actionFile->taskPath = script;
+    task->completion = [&] { ++completions; };
+    task->run();
+    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
+    EXPECT_EQ(presenters.alerts().alerts[0].title, QStringLiteral("Failed to launch task"));
+    EXPECT_EQ(presenters.alerts().alerts[0].message,
+              QStringLiteral("Could not find runner.rb at at '%1'\n\nYou should re-install Skelvo.")
+                  .arg(QDir(home.path()).filePath(QStringLiteral("res/Actions/lib/runner.rb"))));
+    EXPECT_TRUE(waitUntil([&] { return completions == 1; }, 2000));
+    EXPECT_FALSE(TasksController::shared().hasTasks());
+    spin(300);
+    EXPECT_TRUE(finished.isEmpty());
+}
+
+TEST_F(TaskRunnerTest, InterpreterChoice)
+{
+    Task task;
+    task.actionFile = std::make_shared<ActionFile>();
+    TaskRunner runner(&task);
+    EXPECT_TRUE(runner.launchPath().endsWith(QStringLiteral("ruby")));
+    task.actionFile->optionsNib = QStringLiteral("AmazonS3Login");
+    EXPECT_EQ(runner.launchPath(), QStringLiteral("/usr/bin/ruby"));
+    task.actionFile->rubyPath = QStringLiteral("/opt/ruby/bin/ruby");
+    EXPECT_EQ(runner.launchPath(), QStringLiteral("/opt/ruby/bin/ruby"));
+
+    task.actionFile->rubyPath.clear();
+    task.actionFile->optionsNib.clear();
+    const QString arch = QSysInfo::currentCpuArchitecture() == QStringLiteral("arm64")
+                             ? QStringLiteral("arm64")
+                             : QStringLiteral("x86_64");
+    const QString embedded = home.writeFile(
+        QStringLiteral("res/Actions/lib/ruby/ruby_%1/bin/ruby").arg(arch), "#!/bin/sh\n");
+    QFile::setPermissions(embedded, QFile::ReadOwner | QFile::ExeOwner);
+    EXPECT_EQ(runner.launchPath(), embedded);
+}
+
+TEST_F(TaskRunnerTest, PythonActionsGetTheirInterpreter)
+{
+    const QString script = home.writeFile(QStringLiteral("py.skelvo"), R"RUBY(
+$stdout.sync = true
+print "Text: #{ENV['PYTHON_PATH']}|#{ENV['PYTHONDONTWRITEBYTECODE']}\n"
+STDIN.gets
+)RUBY");
+    auto* task = new Task;
+    task->actionFile = std::make_shared<ActionFile>();
+    task->actionFile->taskPath = script;
+    task->actionFile->isPythonAction = true;
+    task->actionFile->pythonPath = QStringLiteral("/opt/py/bin/python3");
+    task->run();
+    ASSERT_TRUE(waitForFinish());
+    EXPECT_EQ(presenters.desktop().clipboard,
+              QStringList{QStringLiteral("text:/opt/py/bin/python3|1")});
+}
