@@ -5,6 +5,7 @@
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "store/GridDatabase.h"
 #include "tasks/DebugConsoleController.h"
 
 #include <QDir>
@@ -39,6 +40,13 @@ void AppDelegate::applicationDidFinishLaunching()
     registerDefaultSettings();
     DebugConsoleController::shared().setLogFile(
         QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("debug-console.log")));
+
+    GridDatabase& database = GridDatabase::sharedGridDatabase();
+    m_isFirstLaunch = !database.dbExists();
+    database.loadDatabase();
+    if (!database.requiredTablesExist()) {
+        database.handleDBCorrupt();
+    }
 
     // Working folders for dropped data and Drop Bar text.
     SupportPaths::promisedFilesDirectory();

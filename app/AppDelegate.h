@@ -14,10 +14,13 @@ public:
 
     bool isHeadless() const { return m_headless; }
     bool didFinishStartup() const { return m_didFinishStartup; }
+    // True when the grid database did not exist at start.
+    bool isFirstLaunch() const { return m_isFirstLaunch; }
 
     static void registerDefaultSettings();
 
 private:
     bool m_headless;
     bool m_didFinishStartup = false;
+    bool m_isFirstLaunch = false;
 };

@@ -4,7 +4,9 @@
 #include "app/AppDelegate.h"
 #include "app/DesktopAlertPresenter.h"
 #include "core/Version.h"
+#include "platform/QtKeychainSecretStore.h"
 #include "platform/UnixSignals.h"
+#include "store/SecretStore.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -84,6 +86,9 @@ int main(int argc, char* argv[])
         auto gui = std::make_unique<QApplication>(argc, argv);
         gui->setQuitOnLastWindowClosed(false);
         AlertHelper::setPresenter(std::make_shared<DesktopAlertPresenter>());
+        // With a desktop session the secret service keeps passwords; headless runs keep
+        // them in a file readable by the user only.
+        SecretStore::setShared(std::make_shared<QtKeychainSecretStore>());
         app = std::move(gui);
     }
     QCoreApplication::setApplicationName(QStringLiteral("Skelvo"));

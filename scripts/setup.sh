@@ -7,6 +7,7 @@ packages=(
   build-essential cmake ninja-build ccache pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libgl-dev
   libsqlite3-dev sqlite3
+  qtkeychain-qt6-dev
   googletest libgtest-dev libgmock-dev
   nlohmann-json3-dev
   ruby python3

@@ -127,7 +127,21 @@ Task* DebugConsoleController::rerunLast()
     if (!m_lastRunTask || !m_lastRunTask->actionFile) {
         return nullptr;
     }
-    if (!ActionFileParser::shared().getActionWithType(m_lastRunTask->actionFile->actionName)) {
+    if (const GridActionPtr& gridAction = m_lastRunTask->gridAction) {
+        if (!ActionFileParser::shared().getActionWithType(gridAction->type)) {
+            AlertHelper::showCriticalAlertWithTitle(
+                QStringLiteral("Missing Grid Action"),
+                QStringLiteral("The last run grid action could not be found."));
+            return nullptr;
+        }
+        if (gridAction->isReferencedPathMissing()) {
+            AlertHelper::showCriticalAlertWithTitle(
+                QStringLiteral("Missing Path"),
+                QStringLiteral("The path referenced by this action could not be found."));
+            return nullptr;
+        }
+    } else if (!ActionFileParser::shared().getActionWithType(
+                   m_lastRunTask->actionFile->actionName)) {
         AlertHelper::showCriticalAlertWithTitle(
             QStringLiteral("Missing Action Bundle"),
             QStringLiteral("The last run action bundle could not be found."));

@@ -5,7 +5,9 @@
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "core/WindowPresenter.h"
 #include "platform/SystemInfo.h"
+#include "store/Icons.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/FolderMonitorContext.h"
 #include "tasks/TaskRunner.h"
@@ -53,6 +55,7 @@ std::unique_ptr<Task> Task::copy() const
 {
     auto task = std::make_unique<Task>();
     task->actionFile = actionFile;
+    task->gridAction = gridAction;
     task->event = event;
     task->items = items;
     task->variables = variables;
@@ -106,12 +109,45 @@ std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) cons
         itemsLine = itemsLine.trimmed();
     }
 
-    // Tasks of grid actions add the stored record's variables and keychain password here,
-    // once the grid store exists.
     TaskVariables merged = variables;
+    ActionFilePtr file = actionFile;
+    if (gridAction) {
+        // The action may have been edited or deleted since the event; a deleted one does not run.
+        GridActionPtr fresh =
+            GridDatabase::sharedGridDatabase().getGridActionWithId(gridAction->aId);
+        if (!fresh) {
+            return std::nullopt;
+        }
+        gridAction = fresh;
+        if (ActionFilePtr stored = fresh->actionFile()) {
+            file = stored;
+            actionFile = stored;
+        }
+        for (auto it = fresh->extraVariables.cbegin(); it != fresh->extraVariables.cend(); ++it) {
+            // Bookmarks are binary and only for the application; the file carries text.
+            if (it.value().typeId() == QMetaType::QString) {
+                merged.insert(it.key(), it.value().toString());
+            }
+        }
+        if (merged.contains(GridAction::PathVariable)) {
+            merged[GridAction::PathVariable].replace(QLatin1Char('"'), QLatin1String("\\\""));
+        }
+    }
 
-    if (actionFile->optionsNibNeedsKeychain()) {
-        const QString key = actionFile->keychainPasswordKey();
+    if (file->optionsNibNeedsKeychain() && gridAction) {
+        const auto password = gridAction->retrieveKeychainPasswordShowingErrors(false, true);
+        if (!password) {
+            // Nothing runs until the user has entered the password.
+            WindowPresenter::shared().showEditWindowForAction(gridAction->aId);
+            return std::nullopt;
+        }
+        const QString key = password->isEmpty() ? QString() : password->firstKey();
+        if (!key.isEmpty()) {
+            merged.insert(key, debugConsoleMode ? MaskedValue : password->value(key));
+            merged.insert(PasswordVariable, key);
+        }
+    } else if (file->optionsNibNeedsKeychain()) {
+        const QString key = file->keychainPasswordKey();
         if (!key.isEmpty() && merged.contains(key)) {
             merged.insert(PasswordVariable, key);
             merged.insert(key, debugConsoleMode
@@ -120,7 +156,7 @@ std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) cons
         }
     }
 
-    merged.insert(constantVariablesForActionFile(*actionFile));
+    merged.insert(constantVariablesForActionFile(*file));
 
     merged.insert(QStringLiteral("support_folder"), SupportPaths::applicationSupportDirectory());
     merged.insert(QStringLiteral("tmp_folder"), QDir::tempPath());
@@ -346,29 +382,45 @@ bool Task::startTaskRunner(Task& task)
 
 QString Task::actionType() const
 {
+    if (gridAction) {
+        return gridAction->type;
+    }
     return actionFile ? actionFile->actionName : QString();
 }
 
 QString Task::actionIconPath() const
 {
+    if (gridAction) {
+        const QString cached = Icons::shared().iconPathForId(gridAction->aId);
+        if (QFileInfo::exists(cached)) {
+            return cached;
+        }
+    }
     return actionFile ? actionFile->iconPath() : QString();
 }
 
 std::optional<QString> Task::gridActionVariable(const QString& name) const
 {
-    Q_UNUSED(name);
-    return std::nullopt;
+    if (!gridAction || !gridAction->extraVariables.contains(name)) {
+        return std::nullopt;
+    }
+    return gridAction->extraVariables.value(name).toString();
 }
 
 bool Task::setGridActionVariable(const QString& name, const QString& value)
 {
-    Q_UNUSED(name);
-    Q_UNUSED(value);
-    return false;
+    if (!gridAction) {
+        return false;
+    }
+    gridAction->extraVariables.insert(name, value);
+    return gridAction->update();
 }
 
 bool Task::removeGridActionVariable(const QString& name)
 {
-    Q_UNUSED(name);
-    return false;
+    if (!gridAction) {
+        return false;
+    }
+    gridAction->extraVariables.remove(name);
+    return gridAction->update();
 }

@@ -2,6 +2,7 @@
 
 #include "actions/ActionFile.h"
 #include "platform/ProxySettings.h"
+#include "store/GridAction.h"
 
 #include <QMap>
 #include <QObject>
@@ -42,7 +43,10 @@ public:
     explicit Task(QObject* parent = nullptr);
     ~Task() override;
 
-    ActionFilePtr actionFile;
+    // The grid action the task runs, if any. Building the description re-reads it and its
+    // action file from the store, so a run always uses what is saved at that moment.
+    mutable ActionFilePtr actionFile;
+    mutable GridActionPtr gridAction;
     QString event;
     QStringList items; // file paths, or the dragged text or URL
     TaskVariables variables;

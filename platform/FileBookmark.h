@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+// The identity of a file on this machine: a replaced file at the same path has another one.
+struct FileIdentity {
+    quint64 device = 0;
+    quint64 inode = 0;
+
+    // Follows symbolic links; none when nothing is at the path.
+    static std::optional<FileIdentity> of(const QString& path);
+    bool operator==(const FileIdentity&) const = default;
+};
+
+// A bookmark of a chosen file or folder. There is no sandbox to ask for access, so the data
+// records the path and the file's identity; resolving it tells whether the item is still
+// there and still the same one.
+namespace FileBookmark {
+
+struct Resolved {
+    QString path;
+    bool missing = false;  // nothing at the path any more
+    bool replaced = false; // something else now sits at the path
+};
+
+std::optional<QByteArray> create(const QString& path, QString* error = nullptr);
+// None when the data is not a bookmark.
+std::optional<Resolved> resolve(const QByteArray& data);
+
+} // namespace FileBookmark

@@ -1,0 +1,26 @@
+#include "store/GridStoreHooks.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+GridStoreHooks& GridStoreHooks::shared()
+{
+    static GridStoreHooks hooks;
+    return hooks;
+}
+
+namespace GridStore {
+
+void runOnNextTurn(std::function<void()> step)
+{
+    if (!step) {
+        return;
+    }
+    if (QCoreApplication* application = QCoreApplication::instance()) {
+        QTimer::singleShot(0, application, std::move(step));
+        return;
+    }
+    step();
+}
+
+} // namespace GridStore

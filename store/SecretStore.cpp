@@ -1,0 +1,23 @@
+#include "store/SecretStore.h"
+
+#include "platform/FileSecretStore.h"
+
+namespace {
+
+std::shared_ptr<SecretStore>& current()
+{
+    static std::shared_ptr<SecretStore> store = std::make_shared<FileSecretStore>();
+    return store;
+}
+
+} // namespace
+
+SecretStore& SecretStore::shared()
+{
+    return *current();
+}
+
+void SecretStore::setShared(std::shared_ptr<SecretStore> store)
+{
+    current() = store ? std::move(store) : std::make_shared<FileSecretStore>();
+}

@@ -1,0 +1,632 @@
+#include "store/GridAction.h"
+
+#include "actions/ActionFileParser.h"
+#include "actions/OptionSheets.h"
+#include "builtin/ActionInfo.h"
+#include "core/NotificationCenter.h"
+#include "platform/FileBookmark.h"
+#include "store/GridStoreHooks.h"
+#include "store/Icons.h"
+#include "store/SecretStore.h"
+#include "tests/store/StoreTestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace {
+
+ActionInfo info(const QString& name, const QString& sheet, bool selectedItemNameAndIcon,
+                const QString& iconPath = {})
+{
+    ActionInfo entry;
+    entry.name = name;
+    entry.optionsNib = sheet;
+    entry.usesSelectedItemNameAndIcon = selectedItemNameAndIcon;
+    entry.iconPath = iconPath;
+    entry.handles = {ActionInfo::Handles::Files};
+    entry.events = {ActionInfo::Event::Dragged};
+    return entry;
+}
+
+// A store whose every call fails, as a locked or broken secret service does.
+class FailingSecretStore : public SecretStore {
+public:
+    Result readSecret(const QString&, const QString&) override { return failure(); }
+    Result writeSecret(const QString&, const QString&, const QByteArray&) override
+    {
+        return failure();
+    }
+    Result deleteSecret(const QString&, const QString&) override { return failure(); }
+
+private:
+    static Result failure()
+    {
+        return {Status::Failed, {}, QStringLiteral("The keyring is locked.")};
+    }
+};
+
+class GridActionTest : public StoreTest {
+protected:
+    void SetUp() override
+    {
+        StoreTest::SetUp();
+        loadInitialDatabase();
+        m_actionIcon = m_home->writeFile(QStringLiteral("res/action-icon.png"),
+                                         QByteArrayLiteral("PNG action"));
+        ActionFileParser::shared().setBuiltInActionInfos({
+            info(QStringLiteral("Open Application"), QStringLiteral("ChooseApplication"), true),
+            info(QStringLiteral("Move Files"), QStringLiteral("ChooseFolder"), true),
+            info(QStringLiteral("Copy Files"), QStringLiteral("ChooseFolder"), true),
+            info(QStringLiteral("Open File"), QStringLiteral("ChooseFile"), true),
+            info(QStringLiteral("Resize Images"), QStringLiteral("ResizeImages"), false,
+                 m_actionIcon),
+            info(QStringLiteral("SFTP Upload"), QStringLiteral("ExtendedLogin"), false,
+                 m_actionIcon),
+            info(QStringLiteral("Drop Bar Text"), {}, false),
+        });
+        ActionFileParser::shared().invalidateActionsCache();
+        OptionSheets::registerSheet(
+            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}});
+        m_counter = NotificationCenter::shared().addObserver(
+            Notifications::GridActionPositionsSaved, nullptr,
+            [this](const Notification&) { ++m_saved; });
+    }
+    void TearDown() override
+    {
+        NotificationCenter::shared().removeObserver(m_counter);
+        OptionSheets::unregisterSheet(QStringLiteral("ExtendedLogin"));
+        ActionFileParser::shared().setBuiltInActionInfos({});
+        ActionFileParser::shared().invalidateActionsCache();
+        Icons::shared().setPreviewProvider({});
+        StoreTest::TearDown();
+    }
+    QString categoryName(CategoryId id)
+    {
+        return sqlValue(dbPath(),
+                        QStringLiteral("SELECT name FROM categories WHERE id = %1").arg(id));
+    }
+    QString folder(const QString& relative)
+    {
+        const QString path = QDir(m_home->path()).filePath(relative);
+        QDir().mkpath(path);
+        return path;
+    }
+    GridActionPtr saved(const QString& type, const QString& name,
+                        const GridActionVariables& variables = {})
+    {
+        auto action = std::make_shared<GridAction>();
+        action->type = type;
+        action->name = name;
+        action->categoryId = 1;
+        action->extraVariables = variables;
+        EXPECT_NE(action->create(), 0);
+        return action;
+    }
+
+    QString m_actionIcon;
+    int m_counter = 0;
+    int m_saved = 0;
+};
+
+// --- Building from a dropped path
+
+TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
+{
+    const QString icon =
+        m_home->writeFile(QStringLiteral("icons/editor.png"), QByteArrayLiteral("PNG editor"));
+    const QString entry = m_home->writeFile(
+        QStringLiteral("apps/org.example.Editor.desktop"),
+        QStringLiteral("[Desktop Entry]\nType=Application\nName=Text Editor\nName[de]=Texteditor\n"
+                       "Exec=editor %F\nIcon=%1\n")
+            .arg(icon)
+            .toUtf8());
+    qputenv("LC_ALL", "de_DE.UTF-8");
+    const GridActionPtr action = GridAction::initWithPath(entry);
+    qunsetenv("LC_ALL");
+    ASSERT_TRUE(action);
+    EXPECT_EQ(action->type, QStringLiteral("Open Application"));
+    EXPECT_EQ(action->name, QStringLiteral("Texteditor"));
+    EXPECT_EQ(categoryName(action->categoryId), QStringLiteral("Apps"));
+    EXPECT_EQ(action->extraVariables, (GridActionVariables{{QStringLiteral("path"), entry}}));
+    EXPECT_EQ(action->icon, QByteArrayLiteral("PNG editor"));
+    EXPECT_EQ(action->servicesKey, QStringLiteral("T"));
+    EXPECT_TRUE(action->usingDefaultIcon);
+    EXPECT_EQ(action->aId, 0);
+}
+
+TEST_F(GridActionTest, AnExecutableIsAnApplicationNamedAfterItsFile)
+{
+    const QString image =
+        m_home->writeFile(QStringLiteral("apps/Krita.AppImage"), QByteArrayLiteral("\x7f"
+                                                                                   "ELF"));
+    QFile::setPermissions(image, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const GridActionPtr action = GridAction::initWithPath(image);
+    ASSERT_TRUE(action);
+    EXPECT_EQ(action->type, QStringLiteral("Open Application"));
+    EXPECT_EQ(action->name, QStringLiteral("Krita"));
+    EXPECT_EQ(categoryName(action->categoryId), QStringLiteral("Apps"));
+    EXPECT_EQ(action->position, 0);
+}
+
+TEST_F(GridActionTest, AFolderIsMovedOrCopiedWithTheOptionKey)
+{
+    const QString path = folder(QStringLiteral("Photos.2024"));
+    bool optionHeld = false;
+    GridStoreHooks::shared().optionKeyHeld = [&] { return optionHeld; };
+    const GridActionPtr move = GridAction::initWithPath(path);
+    optionHeld = true;
+    const GridActionPtr copy = GridAction::initWithPath(path);
+    ASSERT_TRUE(move && copy);
+    EXPECT_EQ(move->type, QStringLiteral("Move Files"));
+    EXPECT_EQ(copy->type, QStringLiteral("Copy Files"));
+    for (const GridActionPtr& action : {move, copy}) {
+        EXPECT_EQ(categoryName(action->categoryId), QStringLiteral("Folders"));
+        EXPECT_EQ(action->name, QStringLiteral("Photos.2024")); // a folder keeps its dots
+    }
+}
+
+TEST_F(GridActionTest, PlacesAfterTheActionsAlreadyInTheCategory)
+{
+    const GridActionPtr first = GridAction::initWithPath(folder(QStringLiteral("A")));
+    ASSERT_TRUE(first);
+    ASSERT_NE(first->create(), 0);
+    const GridActionPtr second = GridAction::initWithPath(folder(QStringLiteral("B")));
+    EXPECT_EQ(second->categoryId, first->categoryId);
+    EXPECT_EQ(second->position, 1);
+}
+
+TEST_F(GridActionTest, RefusesWhatItCannotUse)
+{
+    LogCapture log;
+    const QString file = m_home->writeFile(QStringLiteral("notes.txt"), "text");
+    EXPECT_FALSE(
+        GridAction::initWithPath(QDir(m_home->path()).filePath(QStringLiteral("missing"))));
+    EXPECT_FALSE(GridAction::initWithPath(file)); // a plain file and no action
+    auto unknown = std::make_shared<ActionFile>();
+    unknown->actionName = QStringLiteral("Nope");
+    EXPECT_FALSE(GridAction::initWithPath(file, unknown));
+    EXPECT_TRUE(log.contains(
+        QStringLiteral("Cannot find action with type 'Nope' in GridAction::initWithPath")));
+}
+
+TEST_F(GridActionTest, AGivenActionKeepsItsOwnNameAndIcon)
+{
+    const QString file = m_home->writeFile(QStringLiteral("photo.jpg"), "jpeg");
+    const ActionFilePtr resize =
+        ActionFileParser::shared().getActionWithType(QStringLiteral("Resize Images"));
+    const GridActionPtr placed = GridAction::initWithPath(file, resize);
+    ASSERT_TRUE(placed);
+    EXPECT_EQ(placed->type, QStringLiteral("Resize Images"));
+    EXPECT_EQ(placed->name, QStringLiteral("Resize Images"));
+    EXPECT_EQ(placed->icon, QByteArrayLiteral("PNG action"));
+    EXPECT_EQ(categoryName(placed->categoryId), QStringLiteral("Actions"));
+
+    const CategoryId chosen = db().addCategoryWithName(QStringLiteral("Mine"), 1);
+    EXPECT_EQ(GridAction::initWithPath(file, resize, false, chosen)->categoryId, chosen);
+}
+
+TEST_F(GridActionTest, AChosenFileShowsItsPreview)
+{
+    const QString file = m_home->writeFile(QStringLiteral("report.final.pdf"), "pdf");
+    int askedSize = 0;
+    Icons::shared().setPreviewProvider([&](const QString& path, int size) {
+        askedSize = size;
+        return path == file ? QByteArrayLiteral("preview") : QByteArray();
+    });
+    const GridActionPtr placed = GridAction::initWithPath(
+        file, ActionFileParser::shared().getActionWithType(QStringLiteral("Open File")));
+    ASSERT_TRUE(placed);
+    EXPECT_EQ(placed->icon, QByteArrayLiteral("preview"));
+    EXPECT_EQ(askedSize, 512);
+    EXPECT_EQ(placed->name, QStringLiteral("report.final"));
+    // "Open File" is a core file action by no list: it goes to the Actions category.
+    EXPECT_EQ(categoryName(placed->categoryId), QStringLiteral("Actions"));
+}
+
+// --- Services keys
+
+struct KeyRow {
+    const char* label;
+    const char* name;
+    QStringList takenInGrid;
+    QStringList takenElsewhere;
+    const char* expected;
+};
+
+class ServicesKeyTest : public GridActionTest, public testing::WithParamInterface<KeyRow> {};
+
+TEST_P(ServicesKeyTest, TakesTheFirstFreeLetterOrDigit)
+{
+    const KeyRow& row = GetParam();
+    const GridId grid = db().addGridWithName(QStringLiteral("Keys"));
+    const CategoryId category = db().addCategoryWithName(QStringLiteral("C"), grid);
+    const GridId elsewhere = db().addGridWithName(QStringLiteral("Elsewhere"));
+    const CategoryId otherCategory = db().addCategoryWithName(QStringLiteral("C"), elsewhere);
+    for (const auto& [keys, target] :
+         {std::pair{row.takenInGrid, category}, std::pair{row.takenElsewhere, otherCategory}}) {
+        for (const QString& key : keys) {
+            GridAction taken;
+            taken.name = key;
+            taken.type = QStringLiteral("Move Files");
+            taken.servicesKey = key;
+            taken.categoryId = target;
+            ASSERT_NE(db().addAction(taken, {}), 0);
+        }
+    }
+    EXPECT_EQ(GridAction::defaultServicesKeyForName(QString::fromUtf8(row.name), grid),
+              QString::fromUtf8(row.expected));
+}
+
+QStringList everyKey()
+{
+    QStringList keys;
+    for (const QChar c : QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789")) {
+        keys << QString(c);
+    }
+    return keys;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ServicesKeyTest,
+    testing::Values(KeyRow{"ZipIt", "zip it", {"Z"}, {}, "I"},
+                    KeyRow{"SpacesOnly", "   ", {}, {}, "A"},
+                    KeyRow{"FirstLetterFree", "zip it", {}, {}, "Z"},
+                    KeyRow{"OtherGridsDoNotCount", "zip", {}, {"Z"}, "Z"},
+                    KeyRow{"FallsBackToTheList", "ab", {"A", "B"}, {}, "C"},
+                    KeyRow{"SkipsLettersOutsideTheList", "\xc3\xa9t\xc3\xa9", {"T"}, {}, "A"},
+                    KeyRow{"Digit", "9 lives", {}, {}, "9"},
+                    KeyRow{"PunctuationSkipped", "#1", {}, {}, "1"},
+                    KeyRow{"AllTakenAndEmptyName", "", everyKey(), {}, ""},
+                    KeyRow{"AllTaken", "abc", everyKey(), {}, ""}),
+    [](const testing::TestParamInfo<KeyRow>& row) { return std::string(row.param.label); });
+
+TEST_F(GridActionTest, TheSelectedGridIsTheDefault)
+{
+    const GridActionPtr zed = saved(QStringLiteral("Move Files"), QStringLiteral("Zed"));
+    ASSERT_TRUE(db().updateServicesKeyForActionId(zed->aId, QStringLiteral("Z")));
+    EXPECT_EQ(GridAction::defaultServicesKeyForName(QStringLiteral("zip")), QStringLiteral("I"));
+}
+
+TEST_F(GridActionTest, AnActionNeverCollidesWithItself)
+{
+    const GridActionPtr action = saved(QStringLiteral("Move Files"), QStringLiteral("Mover"));
+    db().updateServicesKeyForActionId(action->aId, QStringLiteral("M"));
+    EXPECT_TRUE(action->isServicesKeyAvailable(QStringLiteral("M")));
+    GridAction other;
+    other.categoryId = 2; // same grid, other category
+    EXPECT_FALSE(other.isServicesKeyAvailable(QStringLiteral("M")));
+    other.categoryId =
+        db().addCategoryWithName(QStringLiteral("X"), db().addGridWithName(QStringLiteral("G2")));
+    EXPECT_TRUE(other.isServicesKeyAvailable(QStringLiteral("M")));
+}
+
+// --- Record, saving and removing
+
+TEST_F(GridActionTest, TheDictionaryFormHasExactlySevenKeys)
+{
+    GridAction action;
+    action.name = QStringLiteral("N");
+    action.type = QStringLiteral("T");
+    const QVariantMap dict = action.actionDict();
+    EXPECT_EQ(dict.keys(),
+              (QStringList{QStringLiteral("bundled_icon"), QStringLiteral("category_id"),
+                           QStringLiteral("name"), QStringLiteral("position"),
+                           QStringLiteral("services_key"), QStringLiteral("type"),
+                           QStringLiteral("using_default_icon")}));
+    EXPECT_TRUE(SqliteConnection::isNull(dict.value(QStringLiteral("services_key"))));
+    EXPECT_TRUE(SqliteConnection::isNull(dict.value(QStringLiteral("bundled_icon"))));
+    EXPECT_TRUE(action.description().startsWith(QStringLiteral("GridAction: ")));
+}
+
+TEST_F(GridActionTest, ACopyIsDeep)
+{
+    GridAction original;
+    original.extraVariables.insert(QStringLiteral("k"), QStringLiteral("v"));
+    const GridActionPtr copy = original.copy();
+    copy->extraVariables.insert(QStringLiteral("k"), QStringLiteral("changed"));
+    EXPECT_EQ(original.extraVariables.value(QStringLiteral("k")).toString(), QStringLiteral("v"));
+}
+
+TEST_F(GridActionTest, CreatingStoresRowVariablesAndIcon)
+{
+    int prepared = 0;
+    GridStoreHooks::shared().prepareGrid = [&] { ++prepared; };
+    GridActionPtr action = GridAction::initWithPath(folder(QStringLiteral("Inbox")));
+    ASSERT_TRUE(action);
+    action->icon = QByteArrayLiteral("icon bytes");
+    const ActionId id = action->createWithReload(true);
+    ASSERT_NE(id, 0);
+    EXPECT_EQ(action->aId, id);
+    EXPECT_EQ(prepared, 1);
+    EXPECT_EQ(m_saved, 1);
+    const GridActionPtr read = db().getGridActionWithId(id);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->name, QStringLiteral("Inbox"));
+    EXPECT_EQ(read->extraVariables.value(QStringLiteral("path")).toString(),
+              action->extraVariables.value(QStringLiteral("path")).toString());
+    EXPECT_FALSE(read->extraVariables.contains(QStringLiteral("network_volume")));
+    EXPECT_EQ(read->icon, QByteArrayLiteral("icon bytes"));
+    EXPECT_TRUE(QFileInfo::exists(Icons::shared().iconPathForId(id)));
+
+    action->create(); // without reload
+    EXPECT_EQ(prepared, 1);
+}
+
+TEST_F(GridActionTest, UpdatingReplacesTheVariables)
+{
+    const GridActionPtr action = saved(
+        QStringLiteral("Move Files"), QStringLiteral("M"),
+        {{QStringLiteral("a"), QStringLiteral("1")}, {QStringLiteral("b"), QStringLiteral("2")}});
+    action->extraVariables = {{QStringLiteral("c"), QStringLiteral("3")}};
+    action->name = QStringLiteral("Moved");
+    ASSERT_TRUE(action->update());
+    const GridActionPtr read = db().getGridActionWithId(action->aId);
+    EXPECT_EQ(read->name, QStringLiteral("Moved"));
+    EXPECT_EQ(read->extraVariables, action->extraVariables);
+}
+
+TEST_F(GridActionTest, RemovingDeletesRowVariablesIconAndLogin)
+{
+    int prepared = 0;
+    int positions = 0;
+    GridStoreHooks::shared().prepareGrid = [&] { ++prepared; };
+    GridStoreHooks::shared().saveGridActionPositions = [&] { ++positions; };
+    const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"),
+                                       {{QStringLiteral("server"), QStringLiteral("h")}});
+    ASSERT_TRUE(Icons::shared().saveIcon("i", action->aId));
+    ASSERT_TRUE(action->storeKeychainPassword(QStringLiteral("secret")));
+    m_saved = 0;
+    action->remove();
+    EXPECT_FALSE(db().getGridActionWithId(action->aId));
+    EXPECT_TRUE(db().getExtraVariablesForActionId(action->aId).isEmpty());
+    EXPECT_FALSE(QFileInfo::exists(Icons::shared().iconPathForId(action->aId)));
+    EXPECT_EQ(SecretStore::shared()
+                  .readSecret(action->keychainServiceName(), action->keychainAccountName())
+                  .status,
+              SecretStore::Status::NotFound);
+    EXPECT_EQ(prepared, 1);
+    EXPECT_EQ(positions, 1);
+    EXPECT_EQ(m_saved, 1);
+}
+
+TEST_F(GridActionTest, ABundledIconIsNotDeleted)
+{
+    const GridActionPtr action = saved(QStringLiteral("Move Files"), QStringLiteral("B"));
+    action->bundledIcon = QStringLiteral("bundled");
+    ASSERT_TRUE(Icons::shared().saveIcon("i", action->aId));
+    action->remove();
+    EXPECT_TRUE(QFileInfo::exists(Icons::shared().iconPathForId(action->aId)));
+}
+
+TEST_F(GridActionTest, RemovingADropbarActionLeavesItToTheDropbarController)
+{
+    int handedOver = 0;
+    int prepared = 0;
+    GridStoreHooks::shared().removeDropbarItems = [&](const GridAction& a) {
+        handedOver += a.type == QLatin1String("Drop Bar Text");
+    };
+    GridStoreHooks::shared().prepareGrid = [&] { ++prepared; };
+    const GridActionPtr action = saved(QStringLiteral("Drop Bar Text"), QStringLiteral("Texts"));
+    action->remove();
+    EXPECT_TRUE(db().getGridActionWithId(action->aId));
+    EXPECT_EQ(handedOver, 1);
+    EXPECT_EQ(prepared, 0); // on the next turn of the main loop
+    processEvents();
+    EXPECT_EQ(prepared, 1);
+}
+
+// --- Network volumes, bookmarks and missing paths
+
+TEST_F(GridActionTest, APathOnANetworkShareIsFlaggedAndKeepsItsFlagWhenUnmounted)
+{
+    const QString share = folder(QStringLiteral("mnt/share"));
+    const QString local = folder(QStringLiteral("local"));
+    const QString table =
+        m_home->writeFile(QStringLiteral("mountinfo"),
+                          QStringLiteral("22 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                                         "95 22 0:61 / %1 rw,relatime - cifs //nas/share rw\n")
+                              .arg(QFileInfo(share).canonicalFilePath())
+                              .toUtf8());
+    FileSystemInfoOverride mounts(table);
+
+    auto action = GridAction::initWithPath(share);
+    ASSERT_TRUE(action);
+    action->flagNetworkVolume();
+    EXPECT_EQ(action->extraVariables.value(QStringLiteral("network_volume")).toString(),
+              QStringLiteral("1"));
+    EXPECT_TRUE(action->isNetworkVolume());
+
+    QDir(share).removeRecursively(); // the share is gone
+    action->flagNetworkVolume();
+    EXPECT_TRUE(action->isNetworkVolume());
+    EXPECT_FALSE(action->isReferencedPathMissing());
+    EXPECT_TRUE(action->isReferencedPathMissingIncludingNetworkVolumes());
+
+    action->extraVariables.insert(QStringLiteral("path"), local);
+    action->flagNetworkVolume();
+    EXPECT_FALSE(action->extraVariables.contains(QStringLiteral("network_volume")));
+
+    // Actions without a chosen folder are not looked at.
+    GridAction resize;
+    resize.type = QStringLiteral("Resize Images");
+    resize.extraVariables = {{QStringLiteral("path"), QFileInfo(share).absolutePath()},
+                             {QStringLiteral("network_volume"), QStringLiteral("1")}};
+    resize.flagNetworkVolume();
+    EXPECT_TRUE(resize.isNetworkVolume());
+}
+
+struct MissingRow {
+    const char* label;
+    bool exists;
+    bool network;
+    bool missing;
+    bool missingIncludingNetwork;
+};
+
+class MissingPathTest : public GridActionTest, public testing::WithParamInterface<MissingRow> {};
+
+TEST_P(MissingPathTest, CountsNetworkVolumesOnlyWhenAsked)
+{
+    GridAction action;
+    action.extraVariables.insert(QStringLiteral("path"),
+                                 GetParam().exists
+                                     ? folder(QStringLiteral("here"))
+                                     : QDir(m_home->path()).filePath(QStringLiteral("gone")));
+    if (GetParam().network) {
+        action.extraVariables.insert(QStringLiteral("network_volume"), QStringLiteral("1"));
+    }
+    EXPECT_EQ(action.isReferencedPathMissing(), GetParam().missing);
+    EXPECT_EQ(action.isReferencedPathMissingIncludingNetworkVolumes(),
+              GetParam().missingIncludingNetwork);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, MissingPathTest,
+                         testing::Values(MissingRow{"Present", true, false, false, false},
+                                         MissingRow{"Gone", false, false, true, true},
+                                         MissingRow{"GoneOnShare", false, true, false, true},
+                                         MissingRow{"PresentOnShare", true, true, false, false}),
+                         [](const testing::TestParamInfo<MissingRow>& row) {
+                             return std::string(row.param.label);
+                         });
+
+TEST_F(GridActionTest, NoPathIsNeverMissing)
+{
+    GridAction action;
+    EXPECT_FALSE(action.isReferencedPathMissing());
+    EXPECT_FALSE(action.isReferencedPathMissingIncludingNetworkVolumes());
+}
+
+TEST_F(GridActionTest, BookmarksRecordBothChosenPaths)
+{
+    const QString first = folder(QStringLiteral("first"));
+    const QString second = m_home->writeFile(QStringLiteral("second.key"), "k");
+    GridAction action;
+    action.type = QStringLiteral("SFTP Upload"); // its sheet is one with bookmarks
+    action.extraVariables = {{QStringLiteral("path"), first},
+                             {QStringLiteral("path_secondary"), second}};
+    action.updateScopedBookmark();
+    const auto resolved = FileBookmark::resolve(
+        action.extraVariables.value(QStringLiteral("scoped_bookmark")).toByteArray());
+    const auto resolvedSecond = FileBookmark::resolve(
+        action.extraVariables.value(QStringLiteral("scoped_bookmark_secondary")).toByteArray());
+    ASSERT_TRUE(resolved && resolvedSecond);
+    EXPECT_EQ(resolved->path, first);
+    EXPECT_EQ(resolvedSecond->path, second);
+    EXPECT_FALSE(resolved->missing || resolved->replaced);
+
+    GridAction other;
+    other.type = QStringLiteral("Move to Trash");
+    other.extraVariables = {{QStringLiteral("path"), first}};
+    other.updateScopedBookmark();
+    EXPECT_FALSE(other.extraVariables.contains(QStringLiteral("scoped_bookmark")));
+
+    GridAction byType;
+    byType.type = QStringLiteral("Resize Images");
+    byType.extraVariables = {
+        {QStringLiteral("path"), QDir(m_home->path()).filePath(QStringLiteral("absent"))}};
+    byType.updateScopedBookmark();
+    EXPECT_FALSE(byType.extraVariables.contains(QStringLiteral("scoped_bookmark")));
+    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+}
+
+// --- Secrets
+
+TEST_F(GridActionTest, APasswordComesBackAsTheSheetsVariable)
+{
+    const GridActionPtr action =
+        saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"),
+              {{QStringLiteral("server"), QStringLiteral("sftp.example.org")},
+               {QStringLiteral("username"), QStringLiteral("ann")}});
+    EXPECT_EQ(action->keychainServiceName(),
+              QStringLiteral("Skelvo: SFTP Upload (sftp.example.org)"));
+    EXPECT_EQ(action->keychainAccountName(), QStringLiteral("ann"));
+    EXPECT_FALSE(action->retrieveKeychainPasswordShowingErrors(true, true)); // none stored yet
+    for (const auto& a : m_presenters->alerts().alerts) {
+        ADD_FAILURE() << a.title.toStdString() << " | " << a.message.toStdString();
+    }
+
+    ASSERT_TRUE(action->storeKeychainPassword(QStringLiteral("pä ss")));
+    ASSERT_TRUE(action->storeSecondaryKeychainPassword(QStringLiteral("phrase")));
+    const auto encoded = action->retrieveKeychainPasswordShowingErrors(false, true);
+    ASSERT_TRUE(encoded);
+    EXPECT_EQ(*encoded, (QMap<QString, QString>{
+                            {QStringLiteral("password"),
+                             QString::fromLatin1(QStringLiteral("pä ss").toUtf8().toBase64())}}));
+    EXPECT_EQ(action->retrieveKeychainPasswordShowingErrors(false, false)
+                  ->value(QStringLiteral("password")),
+              QStringLiteral("pä ss"));
+    EXPECT_EQ(action->retrieveSecondaryKeychainPasswordShowingErrors(false, false)
+                  ->value(QStringLiteral("passphrase")),
+              QStringLiteral("phrase"));
+}
+
+TEST_F(GridActionTest, ABlankPasswordNeedsNoSecret)
+{
+    GridAction action;
+    action.type = QStringLiteral("SFTP Upload");
+    action.extraVariables.insert(QStringLiteral("blank_password"), QStringLiteral("1"));
+    const auto password = action.retrieveKeychainPasswordShowingErrors(true, true);
+    ASSERT_TRUE(password);
+    EXPECT_EQ(password->value(QStringLiteral("password"), QStringLiteral("unset")), QString());
+}
+
+TEST_F(GridActionTest, ReadErrorsAreShownOnlyWhenAsked)
+{
+    SecretStore::setShared(std::make_shared<FailingSecretStore>());
+    GridAction action;
+    action.type = QStringLiteral("SFTP Upload");
+    EXPECT_FALSE(action.retrieveKeychainPasswordShowingErrors(false, true));
+    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+    EXPECT_FALSE(action.retrieveKeychainPasswordShowingErrors(true, true));
+    ASSERT_EQ(m_presenters->alerts().alerts.size(), 1);
+    EXPECT_EQ(m_presenters->alerts().alerts.first().title,
+              QStringLiteral("Error retrieving item from Keychain"));
+    EXPECT_EQ(m_presenters->alerts().alerts.first().message,
+              QStringLiteral(
+                  "Failed to retrieve login from keychain for service Skelvo: SFTP Upload with "
+                  "account name default.\n\nThe keyring is locked."));
+}
+
+TEST_F(GridActionTest, DeleteErrorsNameLoginAndPassphrase)
+{
+    const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"));
+    SecretStore::setShared(std::make_shared<FailingSecretStore>());
+    action->deleteKeychainPassword();
+    ASSERT_EQ(m_presenters->alerts().alerts.size(), 2);
+    EXPECT_EQ(
+        m_presenters->alerts().alerts.at(0).message,
+        QStringLiteral(
+            "Failed to delete login from keychain for service Skelvo: SFTP Upload with account "
+            "name default.\n\nThe keyring is locked."));
+    EXPECT_EQ(
+        m_presenters->alerts().alerts.at(1).message,
+        QStringLiteral("Failed to delete passphrase from keychain for service Skelvo: SFTP Upload "
+                       "passphrase with account name default.\n\nThe keyring is locked."));
+}
+
+TEST_F(GridActionTest, ASharedLoginIsKeptUntilItsLastAction)
+{
+    const GridActionVariables login{{QStringLiteral("server"), QStringLiteral("h")},
+                                    {QStringLiteral("username"), QStringLiteral("u")}};
+    const GridActionPtr first = saved(QStringLiteral("SFTP Upload"), QStringLiteral("One"), login);
+    const GridActionPtr second = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Two"), login);
+    const GridActionPtr elsewhere = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Three"),
+                                          {{QStringLiteral("server"), QStringLiteral("h")},
+                                           {QStringLiteral("username"), QStringLiteral("other")}});
+    ASSERT_TRUE(first->storeKeychainPassword(QStringLiteral("pw")));
+    EXPECT_TRUE(first->isAnotherGridActionUsingKeychainItem(first->keychainServiceName(),
+                                                            QStringLiteral("u")));
+    EXPECT_FALSE(elsewhere->isAnotherGridActionUsingKeychainItem(elsewhere->keychainServiceName(),
+                                                                 QStringLiteral("other")));
+
+    first->remove();
+    EXPECT_TRUE(second->retrieveKeychainPasswordShowingErrors(false, false));
+    EXPECT_FALSE(second->isAnotherGridActionUsingKeychainItem(second->keychainServiceName(),
+                                                              QStringLiteral("u")));
+    second->remove();
+    EXPECT_FALSE(second->retrieveKeychainPasswordShowingErrors(false, false));
+    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+}
+
+} // namespace

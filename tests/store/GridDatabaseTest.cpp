@@ -1,0 +1,585 @@
+#include "store/GridDatabase.h"
+
+#include "core/NotificationCenter.h"
+#include "core/Settings.h"
+#include "store/GridAction.h"
+#include "tests/store/StoreTestSupport.h"
+
+#include <QFileInfo>
+
+namespace {
+
+qint64 idOf(const SqlRow& row)
+{
+    return row.value(QStringLiteral("id")).toLongLong();
+}
+
+// Counts one notification while alive.
+class NotificationCount {
+public:
+    explicit NotificationCount(const QString& name)
+        : m_token(NotificationCenter::shared().addObserver(
+              name, nullptr, [this](const Notification&) { ++count; }))
+    {}
+    ~NotificationCount() { NotificationCenter::shared().removeObserver(m_token); }
+    NotificationCount(const NotificationCount&) = delete;
+    NotificationCount& operator=(const NotificationCount&) = delete;
+    int count = 0;
+
+private:
+    int m_token;
+};
+
+class GridDatabaseTest : public StoreTest {
+protected:
+    void SetUp() override
+    {
+        StoreTest::SetUp();
+        loadInitialDatabase();
+    }
+    GridAction action(const QString& name, CategoryId category, int position = 0,
+                      const QString& type = QStringLiteral("Move Files"))
+    {
+        GridAction a;
+        a.name = name;
+        a.type = type;
+        a.categoryId = category;
+        a.position = position;
+        a.servicesKey = name.left(1).toUpper();
+        a.usingDefaultIcon = true;
+        return a;
+    }
+    // An empty grid of its own, selected.
+    GridId selectNewGrid(const QString& name)
+    {
+        const GridId grid = db().addGridWithName(name);
+        db().setSelectedGridId(grid);
+        return grid;
+    }
+};
+
+// --- Grids
+
+TEST_F(GridDatabaseTest, NewGridsGoLast)
+{
+    ASSERT_TRUE(db().runQuery(QStringLiteral("DELETE FROM grids")).isEmpty());
+    NotificationCount changed(Notifications::GridsChanged);
+    const GridId first = db().addGridWithName(QStringLiteral("First"));
+    ASSERT_NE(first, 0);
+    EXPECT_EQ(db().getGrids().first().value(QStringLiteral("display_order")).toInt(), 0);
+    EXPECT_EQ(changed.count, 1);
+
+    ASSERT_TRUE(db().updateGrid(first, QStringLiteral("First"), 3));
+    const GridId second = db().addGridWithName(QStringLiteral("Second"));
+    const SqlRows grids = db().getGrids();
+    ASSERT_EQ(grids.size(), 2);
+    EXPECT_EQ(idOf(grids.last()), second);
+    EXPECT_EQ(grids.last().value(QStringLiteral("display_order")).toInt(), 4);
+    // Defaults of a new row.
+    EXPECT_EQ(db().gridSizeForGrid(second), 70.0);
+    EXPECT_EQ(db().numColsForGrid(second), 0);
+    EXPECT_TRUE(db().specialActionsVisibleForGrid(second));
+    EXPECT_TRUE(db().gridSwitcherVisibleForGrid(second));
+}
+
+TEST_F(GridDatabaseTest, RowsKeepNullApartFromMissing)
+{
+    const SqlRow grid = db().getGrids().first();
+    ASSERT_TRUE(grid.contains(QStringLiteral("num_cols")));
+    EXPECT_TRUE(SqliteConnection::isNull(grid.value(QStringLiteral("num_cols"))));
+    EXPECT_FALSE(grid.contains(QStringLiteral("no_such_column")));
+    EXPECT_EQ(grid.value(QStringLiteral("name")).toString(), QStringLiteral("Main Grid"));
+}
+
+struct NumColsRow {
+    int given;
+    int read;
+    const char* stored;
+};
+
+class NumColsTest : public GridDatabaseTest, public testing::WithParamInterface<NumColsRow> {};
+
+TEST_P(NumColsTest, BelowOneMeansAutomatic)
+{
+    const GridId grid = db().selectedGridId();
+    ASSERT_TRUE(db().setNumCols(GetParam().given, grid));
+    EXPECT_EQ(db().numColsForGrid(grid), GetParam().read);
+    EXPECT_EQ(
+        sqlValue(dbPath(), QStringLiteral("SELECT num_cols FROM grids WHERE id = %1").arg(grid)),
+        QString::fromLatin1(GetParam().stored));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, NumColsTest,
+                         testing::Values(NumColsRow{0, 0, "NULL"}, NumColsRow{5, 5, "5"},
+                                         NumColsRow{-2, 0, "NULL"}, NumColsRow{1, 1, "1"}));
+
+struct VisibleRow {
+    const char* stored; // SQL literal written into the column
+    bool visible;
+};
+
+class VisibilityTest : public GridDatabaseTest, public testing::WithParamInterface<VisibleRow> {};
+
+TEST_P(VisibilityTest, OnlyOneOrNullReadsAsVisible)
+{
+    const GridId grid = db().selectedGridId();
+    for (const char* column : {"special_actions_visible", "grid_switcher_visible"}) {
+        db().runQuery(QStringLiteral("UPDATE grids SET %1 = %2 WHERE id = ?")
+                          .arg(QString::fromLatin1(column), QString::fromLatin1(GetParam().stored)),
+                      {grid});
+    }
+    EXPECT_EQ(db().specialActionsVisibleForGrid(grid), GetParam().visible);
+    EXPECT_EQ(db().gridSwitcherVisibleForGrid(grid), GetParam().visible);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, VisibilityTest,
+                         testing::Values(VisibleRow{"1", true}, VisibleRow{"NULL", true},
+                                         VisibleRow{"0", false}, VisibleRow{"2", false},
+                                         VisibleRow{"'yes'", false}));
+
+TEST_F(GridDatabaseTest, AMissingGridReadsAsVisible)
+{
+    EXPECT_TRUE(db().specialActionsVisibleForGrid(999));
+    EXPECT_TRUE(db().gridSwitcherVisibleForGrid(999));
+    EXPECT_EQ(db().gridSizeForGrid(999), 0.0);
+}
+
+TEST_F(GridDatabaseTest, PerGridSettingsAreWritten)
+{
+    const GridId grid = db().selectedGridId();
+    ASSERT_TRUE(db().setSpecialActionsVisible(false, grid));
+    ASSERT_TRUE(db().setGridSwitcherVisible(false, grid));
+    ASSERT_TRUE(db().setGridSizeForSelectedGrid(48.5));
+    EXPECT_FALSE(db().specialActionsVisibleForGrid(grid));
+    EXPECT_FALSE(db().gridSwitcherVisibleForGrid(grid));
+    EXPECT_EQ(db().gridSizeForSelectedGrid(), 48.5);
+    ASSERT_TRUE(db().setSpecialActionsVisible(true, grid));
+    EXPECT_TRUE(db().specialActionsVisibleForGrid(grid));
+}
+
+TEST_F(GridDatabaseTest, SelectedGridFallsBackToTheFirstInDisplayOrder)
+{
+    const GridId main = 1;
+    const GridId other = db().addGridWithName(QStringLiteral("Other"));
+    ASSERT_TRUE(db().updateGrid(other, QStringLiteral("Other"), -1)); // first in order
+
+    Settings::shared().setValue(Settings::SelectedGridId, 0);
+    EXPECT_EQ(db().selectedGridId(), other);
+    EXPECT_EQ(Settings::shared().integerValue(Settings::SelectedGridId), other);
+
+    db().setSelectedGridId(main);
+    EXPECT_EQ(db().selectedGridId(), main);
+    ASSERT_TRUE(db().selectedGrid());
+    EXPECT_EQ(db().selectedGrid()->value(QStringLiteral("name")).toString(),
+              QStringLiteral("Main Grid"));
+
+    db().setSelectedGridId(4242); // gone
+    EXPECT_EQ(db().selectedGridId(), other);
+
+    db().runQuery(QStringLiteral("DELETE FROM grids"));
+    db().setSelectedGridId(77);
+    EXPECT_EQ(db().selectedGridId(), 77); // nothing to fall back to
+    EXPECT_FALSE(db().selectedGrid());
+}
+
+TEST_F(GridDatabaseTest, DeletingAGridRemovesEverythingBeneathIt)
+{
+    const GridId doomed = db().addGridWithName(QStringLiteral("Doomed"));
+    const CategoryId category = db().addCategoryWithName(QStringLiteral("Tools"), doomed);
+    const ActionId doomedAction = db().addAction(action(QStringLiteral("In doomed"), category),
+                                                 {{QStringLiteral("path"), QStringLiteral("/x")}});
+    const DropbarId dropbar = db().addDropbarWithTitle(QStringLiteral("Shelf"), {}, false, doomed);
+    db().addItemToDropbar(dropbar, QStringLiteral("text"), {}, QStringLiteral("t"), {});
+    // Rows of the grid that stays.
+    const CategoryId kept = db().addCategoryWithName(QStringLiteral("Kept"), 1);
+    const ActionId keptAction = db().addAction(action(QStringLiteral("In kept"), kept),
+                                               {{QStringLiteral("k"), QStringLiteral("v")}});
+    const DropbarId keptBar = db().addDropbarWithTitle(QStringLiteral("Kept"), {}, false, 1);
+    db().addItemToDropbar(keptBar, QStringLiteral("text"), {}, QStringLiteral("t"), {});
+
+    NotificationCount changed(Notifications::GridsChanged);
+    ASSERT_TRUE(db().deleteGrid(doomed));
+    EXPECT_EQ(changed.count, 1);
+    const auto count = [&](const QString& sql) { return sqlValue(dbPath(), sql).toInt(); };
+    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM grids WHERE id = %1").arg(doomed)), 0);
+    EXPECT_EQ(
+        count(QStringLiteral("SELECT COUNT(*) FROM categories WHERE grid_id = %1").arg(doomed)), 0);
+    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM actions WHERE id = %1").arg(doomedAction)),
+              0);
+    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM action_variables WHERE action_id = %1")
+                        .arg(doomedAction)),
+              0);
+    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM dropbars WHERE grid_id = %1").arg(doomed)),
+              0);
+    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM dropbar_items WHERE dropbar_id = %1")
+                        .arg(dropbar)),
+              0);
+
+    EXPECT_TRUE(db().getGridActionWithId(keptAction));
+    EXPECT_EQ(db().getItemsForDropbar(keptBar).size(), 1);
+    EXPECT_EQ(db().categoriesForGrid(1).size(), 4);
+    EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("PRAGMA integrity_check")), QStringLiteral("ok"));
+}
+
+// --- Categories
+
+TEST_F(GridDatabaseTest, CategoriesAreNumberedPerGrid)
+{
+    const GridId grid = db().addGridWithName(QStringLiteral("Empty"));
+    const CategoryId first = db().addCategoryWithName(QStringLiteral("A"), grid);
+    const CategoryId second = db().addCategoryWithName(QStringLiteral("B"), grid);
+    const SqlRows rows = db().categoriesForGrid(grid);
+    ASSERT_EQ(rows.size(), 2);
+    EXPECT_EQ(idOf(rows.at(0)), first);
+    EXPECT_EQ(rows.at(0).value(QStringLiteral("display_order")).toInt(), 0);
+    EXPECT_EQ(rows.at(1).value(QStringLiteral("display_order")).toInt(), 1);
+    // The shipped grid's categories go on from 2.
+    const CategoryId more = db().addCategoryWithName(QStringLiteral("More"), 1);
+    EXPECT_EQ(db().categoriesForGrid(1).last().value(QStringLiteral("display_order")).toInt(), 3);
+    EXPECT_EQ(db().getCategories().size(), 6);
+
+    ASSERT_TRUE(db().updateCategory(second, QStringLiteral("Renamed")));
+    ASSERT_TRUE(db().updateCategoryDisplayOrder(second, -1));
+    ASSERT_TRUE(db().updateCategoryGridId(more, grid));
+    const SqlRows after = db().categoriesForGrid(grid);
+    ASSERT_EQ(after.size(), 3);
+    EXPECT_EQ(after.first().value(QStringLiteral("name")).toString(), QStringLiteral("Renamed"));
+}
+
+TEST_F(GridDatabaseTest, FirstCategoryMeansLowestId)
+{
+    const GridId grid = selectNewGrid(QStringLiteral("G"));
+    const CategoryId low = db().addCategoryWithName(QStringLiteral("Low id"), grid);
+    db().addCategoryWithName(QStringLiteral("High id"), grid);
+    ASSERT_TRUE(db().updateCategoryDisplayOrder(low, 10)); // shown last
+    EXPECT_EQ(db().getFirstCategoryIdForSelectedGrid(), low);
+}
+
+struct PlacementRow {
+    const char* label;
+    QStringList categories;
+    const char* apps;    // category chosen for "Open Application"
+    const char* folders; // for "Copy Files"
+    const char* actions; // for any other type
+};
+
+class PlacementTest : public GridDatabaseTest, public testing::WithParamInterface<PlacementRow> {};
+
+TEST_P(PlacementTest, ChoosesByNameAndFallsBackToTheFirst)
+{
+    const PlacementRow& row = GetParam();
+    const GridId grid = selectNewGrid(QStringLiteral("Placement"));
+    QMap<CategoryId, QString> names;
+    for (const QString& name : row.categories) {
+        names.insert(db().addCategoryWithName(name, grid), name);
+    }
+    NotificationCount created(Notifications::GridCategoryCreated);
+    const auto nameOf = [&](CategoryId id) {
+        return sqlValue(dbPath(), QStringLiteral("SELECT name FROM categories WHERE id = %1 AND "
+                                                 "grid_id = %2")
+                                      .arg(id)
+                                      .arg(grid));
+    };
+    EXPECT_EQ(nameOf(db().getAppsCategoryIdForSelectedGrid()), QString::fromUtf8(row.apps));
+    EXPECT_EQ(nameOf(db().getFoldersCategoryIdForSelectedGrid()), QString::fromUtf8(row.folders));
+    EXPECT_EQ(nameOf(db().getActionsCategoryIdForSelectedGrid()), QString::fromUtf8(row.actions));
+    EXPECT_EQ(created.count, row.categories.isEmpty() ? 1 : 0);
+    EXPECT_EQ(db().categoriesForGrid(grid).size(),
+              row.categories.isEmpty() ? 1 : row.categories.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, PlacementTest,
+    testing::Values(
+        PlacementRow{"Named", {"Apps", "My Folders", "Actions"}, "Apps", "My Folders", "Actions"},
+        PlacementRow{"OnlyTools", {"Tools"}, "Tools", "Tools", "Tools"},
+        PlacementRow{"NoCategory", {}, "Actions", "Actions", "Actions"},
+        // Contains "applications" in any case; the Actions test takes two spellings only.
+        PlacementRow{"Spellings",
+                     {"Misc", "MY APPLICATIONS", "FOLDERs", "ACTIONS", "actions"},
+                     "MY APPLICATIONS",
+                     "FOLDERs",
+                     "actions"},
+        PlacementRow{"NoSubstringOfActions", {"Other", "My Actions"}, "Other", "Other", "Other"},
+        // The percent signs are wildcards: a name with none of the words does not match.
+        PlacementRow{"Percent", {"First", "100% app"}, "First", "First", "First"}),
+    [](const testing::TestParamInfo<PlacementRow>& row) { return std::string(row.param.label); });
+
+TEST_F(GridDatabaseTest, TheFixedNameLists)
+{
+    EXPECT_EQ(GridDatabase::folderActionNames(),
+              (QStringList{QStringLiteral("Move Files"), QStringLiteral("Copy Files"),
+                           QStringLiteral("Rename & Move Files"),
+                           QStringLiteral("Rename & Copy Files")}));
+    EXPECT_EQ(GridDatabase::coreFileActionNames(),
+              QStringList{QStringLiteral("Open Application")} + GridDatabase::folderActionNames());
+}
+
+// --- Actions and their variables
+
+TEST_F(GridDatabaseTest, ActionsRoundTripWithTheirVariables)
+{
+    GridAction a = action(QStringLiteral("Upload"), 1, 0, QStringLiteral("SFTP Upload"));
+    a.bundledIcon = QStringLiteral("upload");
+    const QByteArray blob("\x00\x01\xff", 3);
+    const GridActionVariables variables{{QStringLiteral("path"), QStringLiteral("/srv/a \"b\"")},
+                                        {QStringLiteral("scoped_bookmark"), blob},
+                                        {QStringLiteral("empty"), QString(QStringLiteral(""))}};
+    const ActionId id = db().addAction(a, variables);
+    ASSERT_NE(id, 0);
+
+    const GridActionPtr read = db().getGridActionWithId(id);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->aId, id);
+    EXPECT_EQ(read->name, QStringLiteral("Upload"));
+    EXPECT_EQ(read->type, QStringLiteral("SFTP Upload"));
+    EXPECT_EQ(read->servicesKey, QStringLiteral("U"));
+    EXPECT_EQ(read->bundledIcon, QStringLiteral("upload"));
+    EXPECT_EQ(read->categoryId, 1);
+    EXPECT_TRUE(read->usingDefaultIcon);
+    EXPECT_EQ(read->extraVariables, variables);
+    EXPECT_EQ(read->extraVariables.value(QStringLiteral("scoped_bookmark")).typeId(),
+              QMetaType::QByteArray);
+    EXPECT_EQ(db().getScopedBookmarks(), QList<QByteArray>{blob});
+    EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("SELECT variable_value FROM action_variables WHERE "
+                                                "variable_name = 'scoped_bookmark'")),
+              QStringLiteral("NULL"));
+
+    EXPECT_EQ(db().getGridActionWithType(QStringLiteral("SFTP Upload"))->aId, id);
+    EXPECT_EQ(db().getGridActionWithName(QStringLiteral("Upload"))->aId, id);
+
+    read->name = QStringLiteral("Renamed");
+    read->servicesKey = QString(); // nil is stored as NULL
+    read->bundledIcon = QString();
+    ASSERT_TRUE(db().updateAction(*read, {{QStringLiteral("only"), QStringLiteral("this")}}));
+    const GridActionPtr updated = db().getGridActionWithId(id);
+    EXPECT_EQ(updated->name, QStringLiteral("Renamed"));
+    EXPECT_TRUE(updated->bundledIcon.isNull());
+    EXPECT_EQ(sqlValue(dbPath(),
+                       QStringLiteral("SELECT services_key FROM actions WHERE id = %1").arg(id)),
+              QStringLiteral("NULL"));
+    EXPECT_EQ(updated->extraVariables,
+              (GridActionVariables{{QStringLiteral("only"), QStringLiteral("this")}}));
+    EXPECT_TRUE(db().getScopedBookmarks().isEmpty());
+}
+
+TEST_F(GridDatabaseTest, LaterVariableRowsOfTheSameNameWin)
+{
+    const ActionId id = db().addAction(action(QStringLiteral("A"), 1), {});
+    db().runQuery(QStringLiteral("INSERT INTO action_variables VALUES (?, 'k', 'first', NULL), "
+                                 "(?, 'k', 'second', NULL), (?, 'b', 'text', X'00')"),
+                  {id, id, id});
+    const GridActionVariables read = db().getExtraVariablesForActionId(id);
+    EXPECT_EQ(read.value(QStringLiteral("k")).toString(), QStringLiteral("second"));
+    EXPECT_EQ(read.value(QStringLiteral("b")), QVariant(QByteArray(1, '\0'))); // blob first
+}
+
+TEST_F(GridDatabaseTest, PositionsCountsAndMoves)
+{
+    EXPECT_EQ(db().getNextPositionForCategoryId(2), 0);
+    const ActionId a = db().addAction(action(QStringLiteral("A"), 2, 0), {});
+    const ActionId b = db().addAction(action(QStringLiteral("B"), 2, 4), {});
+    db().addAction(action(QStringLiteral("C"), 3, 1), {});
+    EXPECT_EQ(db().getNextPositionForCategoryId(2), 5);
+    EXPECT_EQ(db().getNumActions(), 3);
+    EXPECT_EQ(db().getNumActionsForCategoryId(2), 2);
+    EXPECT_EQ(db().getNumActionsWithWhereClause(QStringLiteral("name IN ('A', 'C')")), 2);
+
+    ASSERT_TRUE(db().moveAction(b, 3, 0));
+    QStringList order;
+    for (const GridActionPtr& each : db().getActionsForCategoryId(3)) {
+        order << each->name;
+    }
+    EXPECT_EQ(order, (QStringList{QStringLiteral("B"), QStringLiteral("C")}));
+    EXPECT_EQ(db().getAllActions().size(), 3);
+
+    ASSERT_TRUE(db().updateServicesKeyForActionId(a, QStringLiteral("Q")));
+    EXPECT_EQ(db().getGridActionWithId(a)->servicesKey, QStringLiteral("Q"));
+}
+
+TEST_F(GridDatabaseTest, AMissingActionIsLoggedAndNone)
+{
+    LogCapture log;
+    EXPECT_FALSE(db().getGridActionWithId(31337));
+    EXPECT_TRUE(log.contains(QStringLiteral("GridAction with ID 31337 not found")));
+    EXPECT_FALSE(db().getGridActionWithType(QStringLiteral("nothing")));
+}
+
+TEST_F(GridDatabaseTest, HasAddedActionLooksAtTheSelectedGridOnly)
+{
+    db().addAction(action(QStringLiteral("A"), 1, 0, QStringLiteral("Resize Images")), {});
+    EXPECT_TRUE(db().hasAddedActionWithType(QStringLiteral("Resize Images")));
+    EXPECT_FALSE(db().hasAddedActionWithType(QStringLiteral("Convert Images")));
+    selectNewGrid(QStringLiteral("Elsewhere"));
+    EXPECT_FALSE(db().hasAddedActionWithType(QStringLiteral("Resize Images")));
+}
+
+TEST_F(GridDatabaseTest, DeletingAnActionCompactsTheFile)
+{
+    const QByteArray large(512 * 1024, 'x');
+    const ActionId id =
+        db().addAction(action(QStringLiteral("Big"), 1), {{QStringLiteral("blob"), large}});
+    const qint64 before =
+        QFileInfo(dbPath()).size() + QFileInfo(dbPath() + QStringLiteral("-wal")).size();
+    db().runQuery(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
+    ASSERT_TRUE(db().deleteAction(id));
+    db().runQuery(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
+    EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("PRAGMA freelist_count")), QStringLiteral("0"));
+    EXPECT_LT(QFileInfo(dbPath()).size(), before / 4);
+    EXPECT_TRUE(db().getExtraVariablesForActionId(id).isEmpty());
+}
+
+// --- Drop Bars
+
+TEST_F(GridDatabaseTest, DropbarsAndItemsAreOrdered)
+{
+    const DropbarId first =
+        db().addDropbarWithTitle(QStringLiteral("One"), QByteArray("i"), true, 1);
+    const DropbarId second = db().addDropbarWithTitle(QStringLiteral("Two"), {}, false, 1);
+    EXPECT_EQ(db().getDropbarCountForGrid(1), 2);
+    SqlRows bars = db().getDropbarsForGrid(1);
+    EXPECT_EQ(idOf(bars.at(0)), first);
+    EXPECT_TRUE(SqliteConnection::isNull(bars.at(0).value(QStringLiteral("name"))));
+    EXPECT_EQ(bars.at(1).value(QStringLiteral("position")).toInt(), 1);
+
+    // An id of another grid is left alone.
+    const GridId other = db().addGridWithName(QStringLiteral("Other"));
+    const DropbarId foreign = db().addDropbarWithTitle(QStringLiteral("F"), {}, false, other);
+    ASSERT_TRUE(db().updateDropbarPositions({second, foreign, first}, 1));
+    bars = db().getDropbarsForGrid(1);
+    EXPECT_EQ(idOf(bars.at(0)), second);
+    EXPECT_EQ(bars.at(1).value(QStringLiteral("position")).toInt(), 2);
+    EXPECT_EQ(db().getDropbarsForGrid(other).first().value(QStringLiteral("position")).toInt(), 0);
+
+    ASSERT_TRUE(db().updateDropbar(first, QStringLiteral("T"), QStringLiteral("N"),
+                                   QByteArray("icon"), false));
+    EXPECT_EQ(db().getDropbarsForGrid(1).last().value(QStringLiteral("name")).toString(),
+              QStringLiteral("N"));
+
+    const DropbarItemId a =
+        db().addItemToDropbar(first, QStringLiteral("file"), QByteArray("bm"), {}, {});
+    const DropbarItemId b = db().addItemToDropbar(first, QStringLiteral("text"), {},
+                                                  QStringLiteral("hi"), QStringLiteral("/t.txt"));
+    SqlRows items = db().getItemsForDropbar(first);
+    ASSERT_EQ(items.size(), 2);
+    EXPECT_EQ(idOf(items.at(0)), a);
+    EXPECT_EQ(items.at(1).value(QStringLiteral("position")).toInt(), 1);
+    EXPECT_TRUE(SqliteConnection::isNull(items.at(1).value(QStringLiteral("bookmark_data"))));
+
+    ASSERT_TRUE(db().replaceItemsForDropbar(first, {items.at(1), items.at(0)}));
+    items = db().getItemsForDropbar(first);
+    ASSERT_EQ(items.size(), 2);
+    EXPECT_EQ(items.at(0).value(QStringLiteral("text_content")).toString(), QStringLiteral("hi"));
+    EXPECT_EQ(items.at(1).value(QStringLiteral("bookmark_data")).toByteArray(), QByteArray("bm"));
+
+    EXPECT_FALSE(db().deleteItem(idOf(items.at(0)), second)); // not that Drop Bar's item
+    EXPECT_TRUE(db().deleteItem(idOf(items.at(0)), first));
+    EXPECT_FALSE(db().deleteItem(idOf(items.at(0)), first)); // already gone
+    Q_UNUSED(b);
+
+    ASSERT_TRUE(db().moveDropbar(first, other));
+    EXPECT_EQ(db().gridIdForDropbar(first), other);
+    EXPECT_EQ(db().getDropbarsForGrid(other).last().value(QStringLiteral("position")).toInt(), 1);
+    ASSERT_TRUE(db().deleteDropbar(first));
+    EXPECT_TRUE(db().getItemsForDropbar(first).isEmpty());
+    EXPECT_EQ(db().getDropbarCountForGrid(other), 1);
+}
+
+TEST_F(GridDatabaseTest, AnOrphanedDropbarHasNoGrid)
+{
+    const GridId grid = db().addGridWithName(QStringLiteral("Gone"));
+    const DropbarId bar = db().addDropbarWithTitle(QStringLiteral("B"), {}, false, grid);
+    db().runQuery(QStringLiteral("DELETE FROM grids WHERE id = ?"), {grid});
+    EXPECT_EQ(db().gridIdForDropbar(bar), 0);
+}
+
+class SeparateItemTest : public GridDatabaseTest {
+protected:
+    void SetUp() override
+    {
+        GridDatabaseTest::SetUp();
+        source = db().addDropbarWithTitle(QStringLiteral("Source"), {}, true, 1);
+        first = db().addItemToDropbar(source, QStringLiteral("text"), {}, QStringLiteral("1"), {});
+        second = db().addItemToDropbar(source, QStringLiteral("text"), {}, QStringLiteral("2"), {});
+        other = db().addDropbarWithTitle(QStringLiteral("Other"), {}, false, 1);
+        foreignItem =
+            db().addItemToDropbar(other, QStringLiteral("text"), {}, QStringLiteral("x"), {});
+    }
+    qint64 dropbarCount()
+    {
+        return sqlValue(dbPath(), QStringLiteral("SELECT COUNT(*) FROM dropbars")).toLongLong();
+    }
+    DropbarId source = 0, other = 0;
+    DropbarItemId first = 0, second = 0, foreignItem = 0;
+};
+
+TEST_F(SeparateItemTest, MovesTheItemIntoANewDropbarLast)
+{
+    const DropbarId made =
+        db().separateItem(first, source, 1, QStringLiteral("Split"), QByteArray("ic"));
+    ASSERT_NE(made, 0);
+    const SqlRows bars = db().getDropbarsForGrid(1);
+    ASSERT_EQ(bars.size(), 3);
+    EXPECT_EQ(idOf(bars.last()), made);
+    EXPECT_EQ(bars.last().value(QStringLiteral("position")).toInt(), 2);
+    EXPECT_EQ(bars.last().value(QStringLiteral("locked")).toInt(), 1); // inherited
+    EXPECT_EQ(bars.last().value(QStringLiteral("title")).toString(), QStringLiteral("Split"));
+    const SqlRows moved = db().getItemsForDropbar(made);
+    ASSERT_EQ(moved.size(), 1);
+    EXPECT_EQ(idOf(moved.first()), first);
+    EXPECT_EQ(moved.first().value(QStringLiteral("position")).toInt(), 0);
+    EXPECT_EQ(db().getItemsForDropbar(source).size(), 1); // the source stays with its other item
+}
+
+TEST_F(SeparateItemTest, TheLastItemTakesItsDropbarAlong)
+{
+    ASSERT_NE(db().separateItem(first, source, 1, QStringLiteral("A"), {}), 0);
+    const DropbarId made = db().separateItem(second, source, 1, QStringLiteral("B"), {});
+    ASSERT_NE(made, 0);
+    EXPECT_EQ(sqlValue(dbPath(),
+                       QStringLiteral("SELECT COUNT(*) FROM dropbars WHERE id = %1").arg(source)),
+              QStringLiteral("0"));
+}
+
+struct RefusedRow {
+    const char* label;
+    int item; // 0 first, 1 foreign item, 2 missing item
+    bool goodGrid;
+};
+
+class SeparateRefusedTest : public SeparateItemTest,
+                            public testing::WithParamInterface<RefusedRow> {};
+
+TEST_P(SeparateRefusedTest, InsertsNothingAndReturnsZero)
+{
+    const qint64 before = dropbarCount();
+    const DropbarItemId item = GetParam().item == 0   ? first
+                               : GetParam().item == 1 ? foreignItem
+                                                      : 9999;
+    EXPECT_EQ(
+        db().separateItem(item, source, GetParam().goodGrid ? 1 : 4040, QStringLiteral("T"), {}),
+        0);
+    EXPECT_EQ(dropbarCount(), before);
+    EXPECT_EQ(db().getItemsForDropbar(source).size(), 2);
+    EXPECT_EQ(db().getItemsForDropbar(other).size(), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, SeparateRefusedTest,
+                         testing::Values(RefusedRow{"ItemOfAnotherDropbar", 1, true},
+                                         RefusedRow{"MissingItem", 2, true},
+                                         RefusedRow{"MissingGrid", 0, false}),
+                         [](const testing::TestParamInfo<RefusedRow>& row) {
+                             return std::string(row.param.label);
+                         });
+
+TEST_F(SeparateItemTest, AFailingLaterStepUndoesTheInsert)
+{
+    // A trigger makes the item update change nothing, as a concurrent delete would.
+    db().runQuery(QStringLiteral("CREATE TRIGGER hold BEFORE UPDATE ON dropbar_items BEGIN SELECT "
+                                 "RAISE(IGNORE); END"));
+    const qint64 before = dropbarCount();
+    EXPECT_EQ(db().separateItem(first, source, 1, QStringLiteral("T"), {}), 0);
+    EXPECT_EQ(dropbarCount(), before);
+}
+
+} // namespace

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "store/GridDatabase.h"
+#include "tests/support/FakePresenters.h"
+#include "tests/support/TestHome.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+#include <memory>
+
+// Builds a database file as it looked at a schema version, with some rows in it: categories
+// 1 "Default Actions", 2 "Installed Actions" and 3 "My Apps Folder", actions in them with
+// variables, and from version 4 on a grid (from version 10 on, a Drop Bar with items).
+void createDatabaseAtVersion(const QString& path, int version);
+
+// Column name -> "TYPE|default" of every table, for comparing schemas.
+QMap<QString, QMap<QString, QString>> schemaOf(const QString& path);
+
+// Runs the statement on its own connection and returns the first column of every row.
+QStringList sqlColumn(const QString& path, const QString& sql);
+QString sqlValue(const QString& path, const QString& sql);
+
+// Points the mount table at a prepared file while alive.
+class FileSystemInfoOverride {
+public:
+    explicit FileSystemInfoOverride(const QString& mountInfo);
+    ~FileSystemInfoOverride();
+    FileSystemInfoOverride(const FileSystemInfoOverride&) = delete;
+    FileSystemInfoOverride& operator=(const FileSystemInfoOverride&) = delete;
+};
+
+// Lets queued steps (alerts, grid rebuilds) run.
+void processEvents();
+
+// Each test gets its own home, fake presenters and a fresh shared store over
+// "Actions5.skdb" in the home's support folder.
+class StoreTest : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    GridDatabase& db() { return GridDatabase::sharedGridDatabase(); }
+    QString supportPath(const QString& relative) const;
+    QString dbPath() const;
+    // Loads the shipped initial database (one grid, categories Actions, Apps and Folders).
+    void loadInitialDatabase();
+
+    std::unique_ptr<TestHome> m_home;
+    std::unique_ptr<FakePresenters> m_presenters;
+};
