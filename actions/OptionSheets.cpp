@@ -26,6 +26,17 @@ std::optional<OptionSheetInfo> find(const QString& name)
     return *it;
 }
 
+void registerStandardSheets()
+{
+    // The folder the file actions copy or move into.
+    for (const char* name : {"ChooseFolder", "ChooseFolderRename"}) {
+        OptionSheetInfo sheet;
+        sheet.name = QString::fromLatin1(name);
+        sheet.commandLineOptions = {QStringLiteral("path")};
+        registerSheet(sheet);
+    }
+}
+
 void unregisterSheet(const QString& name)
 {
     sheets().remove(name);

@@ -2,6 +2,7 @@
 
 #include <QMap>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -13,6 +14,8 @@ struct OptionSheetInfo {
     bool needsKeychainStorage = false;
     QString keychainPasswordKey;
     QMap<QString, QString> constantVariables;
+    // The option keys that may be set from the command line; empty when none can be.
+    QStringList commandLineOptions;
 };
 
 namespace OptionSheets {
@@ -20,5 +23,7 @@ namespace OptionSheets {
 void registerSheet(const OptionSheetInfo& info); // replaces a sheet of the same name
 std::optional<OptionSheetInfo> find(const QString& name);
 void unregisterSheet(const QString& name);
+// The sheets of the actions that ship with the application.
+void registerStandardSheets();
 
 } // namespace OptionSheets

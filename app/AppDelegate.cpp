@@ -1,20 +1,80 @@
 #include "app/AppDelegate.h"
 
 #include "actions/ActionFileParser.h"
+#include "actions/OptionSheets.h"
 #include "core/Log.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "store/GridAction.h"
 #include "store/GridDatabase.h"
+#include "tasks/CmdLineTaskHandler.h"
 #include "tasks/DebugConsoleController.h"
+#include "tasks/Task.h"
 
 #include <QDir>
 #include <QJsonObject>
 
+namespace {
+
+// Until event dispatch takes over, a command-line run starts the grid action's task directly.
+Task* startGridActionTask(const GridActionPtr& action, const QString& event,
+                          const QStringList& files, const QString& text,
+                          std::function<void()> finished)
+{
+    auto* task = new Task;
+    task->gridAction = action;
+    task->actionFile = action->actionFile();
+    if (!task->actionFile) {
+        delete task;
+        return nullptr;
+    }
+    task->event = event;
+    if (!files.isEmpty()) {
+        task->items = files;
+        task->variables.insert(QStringLiteral("dragged_type"), QStringLiteral("files"));
+    } else if (!text.isEmpty()) {
+        task->items = {text};
+        task->variables.insert(QStringLiteral("dragged_type"), QStringLiteral("text"));
+    }
+    task->completion = std::move(finished);
+    task->run();
+    return task;
+}
+
+} // namespace
+
 AppDelegate::AppDelegate(bool headless, QObject* parent)
     : QObject(parent)
     , m_headless(headless)
+    , m_cmdLineTaskHandler(std::make_unique<CmdLineTaskHandler>())
 {}
+
+AppDelegate::~AppDelegate() = default;
+
+bool AppDelegate::claimInstance(QString* error)
+{
+    return m_cmdLineTaskHandler->setup(SupportPaths::runtimeDirectory(), error);
+}
+
+QString AppDelegate::openArguments(const QStringList& arguments, const QString& cwd)
+{
+    QStringList absolute;
+    for (const QString& argument : arguments) {
+        const bool isUrl = argument.contains(QStringLiteral("://"));
+        absolute << (isUrl || QDir::isAbsolutePath(argument)
+                         ? argument
+                         : QDir(cwd).absoluteFilePath(argument));
+    }
+    // Installing action files and answering skelvo:// URLs come with the action library and
+    // the URL scheme; until then they are kept and logged.
+    m_pendingArguments << absolute;
+    for (const QString& argument : std::as_const(absolute)) {
+        Log::info(QStringLiteral("Received %1").arg(argument));
+    }
+    return QStringLiteral("Skelvo is already running; handed over %1 argument(s)")
+        .arg(absolute.size());
+}
 
 void AppDelegate::registerDefaultSettings()
 {
@@ -38,6 +98,7 @@ void AppDelegate::applicationDidFinishLaunching()
                        m_headless ? QStringLiteral(" headless") : QString()));
 
     registerDefaultSettings();
+    OptionSheets::registerStandardSheets();
     DebugConsoleController::shared().setLogFile(
         QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("debug-console.log")));
 
@@ -58,6 +119,12 @@ void AppDelegate::applicationDidFinishLaunching()
                   .arg(actions.size())
                   .arg(ActionFileParser::shared().internalActionsDirectory(),
                        ActionFileParser::shared().userActionsDirectory()));
+
+    m_cmdLineTaskHandler->setRunStarter(startGridActionTask);
+    m_cmdLineTaskHandler->setHandOverReceiver(
+        [this](const QStringList& arguments, const QString& cwd) {
+            return openArguments(arguments, cwd);
+        });
 
     m_didFinishStartup = true;
     Log::info(QStringLiteral("Skelvo is running"));

@@ -3,13 +3,18 @@
 #include "actions/ActionFileJson.h"
 #include "app/AppDelegate.h"
 #include "app/DesktopAlertPresenter.h"
+#include "core/CmdLineProtocol.h"
+#include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "platform/CmdLineServer.h"
 #include "platform/QtKeychainSecretStore.h"
 #include "platform/UnixSignals.h"
 #include "store/SecretStore.h"
+#include "tasks/CmdLineTaskHandler.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QDir>
 #include <QJsonDocument>
 
 #include <cstdio>
@@ -19,7 +24,7 @@
 namespace {
 
 const char* const Usage =
-    "Usage: skelvo [--headless]\n"
+    "Usage: skelvo [--headless] [ACTION-FILE | skelvo://URL ...]\n"
     "       skelvo --inspect-action PATH\n"
     "       skelvo --help | --version\n"
     "\n"
@@ -52,6 +57,7 @@ int inspectAction(const char* path)
 int main(int argc, char* argv[])
 {
     bool headless = false;
+    QStringList arguments;
     for (int i = 1; i < argc; ++i) {
         const char* arg = argv[i];
         if (!std::strcmp(arg, "--help") || !std::strcmp(arg, "-h")) {
@@ -72,6 +78,10 @@ int main(int argc, char* argv[])
         }
         if (!std::strcmp(arg, "--headless")) {
             headless = true;
+            continue;
+        }
+        if (arg[0] != '-') {
+            arguments << QString::fromLocal8Bit(arg); // action files and skelvo:// URLs
             continue;
         }
         std::fprintf(stderr, "skelvo: unknown option %s\n%s", arg, Usage);
@@ -95,6 +105,27 @@ int main(int argc, char* argv[])
     QCoreApplication::setApplicationVersion(Version::shortVersionString());
 
     AppDelegate delegate(headless);
+    QString error;
+    if (!delegate.claimInstance(&error)) {
+        if (!delegate.cmdLineTaskHandler()->server().anotherInstanceIsRunning()) {
+            std::fprintf(stderr, "skelvo: %s\n", error.toLocal8Bit().constData());
+            return 1;
+        }
+        // One instance per user: hand the arguments to the running one.
+        const auto responses = CmdLineServer::sendRequest(
+            SupportPaths::runtimeDirectory(), QString::fromLatin1(CmdLineProtocol::HandOver),
+            {{QStringLiteral("arguments"), arguments},
+             {QStringLiteral("cwd"), QDir::currentPath()}});
+        if (!responses) {
+            std::fputs("skelvo: another instance holds the lock but does not answer\n", stderr);
+            return 1;
+        }
+        for (const QString& response : *responses) {
+            std::printf("%s\n", response.toLocal8Bit().constData());
+        }
+        return 0;
+    }
+    delegate.openArguments(arguments, QDir::currentPath());
     UnixSignals::quitOnTermination([] { QCoreApplication::quit(); });
     delegate.applicationDidFinishLaunching();
     const int status = app->exec();

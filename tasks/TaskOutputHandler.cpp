@@ -221,7 +221,7 @@ void TaskOutputHandler::completeTaskWithOutputType(int type, const QString& outp
         } else {
             DesktopServices::shared().pasteString(output);
         }
-        NotificationCenter::distributed().post(CmdLineNotifications::Response, nullptr,
+        NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
                                                {{QStringLiteral("response"), output}});
         QString label = m_urlTitle;
         if (label.isEmpty() && m_task) {
@@ -247,7 +247,7 @@ void TaskOutputHandler::completeTaskWithOutputType(int type, const QString& outp
     if (Settings::shared().boolValue(Settings::PlaySounds)) {
         QTimer::singleShot(SoundDelayMs, this, &TaskOutputHandler::playTaskCompletionSound);
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish);
+    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
     completeTaskWithCancel(false);
 }
 
@@ -296,7 +296,7 @@ void TaskOutputHandler::completeTaskWithCancel(bool cancelled)
         m_taskStatus->finishWithFade(!cancelled);
         m_taskStatus = nullptr;
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish);
+    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
     NotificationCenter::shared().post(Notifications::TaskShowExitStatus, this,
                                       {{QStringLiteral("success"), m_taskFailed ? 0 : 1}});
 }

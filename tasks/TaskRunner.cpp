@@ -30,6 +30,12 @@ QString architectureSuffix()
 
 QString systemExecutable(const QString& name)
 {
+    // The distribution's interpreter first: version managers put shims earlier on PATH that
+    // are shell scripts with opinions about the locale.
+    const QString system = QStringLiteral("/usr/bin/") + name;
+    if (QFileInfo(system).isExecutable()) {
+        return system;
+    }
     const QString found = QStandardPaths::findExecutable(name);
     return found.isEmpty() ? name : found;
 }
@@ -237,7 +243,7 @@ void TaskRunner::completeTask()
     DebugConsoleController::shared().appendBold(QStringLiteral("\n[Task completed]\n"));
     NotificationCenter::shared().post(Notifications::TaskFinished, this, userInfo);
     TasksController::shared().removeTask(m_task);
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish);
+    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
 }
 
 Task* TaskRunner::task() const

@@ -258,7 +258,8 @@ TEST(Queries, OptionSheetsDecideKeychainAndConstants)
     OptionSheets::registerSheet({QStringLiteral("TestLogin"),
                                  true,
                                  QStringLiteral("password"),
-                                 {{QStringLiteral("service"), QStringLiteral("x")}}});
+                                 {{QStringLiteral("service"), QStringLiteral("x")}},
+                                 {}});
     ActionFile r = parse(QStringLiteral("# Skelvo Action Info\n# OptionsNIB: TestLogin\n"));
     EXPECT_TRUE(r.optionsNibExists());
     EXPECT_TRUE(r.optionsNibNeedsKeychain());

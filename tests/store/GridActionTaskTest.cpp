@@ -25,7 +25,7 @@ protected:
         ActionFileParser::shared().setBuiltInActionInfos({upload, plain});
         ActionFileParser::shared().invalidateActionsCache();
         OptionSheets::registerSheet(
-            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}});
+            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}});
 
         m_action = std::make_shared<GridAction>();
         m_action->type = QStringLiteral("SFTP Upload");

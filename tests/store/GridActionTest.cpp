@@ -67,7 +67,7 @@ protected:
         });
         ActionFileParser::shared().invalidateActionsCache();
         OptionSheets::registerSheet(
-            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}});
+            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}});
         m_counter = NotificationCenter::shared().addObserver(
             Notifications::GridActionPositionsSaved, nullptr,
             [this](const Notification&) { ++m_saved; });

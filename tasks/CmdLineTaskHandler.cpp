@@ -1,0 +1,1098 @@
+#include "tasks/CmdLineTaskHandler.h"
+
+#include "actions/ActionFileParser.h"
+#include "actions/OptionSheets.h"
+#include "core/CmdLineProtocol.h"
+#include "core/Log.h"
+#include "core/NotificationCenter.h"
+#include "store/GridAction.h"
+#include "store/GridDatabase.h"
+#include "store/Icons.h"
+#include "tasks/Task.h"
+#include "tasks/TaskOutputHandler.h"
+#include "tasks/TaskRunner.h"
+#include "tasks/TaskStatus.h"
+#include "tasks/TasksController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+namespace {
+
+const QString ListRule = QStringLiteral("---------------------------\n");
+
+QString str(const QVariantMap& request, const char* key)
+{
+    return request.value(QString::fromLatin1(key)).toString();
+}
+
+bool has(const QVariantMap& request, const char* key)
+{
+    const QVariant value = request.value(QString::fromLatin1(key));
+    return value.isValid() && !value.isNull() && !value.toString().isEmpty();
+}
+
+bool flag(const QVariantMap& request, const char* key)
+{
+    return request.value(QString::fromLatin1(key)).toBool();
+}
+
+std::optional<qint64> integer(const QVariantMap& request, const char* key)
+{
+    const QVariant value = request.value(QString::fromLatin1(key));
+    bool ok = false;
+    const qint64 number = value.toLongLong(&ok);
+    if (!value.isValid() || !ok) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+QString json(const QJsonArray& array)
+{
+    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Indented)).trimmed();
+}
+
+GridDatabase& db()
+{
+    return GridDatabase::sharedGridDatabase();
+}
+
+SqlRows gridsNamed(const QString& name)
+{
+    SqlRows found;
+    for (const SqlRow& grid : db().getGrids()) {
+        if (grid.value(QStringLiteral("name")).toString() == name) {
+            found << grid;
+        }
+    }
+    return found;
+}
+
+QString gridName(GridId gridId)
+{
+    for (const SqlRow& grid : db().getGrids()) {
+        if (grid.value(QStringLiteral("id")).toLongLong() == gridId) {
+            return grid.value(QStringLiteral("name")).toString();
+        }
+    }
+    return {};
+}
+
+SqlRows categoriesNamed(GridId gridId, const QString& name)
+{
+    SqlRows found;
+    for (const SqlRow& category : db().categoriesForGrid(gridId)) {
+        if (category.value(QStringLiteral("name")).toString() == name) {
+            found << category;
+        }
+    }
+    return found;
+}
+
+struct PlacedAction {
+    GridActionPtr action;
+    GridId gridId = 0;
+    QString grid;
+    QString category;
+};
+
+QList<PlacedAction> actionsOfGrid(GridId gridId)
+{
+    QList<PlacedAction> placed;
+    const QString grid = gridName(gridId);
+    for (const SqlRow& category : db().categoriesForGrid(gridId)) {
+        const CategoryId categoryId = category.value(QStringLiteral("id")).toLongLong();
+        for (const GridActionPtr& action : db().getActionsForCategoryId(categoryId)) {
+            placed << PlacedAction{action, gridId, grid,
+                                   category.value(QStringLiteral("name")).toString()};
+        }
+    }
+    return placed;
+}
+
+QList<PlacedAction> actionsNamed(const QString& name, std::optional<GridId> inGrid)
+{
+    QList<PlacedAction> found;
+    for (const SqlRow& grid : db().getGrids()) {
+        const GridId gridId = grid.value(QStringLiteral("id")).toLongLong();
+        if (inGrid && *inGrid != gridId) {
+            continue;
+        }
+        for (const PlacedAction& placed : actionsOfGrid(gridId)) {
+            if (placed.action->name == name) {
+                found << placed;
+            }
+        }
+    }
+    return found;
+}
+
+QString gridNamesOf(const QList<PlacedAction>& actions)
+{
+    QStringList names;
+    for (const PlacedAction& placed : actions) {
+        names << placed.grid;
+    }
+    return names.join(QStringLiteral(", "));
+}
+
+QString absolutePath(const QString& path, const QString& cwd)
+{
+    if (path.isEmpty() || QDir::isAbsolutePath(path)) {
+        return path;
+    }
+    return QDir::cleanPath(QDir(cwd.isEmpty() ? QDir::currentPath() : cwd).absoluteFilePath(path));
+}
+
+Task* taskOf(QObject* object)
+{
+    if (auto* handler = qobject_cast<TaskOutputHandler*>(object)) {
+        return handler->task();
+    }
+    if (auto* runner = qobject_cast<TaskRunner*>(object)) {
+        return runner->task();
+    }
+    return qobject_cast<Task*>(object);
+}
+
+} // namespace
+
+CmdLineTaskHandler::CmdLineTaskHandler(QObject* parent)
+    : QObject(parent)
+{
+    connect(&m_server, &CmdLineServer::requestReceived, this, &CmdLineTaskHandler::requestReceived);
+    m_observer =
+        NotificationCenter::distributed().addObserver({}, nullptr, [this](const Notification& n) {
+            distributedPosted(n.name, n.object, n.userInfo);
+        });
+}
+
+CmdLineTaskHandler::~CmdLineTaskHandler()
+{
+    NotificationCenter::distributed().removeObserver(m_observer);
+}
+
+bool CmdLineTaskHandler::setup(const QString& runtimeFolder, QString* error)
+{
+    return m_server.listen(runtimeFolder, error);
+}
+
+void CmdLineTaskHandler::requestReceived(CmdLineServer::ConnectionId connection,
+                                         const QString& name, const QVariantMap& userInfo)
+{
+    if (name == QLatin1String(CmdLineProtocol::HandOver)) {
+        const QStringList arguments = userInfo.value(QStringLiteral("arguments")).toStringList();
+        const QString cwd = userInfo.value(QStringLiteral("cwd")).toString();
+        m_server.respond(connection, m_handOver ? m_handOver(arguments, cwd)
+                                                : QStringLiteral("Skelvo is already running"));
+        m_server.finish(connection);
+        return;
+    }
+    if (name != QLatin1String(CmdLineProtocol::RunTask)) {
+        m_server.respond(connection,
+                         QStringLiteral("Error: Invalid command line task notification"));
+        m_server.finish(connection);
+        return;
+    }
+    handleCmdLineTask(connection, userInfo);
+}
+
+void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connection,
+                                           const QVariantMap& userInfo)
+{
+    struct Entry {
+        const char* word;
+        Handler handler;
+    };
+    static const Entry table[] = {
+        {"list", &CmdLineTaskHandler::list},
+        {"move-action", &CmdLineTaskHandler::moveAction},
+        {"run", &CmdLineTaskHandler::run},
+        {"list-running", &CmdLineTaskHandler::listRunning},
+        {"cancel", &CmdLineTaskHandler::cancel},
+        {"add", &CmdLineTaskHandler::notAvailable},
+        {"list-items", &CmdLineTaskHandler::notAvailable},
+        {"rename", &CmdLineTaskHandler::notAvailable},
+        {"remove", &CmdLineTaskHandler::notAvailable},
+        {"lock", &CmdLineTaskHandler::notAvailable},
+        {"unlock", &CmdLineTaskHandler::notAvailable},
+        {"clear", &CmdLineTaskHandler::notAvailable},
+        {"open", &CmdLineTaskHandler::notAvailable},
+        {"close", &CmdLineTaskHandler::notAvailable},
+        {"open-dropbar", &CmdLineTaskHandler::notAvailable},
+        {"close-dropbar", &CmdLineTaskHandler::notAvailable},
+        {"status", &CmdLineTaskHandler::status},
+        {"list-grids", &CmdLineTaskHandler::listGrids},
+        {"switch-grid", &CmdLineTaskHandler::switchGrid},
+        {"create-grid", &CmdLineTaskHandler::createGrid},
+        {"remove-grid", &CmdLineTaskHandler::removeGrid},
+        {"add-category", &CmdLineTaskHandler::addCategory},
+        {"remove-category", &CmdLineTaskHandler::removeCategory},
+        {"list-categories", &CmdLineTaskHandler::listCategories},
+        {"grid-settings", &CmdLineTaskHandler::gridSettings},
+        {"list-action-types", &CmdLineTaskHandler::listActionTypes},
+        {"action-info", &CmdLineTaskHandler::actionInfo},
+        {"add-action", &CmdLineTaskHandler::addAction},
+        {"remove-action", &CmdLineTaskHandler::removeAction},
+        {"set-icon", &CmdLineTaskHandler::setIcon},
+        {"list-addon-actions", &CmdLineTaskHandler::notAvailable},
+        {"install-action", &CmdLineTaskHandler::notAvailable},
+        {"uninstall-action", &CmdLineTaskHandler::notAvailable},
+    };
+    m_current = connection;
+    m_currentFinishes = true;
+    const QVariant word = userInfo.value(QStringLiteral("action"));
+    if (userInfo.isEmpty() || word.typeId() != QMetaType::QString || word.toString().isEmpty()) {
+        respond(QStringLiteral("Error: Invalid command line task notification"));
+    } else {
+        const Entry* entry = std::find_if(std::begin(table), std::end(table), [&](const Entry& e) {
+            return word.toString() == QLatin1String(e.word);
+        });
+        if (entry == std::end(table)) {
+            respond(QStringLiteral("Error: Unknown command: ") + word.toString());
+        } else {
+            (this->*(entry->handler))(userInfo);
+        }
+    }
+    m_current = 0;
+    if (m_currentFinishes) {
+        finishRequest(connection);
+    }
+}
+
+void CmdLineTaskHandler::respond(const QString& text)
+{
+    if (m_current) {
+        m_server.respond(m_current, text);
+    }
+}
+
+void CmdLineTaskHandler::finishRequest(CmdLineServer::ConnectionId connection)
+{
+    if (m_server.isOpen(connection)) {
+        m_server.finish(connection);
+    }
+}
+
+void CmdLineTaskHandler::distributedPosted(const QString& name, QObject* object,
+                                           const QVariantMap& userInfo)
+{
+    CmdLineServer::ConnectionId connection = 0;
+    const Task* task = taskOf(object);
+    if (task && m_runs.contains(task)) {
+        connection = m_runs.value(task);
+    } else if (m_current) {
+        connection = m_current;
+    }
+    if (!connection) {
+        return;
+    }
+    if (name == CmdLineNotifications::Response) {
+        m_server.respond(connection, userInfo.value(QStringLiteral("response")).toString());
+    } else if (name == CmdLineNotifications::Finish) {
+        if (connection == m_current) {
+            m_currentFinishes = true;
+        } else {
+            finishRequest(connection);
+        }
+        if (task) {
+            m_runs.remove(task);
+        }
+    }
+}
+
+// --- Commands ------------------------------------------------------------------------------
+
+void CmdLineTaskHandler::list(const QVariantMap& request)
+{
+    GridId gridId = db().selectedGridId();
+    QString header = QStringLiteral("\nAvailable Skelvo Actions:\n") + ListRule;
+    if (has(request, "grid")) {
+        const SqlRows grids = gridsNamed(str(request, "grid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+            return;
+        }
+        gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+        header = QStringLiteral("\nActions in grid '") + str(request, "grid") +
+                 QStringLiteral("':\n") + ListRule;
+    }
+    const QList<PlacedAction> actions = actionsOfGrid(gridId);
+    if (flag(request, "json")) {
+        QJsonArray array;
+        for (const PlacedAction& placed : actions) {
+            array << QJsonObject{{QStringLiteral("name"), placed.action->name},
+                                 {QStringLiteral("type"), placed.action->type},
+                                 {QStringLiteral("grid"), placed.grid},
+                                 {QStringLiteral("category"), placed.category},
+                                 {QStringLiteral("position"), placed.action->position},
+                                 {QStringLiteral("servicesKey"), placed.action->servicesKey}};
+        }
+        respond(json(array));
+        return;
+    }
+    if (actions.isEmpty()) {
+        respond(QStringLiteral("No actions found"));
+        return;
+    }
+    QString text = header;
+    for (const PlacedAction& placed : actions) {
+        text += QStringLiteral("%1 (%2) in %3\n")
+                    .arg(placed.action->name, placed.action->type, placed.category);
+    }
+    respond(text);
+}
+
+void CmdLineTaskHandler::moveAction(const QVariantMap& request)
+{
+    if (!has(request, "name") || !has(request, "category")) {
+        respond(QStringLiteral("Error: Missing action name or category for move-action command."));
+        return;
+    }
+    const QString name = str(request, "name");
+    const QString categoryName = str(request, "category");
+    std::optional<GridId> fromGrid;
+    if (has(request, "fromGrid")) {
+        const SqlRows grids = gridsNamed(str(request, "fromGrid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "fromGrid")));
+            return;
+        }
+        fromGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+    }
+    const QList<PlacedAction> found = actionsNamed(name, fromGrid);
+    if (found.isEmpty()) {
+        respond(fromGrid ? QStringLiteral("Error: Action '") + name +
+                               QStringLiteral("' not found in grid '") + str(request, "fromGrid") +
+                               QStringLiteral("'")
+                         : QStringLiteral("Error: Action '%1' not found").arg(name));
+        return;
+    }
+    if (found.size() > 1) {
+        respond(QStringLiteral("Error: Multiple actions named '") + name +
+                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
+                QStringLiteral("). Use --from-grid to specify which one to move."));
+        return;
+    }
+    const PlacedAction& placed = found.first();
+    GridId targetGrid = placed.gridId;
+    QString targetGridName = placed.grid;
+    if (has(request, "grid")) {
+        const SqlRows grids = gridsNamed(str(request, "grid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+            return;
+        }
+        targetGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+        targetGridName = str(request, "grid");
+    }
+    const SqlRows categories = categoriesNamed(targetGrid, categoryName);
+    if (categories.isEmpty()) {
+        respond(QStringLiteral("Error: Category '") + categoryName +
+                QStringLiteral("' not found in grid '") + targetGridName + QStringLiteral("'"));
+        return;
+    }
+    const CategoryId categoryId = categories.first().value(QStringLiteral("id")).toLongLong();
+    const std::optional<qint64> position = integer(request, "position");
+    if (categoryId == placed.action->categoryId && !position) {
+        respond(QStringLiteral("Error: Action '") + name +
+                QStringLiteral("' is already in category '") + categoryName + QStringLiteral("'"));
+        return;
+    }
+    const int target = position ? static_cast<int>(qMax<qint64>(0, *position))
+                                : db().getNextPositionForCategoryId(categoryId);
+    if (!db().moveAction(placed.action->aId, categoryId, target)) {
+        respond(QStringLiteral("Error: Failed to move action '%1'").arg(name));
+        return;
+    }
+    QString answer = QStringLiteral("Moved action '%1' to category '%2' in grid '%3'")
+                         .arg(name, categoryName, targetGridName);
+    if (targetGrid != placed.gridId && !placed.action->servicesKey.isEmpty()) {
+        GridActionPtr moved = db().getGridActionWithId(placed.action->aId);
+        if (moved && !moved->isServicesKeyAvailable(moved->servicesKey)) {
+            const QString key = GridAction::defaultServicesKeyForName(moved->name, targetGrid);
+            db().updateServicesKeyForActionId(moved->aId, key);
+            answer += key.isEmpty() ? QStringLiteral("\nServices key cleared to avoid a conflict.")
+                                    : QStringLiteral("\nServices key changed to '") + key +
+                                          QStringLiteral("' to avoid a conflict.");
+        }
+    }
+    NotificationCenter::shared().post(Notifications::GridActionPositionsSaved);
+    respond(answer);
+}
+
+void CmdLineTaskHandler::run(const QVariantMap& request)
+{
+    const QString name = str(request, "name");
+    GridActionPtr action;
+    for (const PlacedAction& placed : actionsOfGrid(db().selectedGridId())) {
+        if (placed.action->name == name) {
+            action = placed.action;
+            break;
+        }
+    }
+    if (!action) {
+        respond(QStringLiteral("Error: Action '") + name + QStringLiteral("' not found"));
+        return;
+    }
+    const QStringList files = request.value(QStringLiteral("files")).toStringList();
+    const QString text = str(request, "text");
+    QString event = str(request, "event");
+    if (event.isEmpty()) {
+        event = files.isEmpty() && text.isEmpty() ? QStringLiteral("clicked")
+                                                  : QStringLiteral("dragged");
+    }
+    if (!m_runStarter) {
+        respond(QStringLiteral("Error: Actions cannot be run yet; Skelvo is still starting."));
+        return;
+    }
+    const CmdLineServer::ConnectionId connection = m_current;
+    // The request stays open until its task finishes; anything the start answers or posts
+    // meanwhile goes to it. Whatever way the task ends, the request ends with it.
+    m_currentFinishes = false;
+    Task* task = m_runStarter(action, event, files, text, [this, connection] {
+        for (auto it = m_runs.begin(); it != m_runs.end();) {
+            it = it.value() == connection ? m_runs.erase(it) : std::next(it);
+        }
+        finishRequest(connection);
+    });
+    if (!task) {
+        m_currentFinishes = true;
+        return;
+    }
+    if (!m_currentFinishes) {
+        m_runs.insert(task, connection);
+    }
+}
+
+void CmdLineTaskHandler::listRunning(const QVariantMap& request)
+{
+    const QList<Task*>& tasks = TasksController::shared().tasks();
+    if (flag(request, "json")) {
+        QJsonArray array;
+        for (qsizetype i = 0; i < tasks.size(); ++i) {
+            const TaskOutputHandler* handler =
+                tasks[i]->taskRunner() ? tasks[i]->taskRunner()->taskOutputHandler() : nullptr;
+            const TaskStatus* row = handler ? handler->taskStatus() : nullptr;
+            QJsonObject entry{{QStringLiteral("index"), i},
+                              {QStringLiteral("name"), tasks[i]->actionType()}};
+            entry.insert(QStringLiteral("status"), row ? row->statusText() : QString());
+            entry.insert(QStringLiteral("progress"), row && !row->isIndeterminate()
+                                                         ? QJsonValue(row->progress())
+                                                         : QJsonValue());
+            array << entry;
+        }
+        respond(json(array));
+        return;
+    }
+    if (tasks.isEmpty()) {
+        respond(QStringLiteral("No actions are currently running."));
+        return;
+    }
+    QString text = QStringLiteral("\nRunning Skelvo Actions:\n-------------------------\n");
+    for (qsizetype i = 0; i < tasks.size(); ++i) {
+        const TaskOutputHandler* handler =
+            tasks[i]->taskRunner() ? tasks[i]->taskRunner()->taskOutputHandler() : nullptr;
+        const TaskStatus* row = handler ? handler->taskStatus() : nullptr;
+        text += QStringLiteral("%1: %2").arg(i).arg(tasks[i]->actionType());
+        if (row) {
+            text += QStringLiteral(" - ") + row->statusText();
+            if (!row->isIndeterminate()) {
+                text += QStringLiteral(" (%1%)").arg(qRound(row->progress()));
+            }
+        }
+        text += u'\n';
+    }
+    respond(text);
+}
+
+void CmdLineTaskHandler::cancel(const QVariantMap& request)
+{
+    const std::optional<qint64> index = integer(request, "index");
+    if (!index) {
+        respond(QStringLiteral("Error: Missing index for cancel command."));
+        return;
+    }
+    const QList<Task*>& tasks = TasksController::shared().tasks();
+    if (*index < 0 || *index >= tasks.size()) {
+        respond(QString::number(*index) +
+                QStringLiteral(" is out of bounds. Use 'sk list-running' to see running actions."));
+        return;
+    }
+    Task* task = tasks.at(*index);
+    const QString name = task->actionType();
+    if (TaskRunner* runner = task->taskRunner()) {
+        TaskOutputHandler* handler = runner->taskOutputHandler();
+        if (handler && handler->taskStatus()) {
+            handler->taskStatus()->cancel();
+        } else {
+            if (handler) {
+                handler->completeTaskWithCancel(true);
+            }
+            runner->cancelTask();
+        }
+    }
+    respond(QStringLiteral("Cancelled action '") + name + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::status(const QVariantMap&)
+{
+    respond(m_isGridOpen && m_isGridOpen() ? QStringLiteral("open") : QStringLiteral("closed"));
+}
+
+void CmdLineTaskHandler::listGrids(const QVariantMap& request)
+{
+    const GridId current = db().selectedGridId();
+    const SqlRows grids = db().getGrids();
+    if (flag(request, "json")) {
+        QJsonArray array;
+        for (const SqlRow& grid : grids) {
+            const GridId id = grid.value(QStringLiteral("id")).toLongLong();
+            array << QJsonObject{
+                {QStringLiteral("id"), id},
+                {QStringLiteral("name"), grid.value(QStringLiteral("name")).toString()},
+                {QStringLiteral("current"), id == current},
+                {QStringLiteral("columns"), db().numColsForGrid(id)},
+                {QStringLiteral("size"), db().gridSizeForGrid(id)}};
+        }
+        respond(json(array));
+        return;
+    }
+    QString text = QStringLiteral("\nAvailable Skelvo Grids:\n") + ListRule;
+    for (const SqlRow& grid : grids) {
+        const bool isCurrent = grid.value(QStringLiteral("id")).toLongLong() == current;
+        text += (isCurrent ? QStringLiteral("* ") : QStringLiteral("  ")) +
+                grid.value(QStringLiteral("name")).toString() + u'\n';
+    }
+    respond(text);
+}
+
+void CmdLineTaskHandler::switchGrid(const QVariantMap& request)
+{
+    if (!has(request, "name")) {
+        respond(QStringLiteral("Error: Missing grid name for switch-grid command."));
+        return;
+    }
+    const QString name = str(request, "name");
+    const SqlRows grids = gridsNamed(name);
+    if (grids.isEmpty()) {
+        respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+        return;
+    }
+    db().setSelectedGridId(grids.first().value(QStringLiteral("id")).toLongLong());
+    NotificationCenter::shared().post(Notifications::GridsChanged);
+    respond(QStringLiteral("Switched to grid '") + name + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::createGrid(const QVariantMap& request)
+{
+    if (!has(request, "name")) {
+        respond(QStringLiteral("Error: Missing grid name for create-grid command."));
+        return;
+    }
+    const QString name = str(request, "name");
+    if (!gridsNamed(name).isEmpty()) {
+        respond(QStringLiteral("Error: A grid named '") + name +
+                QStringLiteral("' already exists. Grid names must be unique."));
+        return;
+    }
+    if (!db().addGridWithName(name)) {
+        respond(QStringLiteral("Error: Failed to create grid '") + name + QStringLiteral("'"));
+        return;
+    }
+    NotificationCenter::shared().post(Notifications::GridsChanged);
+    respond(QStringLiteral("Created grid '") + name + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::removeGrid(const QVariantMap& request)
+{
+    if (!has(request, "name")) {
+        respond(QStringLiteral("Error: Missing grid name for remove-grid command."));
+        return;
+    }
+    const QString name = str(request, "name");
+    const SqlRows grids = gridsNamed(name);
+    if (grids.isEmpty()) {
+        respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+        return;
+    }
+    if (grids.size() > 1) {
+        respond(QStringLiteral("Error: Multiple grids named '") + name +
+                QStringLiteral(
+                    "' exist. Please rename grids so names are unique before removing by name."));
+        return;
+    }
+    if (db().getGrids().size() <= 1) {
+        respond(QStringLiteral("Error: Cannot remove grid '") + name +
+                QStringLiteral("'. You must have at least one grid."));
+        return;
+    }
+    const GridId gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+    const bool wasCurrent = db().selectedGridId() == gridId;
+    if (!db().deleteGrid(gridId)) {
+        respond(QStringLiteral("Error: Failed to remove grid '") + name + QStringLiteral("'"));
+        return;
+    }
+    NotificationCenter::shared().post(Notifications::GridsChanged);
+    if (wasCurrent) {
+        const SqlRows left = db().getGrids();
+        const GridId next = left.first().value(QStringLiteral("id")).toLongLong();
+        db().setSelectedGridId(next);
+        respond(QStringLiteral("Removed grid '") + name +
+                QStringLiteral("'. Switched active grid to '") + gridName(next) +
+                QStringLiteral("'"));
+        return;
+    }
+    respond(QStringLiteral("Removed grid '") + name + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::addCategory(const QVariantMap& request)
+{
+    if (!has(request, "grid") || !has(request, "category")) {
+        respond(
+            QStringLiteral("Error: Missing grid name or category name for add-category command."));
+        return;
+    }
+    const QString grid = str(request, "grid");
+    const QString category = str(request, "category");
+    const SqlRows grids = gridsNamed(grid);
+    if (grids.isEmpty()) {
+        respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
+        return;
+    }
+    if (!db().addCategoryWithName(category,
+                                  grids.first().value(QStringLiteral("id")).toLongLong())) {
+        respond(QStringLiteral("Error: Failed to add category '") + category + QStringLiteral("'"));
+        return;
+    }
+    respond(QStringLiteral("Added category '") + category + QStringLiteral("' to grid '") + grid +
+            QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::removeCategory(const QVariantMap& request)
+{
+    if (!has(request, "grid") || !has(request, "category")) {
+        respond(QStringLiteral(
+            "Error: Missing grid name or category name for remove-category command."));
+        return;
+    }
+    const QString grid = str(request, "grid");
+    const QString category = str(request, "category");
+    const SqlRows grids = gridsNamed(grid);
+    if (grids.isEmpty()) {
+        respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
+        return;
+    }
+    const SqlRows found =
+        categoriesNamed(grids.first().value(QStringLiteral("id")).toLongLong(), category);
+    if (found.isEmpty()) {
+        respond(QStringLiteral("Error: Category '") + category +
+                QStringLiteral("' not found in grid '") + grid + QStringLiteral("'"));
+        return;
+    }
+    if (found.size() > 1) {
+        respond(
+            QStringLiteral("Error: Multiple categories named '") + category +
+            QStringLiteral("' exist in grid '") + grid +
+            QStringLiteral("'. Please rename categories so names are unique within the grid before "
+                           "removing by name."));
+        return;
+    }
+    if (!db().deleteCategory(found.first().value(QStringLiteral("id")).toLongLong())) {
+        respond(QStringLiteral("Error: Failed to remove category '") + category +
+                QStringLiteral("'"));
+        return;
+    }
+    respond(QStringLiteral("Removed category '") + category + QStringLiteral("' from grid '") +
+            grid + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::listCategories(const QVariantMap& request)
+{
+    GridId gridId = db().selectedGridId();
+    if (has(request, "grid")) {
+        const SqlRows grids = gridsNamed(str(request, "grid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+            return;
+        }
+        gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+    }
+    const SqlRows categories = db().categoriesForGrid(gridId);
+    if (flag(request, "json")) {
+        QJsonArray array;
+        for (const SqlRow& category : categories) {
+            const CategoryId id = category.value(QStringLiteral("id")).toLongLong();
+            array << QJsonObject{
+                {QStringLiteral("id"), id},
+                {QStringLiteral("name"), category.value(QStringLiteral("name")).toString()},
+                {QStringLiteral("position"),
+                 category.value(QStringLiteral("display_order")).toInt()},
+                {QStringLiteral("actions"), db().getNumActionsForCategoryId(id)}};
+        }
+        respond(json(array));
+        return;
+    }
+    QString text = QStringLiteral("\nSkelvo Grid Categories:\n") + ListRule;
+    for (const SqlRow& category : categories) {
+        text += category.value(QStringLiteral("name")).toString() +
+                QStringLiteral(" (%1 actions)\n")
+                    .arg(db().getNumActionsForCategoryId(
+                        category.value(QStringLiteral("id")).toLongLong()));
+    }
+    respond(text);
+}
+
+void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
+{
+    if (!has(request, "grid")) {
+        respond(QStringLiteral("Error: Missing grid name for grid-settings command."));
+        return;
+    }
+    const QString grid = str(request, "grid");
+    const SqlRows grids = gridsNamed(grid);
+    if (grids.isEmpty()) {
+        respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
+        return;
+    }
+    const GridId gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+    const std::optional<qint64> size = integer(request, "size");
+    const std::optional<qint64> cols = integer(request, "cols");
+    // Check everything before changing anything.
+    if (size && (*size <= 0 || *size > 150)) {
+        respond(QStringLiteral("Error: size must be greater than 0 and no larger than 150."));
+        return;
+    }
+    if (cols && *cols != 0 && (*cols < 2 || *cols > 10)) {
+        respond(QStringLiteral("Error: cols must be 0 (auto) or between 2 and 10."));
+        return;
+    }
+    const bool changesDropBar = request.contains(QStringLiteral("dropBar"));
+    if (changesDropBar && db().categoriesForGrid(gridId).isEmpty()) {
+        respond(QStringLiteral(
+            "Error: Cannot change Drop Bar visibility for a grid with no categories — it "
+            "always shows the Drop Bar. Add at least one category first."));
+        return;
+    }
+    const bool renames = request.contains(QStringLiteral("name"));
+    const QString newName = str(request, "name").trimmed();
+    if (renames && newName.isEmpty()) {
+        respond(QStringLiteral("Error: The new grid name cannot be empty."));
+        return;
+    }
+    if (renames && newName != grid && !gridsNamed(newName).isEmpty()) {
+        respond(QStringLiteral("Error: A grid named '") + newName +
+                QStringLiteral("' already exists. Grid names must be unique."));
+        return;
+    }
+    QStringList changes;
+    if (size) {
+        db().setGridSize(static_cast<double>(*size), gridId);
+        changes << QStringLiteral("size %1").arg(*size);
+    }
+    if (cols) {
+        db().setNumCols(static_cast<int>(*cols), gridId);
+        changes << (*cols == 0 ? QStringLiteral("columns auto")
+                               : QStringLiteral("columns %1").arg(*cols));
+    }
+    if (changesDropBar) {
+        db().setSpecialActionsVisible(flag(request, "dropBar"), gridId);
+        changes << (flag(request, "dropBar") ? QStringLiteral("Drop Bar shown")
+                                             : QStringLiteral("Drop Bar hidden"));
+    }
+    if (request.contains(QStringLiteral("switcher"))) {
+        db().setGridSwitcherVisible(flag(request, "switcher"), gridId);
+        changes << (flag(request, "switcher") ? QStringLiteral("switcher shown")
+                                              : QStringLiteral("switcher hidden"));
+    }
+    if (renames && newName != grid) {
+        db().updateGrid(gridId, newName,
+                        grids.first().value(QStringLiteral("display_order")).toInt());
+        changes << QStringLiteral("renamed to '%1'").arg(newName);
+    }
+    if (!changes.isEmpty()) {
+        NotificationCenter::shared().post(Notifications::GridsChanged);
+        respond(
+            QStringLiteral("Updated grid '%1': %2").arg(grid, changes.join(QStringLiteral(", "))));
+        return;
+    }
+    const int columns = db().numColsForGrid(gridId);
+    respond(QStringLiteral("Grid '%1':\n  size: %2\n  columns: %3\n  Drop Bar: %4\n  switcher: %5")
+                .arg(grid)
+                .arg(db().gridSizeForGrid(gridId))
+                .arg(columns == 0 ? QStringLiteral("auto") : QString::number(columns))
+                .arg(db().specialActionsVisibleForGrid(gridId) ? QStringLiteral("shown")
+                                                               : QStringLiteral("hidden"))
+                .arg(db().gridSwitcherVisibleForGrid(gridId) ? QStringLiteral("shown")
+                                                             : QStringLiteral("hidden")));
+}
+
+void CmdLineTaskHandler::listActionTypes(const QVariantMap& request)
+{
+    ActionFileList types;
+    for (const ActionFilePtr& record : ActionFileParser::shared().actionFiles()) {
+        if (!record->isSharingService && !record->metaValidationFailed &&
+            !record->actionName.contains(QStringLiteral("Template"))) {
+            types << record;
+        }
+    }
+    if (flag(request, "json")) {
+        QJsonArray array;
+        for (const ActionFilePtr& record : types) {
+            array << QJsonObject{
+                {QStringLiteral("type"), record->actionName},
+                {QStringLiteral("description"), record->actionDescription},
+                {QStringLiteral("handles"), record->handlesString()},
+                {QStringLiteral("events"), QJsonArray::fromStringList(record->events)},
+                {QStringLiteral("builtIn"), record->isBuiltInAction},
+                {QStringLiteral("options"), record->optionsNib}};
+        }
+        respond(json(array));
+        return;
+    }
+    QString text = QStringLiteral("\nSkelvo Action Types:\n") + ListRule;
+    for (const ActionFilePtr& record : types) {
+        text += QStringLiteral("%1 (%2)\n").arg(record->actionName, record->handlesString());
+    }
+    respond(text);
+}
+
+void CmdLineTaskHandler::actionInfo(const QVariantMap& request)
+{
+    if (!has(request, "type")) {
+        respond(QStringLiteral("Error: Missing action type for action-info command."));
+        return;
+    }
+    const ActionFilePtr record = ActionFileParser::shared().getActionWithType(str(request, "type"));
+    if (!record) {
+        respond(QStringLiteral("Error: Action type '") + str(request, "type") +
+                QStringLiteral("' not found. Use 'sk list-action-types' to see available types."));
+        return;
+    }
+    QString description = record->actionDescription;
+    QString text = QStringLiteral("%1\n%2\n\n").arg(record->actionName, description);
+    text += QStringLiteral("Handles: %1\n").arg(record->handlesString());
+    QStringList events;
+    if (record->handlesClicked()) {
+        events << QStringLiteral("clicked");
+    }
+    if (record->handlesDragged()) {
+        events << QStringLiteral("dragged");
+    }
+    text += QStringLiteral("Events: %1\n").arg(events.join(QStringLiteral(", ")));
+    text += record->optionsNib.isEmpty()
+                ? QStringLiteral("Options: none\n")
+                : QStringLiteral("Options: set in '%1'\n").arg(record->optionsNib);
+    if (record->isBuiltInAction) {
+        text += QStringLiteral("Built-in action\n");
+    } else {
+        text += QStringLiteral("Script: %1\n").arg(record->scriptPath());
+    }
+    respond(text);
+}
+
+void CmdLineTaskHandler::addAction(const QVariantMap& request)
+{
+    if (!has(request, "type")) {
+        respond(QStringLiteral("Error: Missing action type for add-action command."));
+        return;
+    }
+    if (!db().isOpen() || !db().requiredTablesExist()) {
+        respond(QStringLiteral("Error: Could not access the actions database."));
+        return;
+    }
+    const QString type = str(request, "type");
+    const ActionFilePtr record = ActionFileParser::shared().getActionWithType(type);
+    if (!record || record->isSharingService) {
+        respond(QStringLiteral("Error: Action type '") + type +
+                QStringLiteral("' not found. Use 'sk list-action-types' to see available types."));
+        return;
+    }
+    const QVariantMap options = request.value(QStringLiteral("options")).toMap();
+    if (!options.isEmpty() && record->optionsNib.isEmpty()) {
+        respond(QStringLiteral("Error: Action type '") + type +
+                QStringLiteral("' does not take configuration options."));
+        return;
+    }
+    const auto sheet = OptionSheets::find(record->optionsNib);
+    if (!options.isEmpty() && (!sheet || sheet->commandLineOptions.isEmpty())) {
+        respond(
+            QStringLiteral("Error: The options for action type '") + type +
+            QStringLiteral("' (set in '") + record->optionsNib +
+            QStringLiteral(
+                "') cannot be set from the command line yet. Add it from the Skelvo UI instead."));
+        return;
+    }
+    const QString cwd = str(request, "cwd");
+    for (auto it = options.cbegin(); it != options.cend(); ++it) {
+        if (!sheet->commandLineOptions.contains(it.key())) {
+            respond(QStringLiteral("Error: Unknown option '%1' for action type '%2'. Options: %3")
+                        .arg(it.key(), type, sheet->commandLineOptions.join(QStringLiteral(", "))));
+            return;
+        }
+        if (it.key() == GridAction::PathVariable &&
+            !QFileInfo(absolutePath(it.value().toString(), cwd)).isDir()) {
+            respond(QStringLiteral("Error: Option 'path' must name an existing folder: %1")
+                        .arg(absolutePath(it.value().toString(), cwd)));
+            return;
+        }
+    }
+    GridId gridId = db().selectedGridId();
+    QString grid = gridName(gridId);
+    if (has(request, "grid")) {
+        const SqlRows grids = gridsNamed(str(request, "grid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+            return;
+        }
+        gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+        grid = str(request, "grid");
+    }
+    CategoryId categoryId = 0;
+    if (has(request, "category")) {
+        const SqlRows categories = categoriesNamed(gridId, str(request, "category"));
+        if (categories.isEmpty()) {
+            respond(QStringLiteral("Error: Category '") + str(request, "category") +
+                    QStringLiteral("' not found in grid '") + grid + QStringLiteral("'"));
+            return;
+        }
+        categoryId = categories.first().value(QStringLiteral("id")).toLongLong();
+    } else {
+        const SqlRows categories = db().categoriesForGrid(gridId);
+        if (categories.isEmpty()) {
+            categoryId = db().addCategoryWithName(QStringLiteral("Actions"), gridId);
+        } else {
+            categoryId = categories.first().value(QStringLiteral("id")).toLongLong();
+        }
+    }
+    auto action = std::make_shared<GridAction>();
+    action->type = type;
+    action->name = has(request, "name") ? str(request, "name") : type;
+    action->categoryId = categoryId;
+    action->position = db().getNextPositionForCategoryId(categoryId);
+    action->usingDefaultIcon = true;
+    action->servicesKey = GridAction::defaultServicesKeyForName(action->name, gridId);
+    for (auto it = options.cbegin(); it != options.cend(); ++it) {
+        QString value = it.value().toString();
+        // Paths given on the command line are relative to the caller's shell.
+        if (it.key() == GridAction::PathVariable) {
+            value = absolutePath(value, cwd);
+        }
+        action->extraVariables.insert(it.key(), value);
+    }
+    if (has(request, "icon")) {
+        QFile icon(absolutePath(str(request, "icon"), cwd));
+        if (!icon.open(QIODevice::ReadOnly)) {
+            respond(QStringLiteral("Error: Cannot read icon image '%1'").arg(icon.fileName()));
+            return;
+        }
+        action->icon = icon.readAll();
+        action->usingDefaultIcon = false;
+    }
+    if (!action->create()) {
+        respond(QStringLiteral("Error: Failed to add action '%1'").arg(action->name));
+        return;
+    }
+    respond(QStringLiteral("Added action '%1' (%2) to grid '%3'").arg(action->name, type, grid));
+}
+
+void CmdLineTaskHandler::removeAction(const QVariantMap& request)
+{
+    if (!has(request, "name")) {
+        respond(QStringLiteral("Error: Missing action name for remove-action command."));
+        return;
+    }
+    const QString name = str(request, "name");
+    std::optional<GridId> inGrid;
+    if (has(request, "grid")) {
+        const SqlRows grids = gridsNamed(str(request, "grid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+            return;
+        }
+        inGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+    }
+    const QList<PlacedAction> found = actionsNamed(name, inGrid);
+    if (found.isEmpty()) {
+        respond(QStringLiteral("Error: Action '%1' not found").arg(name));
+        return;
+    }
+    if (found.size() > 1) {
+        respond(QStringLiteral("Error: Multiple actions named '") + name +
+                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
+                QStringLiteral("). Use --grid to specify which one to remove."));
+        return;
+    }
+    found.first().action->remove();
+    respond(QStringLiteral("Removed action '") + name + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::setIcon(const QVariantMap& request)
+{
+    if (!has(request, "name")) {
+        respond(QStringLiteral("Error: Missing action name for set-icon command."));
+        return;
+    }
+    const bool reset = flag(request, "reset");
+    if (!has(request, "icon") && !reset) {
+        respond(QStringLiteral(
+            "Error: Provide an image path or use --reset to restore the default icon."));
+        return;
+    }
+    const QString name = str(request, "name");
+    std::optional<GridId> inGrid;
+    if (has(request, "grid")) {
+        const SqlRows grids = gridsNamed(str(request, "grid"));
+        if (grids.isEmpty()) {
+            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+            return;
+        }
+        inGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+    }
+    const QList<PlacedAction> found = actionsNamed(name, inGrid);
+    if (found.isEmpty()) {
+        respond(QStringLiteral("Error: Action '%1' not found").arg(name));
+        return;
+    }
+    if (found.size() > 1) {
+        respond(QStringLiteral("Error: Multiple actions named '") + name +
+                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
+                QStringLiteral("). Use --grid to specify which one."));
+        return;
+    }
+    const PlacedAction& placed = found.first();
+    GridAction& action = *placed.action;
+    if (reset) {
+        Icons::shared().deleteIcon(action.aId);
+        action.icon.clear();
+        action.usingDefaultIcon = true;
+        action.update();
+        respond(QStringLiteral("Reset '") + name +
+                QStringLiteral("' to its default icon in grid '") + placed.grid +
+                QStringLiteral("'"));
+        return;
+    }
+    QFile icon(absolutePath(str(request, "icon"), str(request, "cwd")));
+    if (!icon.open(QIODevice::ReadOnly)) {
+        respond(QStringLiteral("Error: Cannot read icon image '%1'").arg(icon.fileName()));
+        return;
+    }
+    action.icon = icon.readAll();
+    action.usingDefaultIcon = false;
+    if (!Icons::shared().saveIcon(action.icon, action.aId) || !action.update()) {
+        respond(QStringLiteral("Error: Failed to set the icon of '%1'").arg(name));
+        return;
+    }
+    respond(QStringLiteral("Set custom icon for '") + name + QStringLiteral("'"));
+}
+
+void CmdLineTaskHandler::notAvailable(const QVariantMap& request)
+{
+    respond(QStringLiteral("Error: '%1' is not available in this version of Skelvo.")
+                .arg(str(request, "action")));
+}
