@@ -16,6 +16,7 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -104,25 +105,27 @@ std::pair<double, double> pingPongRuby()
     return {seconds + startup, startup};
 }
 
-double throughTaskRunner(const QString& actionsFolder)
+double throughTaskRunner(const QString& actionsFolder, int commands)
 {
-    const QString bundle = QDir(actionsFolder).filePath(QStringLiteral("Progress Bench.skbundle"));
+    const QString name = QStringLiteral("Progress Bench %1").arg(commands);
+    const QString bundle = QDir(actionsFolder).filePath(name + QStringLiteral(".skbundle"));
     QDir().mkpath(bundle);
     QFile script(QDir(bundle).filePath(QStringLiteral("action.rb")));
     if (!script.open(QIODevice::WriteOnly)) {
         std::exit(1);
     }
-    script.write(QStringLiteral("# Skelvo Action Info\n# Name: Progress Bench\n# Description: d\n"
+    script.write(QStringLiteral("# Skelvo Action Info\n# Name: %2\n# Description: d\n"
                                 "# Events: Clicked\n# Creator: bench\n# URL: u\n\n"
                                 "def clicked(variables, helper)\n"
                                 "  %1.times { |i| helper.progress(i %% 100) }\nend\n")
-                     .arg(Commands)
+                     .arg(commands)
+                     .arg(name)
                      .toUtf8()
                      .replace("%%", "%"));
     script.close();
 
     ActionFileParser parser(SupportPaths::internalActionsDirectory(), actionsFolder);
-    const ActionFilePtr action = parser.getActionWithType(QStringLiteral("Progress Bench"));
+    const ActionFilePtr action = parser.getActionWithType(name);
     if (!action) {
         std::fprintf(stderr, "bench action not found\n");
         std::exit(1);
@@ -155,25 +158,39 @@ int main(int argc, char* argv[])
     QCoreApplication app(argc, argv);
     Log::setStderrLevel(Log::Level::Warning);
 
-    const double c = pingPongC();
-    const auto [ruby, rubyStartup] = pingPongRuby();
-    const double runner = throughTaskRunner(QDir(home.path()).filePath(QStringLiteral("actions")));
-    if (runner < 0) {
+    // Best of three, so that a busy moment of the machine does not decide the figures.
+    double c = 1e9;
+    double ruby = 1e9;
+    double rubyStartup = 1e9;
+    double runnerEmpty = 1e9;
+    double runner = 1e9;
+    const QString actions = QDir(home.path()).filePath(QStringLiteral("actions"));
+    for (int round = 0; round < 3; ++round) {
+        c = std::min(c, pingPongC());
+        const auto [whole, startup] = pingPongRuby();
+        ruby = std::min(ruby, whole - startup);
+        rubyStartup = std::min(rubyStartup, startup);
+        runnerEmpty = std::min(runnerEmpty, throughTaskRunner(actions, 0));
+        runner = std::min(runner, throughTaskRunner(actions, Commands));
+    }
+    if (runner < 0 || runnerEmpty < 0) {
         std::fprintf(stderr, "the task did not finish\n");
         return 1;
     }
     auto perCommand = [](double seconds) { return seconds / Commands * 1e6; };
-    const double rubyLoop = ruby - rubyStartup;
-    std::printf("%d protocol commands, each waiting for its acknowledgement\n", Commands);
-    std::printf("%-44s %10s %14s\n", "", "total s", "us/command");
-    std::printf("%-44s %10.3f %14.1f\n", "(a) C parent <-> C child (pipe floor)", c, perCommand(c));
-    std::printf("%-44s %10.3f %14.1f   (+%.3f s start-up)\n", "(b) C parent <-> Ruby child",
-                rubyLoop, perCommand(rubyLoop), rubyStartup);
-    std::printf("%-44s %10.3f %14.1f   (start-up included)\n",
-                "(c) Skelvo TaskRunner <-> runner.rb action", runner, perCommand(runner));
+    const double runnerLoop = runner - runnerEmpty;
+    std::printf("%d protocol commands, each waiting for its acknowledgement (best of 3)\n",
+                Commands);
+    std::printf("%-44s %10s %12s %12s\n", "", "loop s", "us/command", "start-up s");
+    std::printf("%-44s %10.3f %12.1f %12s\n", "(a) C parent <-> C child (pipe floor)", c,
+                perCommand(c), "-");
+    std::printf("%-44s %10.3f %12.1f %12.3f\n", "(b) C parent <-> Ruby child", ruby,
+                perCommand(ruby), rubyStartup);
+    std::printf("%-44s %10.3f %12.1f %12.3f\n", "(c) Skelvo TaskRunner <-> runner.rb action",
+                runnerLoop, perCommand(runnerLoop), runnerEmpty);
     std::printf(
         "TaskRunner adds %.1f us per command over (b) (target: at most 30); whole run %.3f s "
         "(target: under 1 s)\n",
-        perCommand(runner - ruby), runner);
+        perCommand(runnerLoop - ruby), runner);
     return 0;
 }

@@ -188,6 +188,9 @@ void TaskRunner::writeToChild(const QByteArray& bytes)
 {
     if (isRunning()) {
         m_process->write(bytes);
+        // The script is waiting for this byte: hand it over now rather than on the next
+        // turn of the event loop.
+        m_process->waitForBytesWritten(0);
     }
 }
 
