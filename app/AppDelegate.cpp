@@ -6,6 +6,7 @@
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "events/EventsHandler.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
 #include "tasks/CmdLineTaskHandler.h"
@@ -17,29 +18,19 @@
 
 namespace {
 
-// Until event dispatch takes over, a command-line run starts the grid action's task directly.
+// A command-line run goes through event dispatch like a drop or a click on the grid.
 Task* startGridActionTask(const GridActionPtr& action, const QString& event,
                           const QStringList& files, const QString& text,
                           std::function<void()> finished)
 {
-    auto* task = new Task;
-    task->gridAction = action;
-    task->actionFile = action->actionFile();
-    if (!task->actionFile) {
-        delete task;
-        return nullptr;
+    EventsHandler& events = EventsHandler::shared();
+    if (event == u"clicked") {
+        return events.performActionClick(action, std::move(finished)).task;
     }
-    task->event = event;
     if (!files.isEmpty()) {
-        task->items = files;
-        task->variables.insert(QStringLiteral("dragged_type"), QStringLiteral("files"));
-    } else if (!text.isEmpty()) {
-        task->items = {text};
-        task->variables.insert(QStringLiteral("dragged_type"), QStringLiteral("text"));
+        return events.runGridAction(action, files, true, std::move(finished));
     }
-    task->completion = std::move(finished);
-    task->run();
-    return task;
+    return events.runGridAction(action, text, true, std::move(finished));
 }
 
 } // namespace

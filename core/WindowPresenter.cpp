@@ -48,3 +48,39 @@ void HeadlessWindowPresenter::chooseFolder(const QString& title, const QString& 
         chosen(QString());
     }
 }
+
+void HeadlessWindowPresenter::closeGrid()
+{
+    // Without a display no grid is ever open.
+}
+
+void HeadlessWindowPresenter::showAddActionMenu()
+{
+    Log::info(QStringLiteral("The add-action menu would open (no display)"));
+}
+
+bool HeadlessWindowPresenter::isDropBarSecondaryVisible() const
+{
+    return false;
+}
+
+void HeadlessWindowPresenter::showDropBarSecondaryPinned()
+{
+    Log::info(QStringLiteral("The Drop Bar grid would open pinned (no display)"));
+}
+
+void HeadlessWindowPresenter::showActionConfigSheet(ActionId actionId)
+{
+    Log::info(QStringLiteral("Settings of action %1 would open (no display)").arg(actionId));
+}
+
+void HeadlessWindowPresenter::promptForRenamedFilename(
+    const RenamePrompt& prompt, std::function<void(const RenameAnswer&)> answered)
+{
+    Log::warning(QStringLiteral("%1: the new name of \"%2\" cannot be asked without a display; "
+                                "cancelled")
+                     .arg(prompt.title, prompt.itemPath));
+    if (answered) {
+        answered({RenameAnswer::Kind::Unavailable, QString()});
+    }
+}

@@ -7,6 +7,27 @@
 #include <functional>
 #include <memory>
 
+// One question of the rename prompt: the new name of one dropped item.
+struct RenamePrompt {
+    QString title;           // "Rename and Move Files (2 of 3)"
+    QString label;           // "New Filename:" or "New Folder Name:"
+    QString proposedName;    // the item's current name, shown in the field
+    int selectionLength = 0; // the part before the extension, selected in the field
+    QString itemPath;
+    int itemNumber = 1; // counting from 1
+    int itemCount = 1;
+};
+
+struct RenameAnswer {
+    enum class Kind {
+        Renamed,    // `name` holds what the user typed
+        Cancelled,  // the user cancelled or closed the prompt
+        Unavailable // nobody can be asked (no display)
+    };
+    Kind kind = Kind::Cancelled;
+    QString name;
+};
+
 // Opens the application's windows on behalf of the engine. Without a display the requests
 // are logged; tests record them.
 class WindowPresenter {
@@ -24,6 +45,24 @@ public:
                               const QString& startFolder,
                               std::function<void(const QString&)> chosen) = 0;
 
+    // The grid window (and the menu-bar drop target that opened it) closes.
+    virtual void closeGrid() = 0;
+    // Pops up the menu of actions that can be added, at the "Add to Grid" tile.
+    virtual void showAddActionMenu() = 0;
+    // Whether the pop-out grid that shows the Drop Bar is on screen.
+    virtual bool isDropBarSecondaryVisible() const = 0;
+    // Shows the pop-out grid with the Drop Bar, pinned open.
+    virtual void showDropBarSecondaryPinned() = 0;
+    // Opens the settings sheet of a grid tile (other open settings sheets have been told to
+    // close).
+    virtual void showActionConfigSheet(ActionId actionId) = 0;
+    // Asks for the new name of one item without blocking. The desktop shows a small window
+    // with "Rename" and "Cancel" (350 points wide while the name is narrower than 300 points,
+    // else the name's width, at most 800, plus 80); it refuses an empty name itself.
+    // `answered` is called once.
+    virtual void promptForRenamedFilename(const RenamePrompt& prompt,
+                                          std::function<void(const RenameAnswer&)> answered) = 0;
+
     static WindowPresenter& shared();
     static void setShared(std::shared_ptr<WindowPresenter> presenter);
 };
@@ -36,4 +75,12 @@ public:
     // Nobody can answer without a display: the request is cancelled.
     void chooseFolder(const QString& title, const QString& prompt, const QString& startFolder,
                       std::function<void(const QString&)> chosen) override;
+    void closeGrid() override;
+    void showAddActionMenu() override;
+    bool isDropBarSecondaryVisible() const override;
+    void showDropBarSecondaryPinned() override;
+    void showActionConfigSheet(ActionId actionId) override;
+    // Nobody can type a name without a display: answered as unavailable.
+    void promptForRenamedFilename(const RenamePrompt& prompt,
+                                  std::function<void(const RenameAnswer&)> answered) override;
 };

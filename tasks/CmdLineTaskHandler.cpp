@@ -5,6 +5,7 @@
 #include "core/CmdLineProtocol.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
+#include "events/EventsHandler.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
 #include "store/Icons.h"
@@ -449,6 +450,28 @@ void CmdLineTaskHandler::run(const QVariantMap& request)
     }
     if (!m_runStarter) {
         respond(QStringLiteral("Error: Actions cannot be run yet; Skelvo is still starting."));
+        return;
+    }
+    if (event == u"dragged" && !text.isEmpty() &&
+        !EventsHandler::canHandleTextDragWithTypes({QStringLiteral("text/plain")}, *action)) {
+        bool usableFiles = !files.isEmpty();
+        for (const QString& file : files) {
+            usableFiles = usableFiles && QFileInfo::exists(file);
+        }
+        if (!usableFiles || !action->actionFile() ||
+            !action->actionFile()->handlesFilesDragType()) {
+            respond(QStringLiteral("Error: Action '") + name +
+                    (files.isEmpty() ? QStringLiteral("' does not support text input.")
+                                     : QStringLiteral("' does not support text input and no valid "
+                                                      "file paths were provided.")));
+            return;
+        }
+    }
+    if ((action->type == u"Rename & Move Files" || action->type == u"Rename & Copy Files") &&
+        EventsHandler::shared().isRenamePromptOpen()) {
+        respond(
+            QStringLiteral("Error: Complete or cancel the current rename dialog before starting "
+                           "another rename action."));
         return;
     }
     const CmdLineServer::ConnectionId connection = m_current;

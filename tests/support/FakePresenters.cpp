@@ -39,3 +39,16 @@ void FakeWindowPresenter::chooseFolder(const QString& title, const QString& prom
     m_folders.pop_front();
     request.chosen(folder);
 }
+
+void FakeWindowPresenter::promptForRenamedFilename(
+    const RenamePrompt& prompt, std::function<void(const RenameAnswer&)> answered)
+{
+    renamePrompts << prompt;
+    if (m_renames.empty()) {
+        pendingRenamePrompts << std::move(answered);
+        return;
+    }
+    const RenameAnswer answer = m_renames.front();
+    m_renames.pop_front();
+    answered(answer);
+}

@@ -33,6 +33,21 @@ public:
                       std::function<void(const QString&)> chosen) override;
     void setNextFolder(const QString& folder) { m_folders.push_back(folder); }
 
+    void closeGrid() override { ++gridClosed; }
+    void showAddActionMenu() override { ++addActionMenuShown; }
+    bool isDropBarSecondaryVisible() const override { return dropBarSecondaryVisible; }
+    void showDropBarSecondaryPinned() override { ++dropBarSecondaryShown; }
+    void showActionConfigSheet(ActionId actionId) override { configSheets << actionId; }
+    // Answers with the next queued answer; without one the prompt waits in
+    // pendingRenamePrompts until the test answers it.
+    void promptForRenamedFilename(const RenamePrompt& prompt,
+                                  std::function<void(const RenameAnswer&)> answered) override;
+    void setNextRename(const QString& name)
+    {
+        m_renames.push_back({RenameAnswer::Kind::Renamed, name});
+    }
+    void setNextRenameCancelled() { m_renames.push_back({RenameAnswer::Kind::Cancelled, {}}); }
+
     struct FolderRequest {
         QString title;
         QString prompt;
@@ -45,9 +60,17 @@ public:
     int debugConsoleShown = 0;
     QList<FolderRequest> folderRequests;
     QList<FolderRequest> pendingFolderRequests;
+    int gridClosed = 0;
+    int addActionMenuShown = 0;
+    bool dropBarSecondaryVisible = false;
+    int dropBarSecondaryShown = 0;
+    QList<ActionId> configSheets;
+    QList<RenamePrompt> renamePrompts;
+    QList<std::function<void(const RenameAnswer&)>> pendingRenamePrompts;
 
 private:
     std::deque<QString> m_folders;
+    std::deque<RenameAnswer> m_renames;
 };
 
 // Records what the engine asks of the desktop.
