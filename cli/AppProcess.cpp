@@ -57,6 +57,46 @@ private:
     posix_spawn_file_actions_t m_actions;
 };
 
+class SpawnAttributes {
+public:
+    SpawnAttributes() { posix_spawnattr_init(&m_attributes); }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&m_attributes); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    posix_spawnattr_t* get() { return &m_attributes; }
+
+private:
+    posix_spawnattr_t m_attributes;
+};
+
+// The program to run and its arguments. Only a bare name is looked up on PATH; the sibling
+// is run as it is.
+struct AppCommand {
+    std::string program;
+    bool searchPath = false;
+    std::vector<std::string> arguments;
+
+    int spawn(pid_t* pid, const posix_spawn_file_actions_t* actions,
+              const posix_spawnattr_t* attributes)
+    {
+        std::vector<char*> argv;
+        argv.push_back(program.data());
+        for (std::string& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        return searchPath
+                   ? posix_spawnp(pid, program.c_str(), actions, attributes, argv.data(), environ)
+                   : posix_spawn(pid, program.c_str(), actions, attributes, argv.data(), environ);
+    }
+};
+
+AppCommand appCommand(const std::vector<std::string>& arguments)
+{
+    const std::string sibling = siblingAppPath();
+    return {sibling.empty() ? std::string(AppName) : sibling, sibling.empty(), arguments};
+}
+
 std::string readAll(int fd)
 {
     std::string data;
@@ -90,15 +130,7 @@ std::string siblingAppPath()
 AppRun runApp(const std::vector<std::string>& arguments)
 {
     AppRun run;
-    const std::string sibling = siblingAppPath();
-    const std::string program = sibling.empty() ? AppName : sibling;
-
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
+    AppCommand command = appCommand(arguments);
 
     Pipe output;
     if (!output.ok()) {
@@ -109,11 +141,7 @@ AppRun runApp(const std::vector<std::string>& arguments)
     posix_spawn_file_actions_adddup2(actions.get(), output.writeEnd(), STDOUT_FILENO);
 
     pid_t pid = 0;
-    // Only a bare name is looked up on PATH; the sibling is run as it is.
-    const int spawned =
-        sibling.empty()
-            ? posix_spawnp(&pid, program.c_str(), actions.get(), nullptr, argv.data(), environ)
-            : posix_spawn(&pid, program.c_str(), actions.get(), nullptr, argv.data(), environ);
+    const int spawned = command.spawn(&pid, actions.get(), nullptr);
     output.closeWrite();
     if (spawned != 0) {
         run.startError = std::strerror(spawned);
@@ -136,6 +164,29 @@ AppRun runApp(const std::vector<std::string>& arguments)
         run.exitStatus = WEXITSTATUS(status);
     }
     return run;
+}
+
+DetachedApp startAppDetached(const std::vector<std::string>& arguments, const std::string& logPath)
+{
+    DetachedApp app;
+    AppCommand command = appCommand(arguments);
+
+    SpawnActions actions;
+    posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, logPath.c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_adddup2(actions.get(), STDOUT_FILENO, STDERR_FILENO);
+
+    // A session of its own: the terminal's Ctrl-C and hang-up do not reach it.
+    SpawnAttributes attributes;
+    posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSID);
+
+    const int spawned = command.spawn(&app.pid, actions.get(), attributes.get());
+    if (spawned != 0) {
+        app.pid = -1;
+        app.startError = std::strerror(spawned);
+    }
+    return app;
 }
 
 } // namespace sk

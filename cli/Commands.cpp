@@ -1,6 +1,8 @@
 #include "cli/Commands.h"
 
+#include "cli/Client.h"
 #include "cli/InspectAction.h"
+#include "cli/Request.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,11 +13,263 @@ namespace sk {
 
 namespace {
 
-int helpCommand(const Arguments& arguments);
+int helpCommand(const Arguments& arguments, const Session& session);
+int rawRequest(const Arguments& arguments, const Session& session);
 
-// New subcommands are added here; help and dispatch follow from this table.
-const Command Commands[] = {
-    {"inspect-action", "PATH [--compact]",
+using enum ValueKind;
+
+// --- arguments and options, shared where the meaning is the same ---
+
+constexpr Option JsonOption{"--json", "json", Flag, {}, "answer with JSON instead of text"};
+constexpr Option ActionGridOption{"--grid", "grid", Text, "GRID",
+                                  "the grid of the action (needed when several grids have an "
+                                  "action of that name)"};
+
+constexpr Positional ActionName[] = {{"NAME", "name", Text, true}};
+constexpr Positional GridName[] = {{"NAME", "name", Text, true}};
+constexpr Positional ItemIndex[] = {{"INDEX", "index", Integer, true}};
+constexpr Positional ActionType[] = {{"TYPE", "type", Text, true}};
+constexpr Positional Category[] = {{"CATEGORY", "category", Text, true}};
+constexpr Option JsonOnly[] = {JsonOption};
+
+constexpr Option ListOptions[] = {
+    {"--grid", "grid", Text, "GRID", "list the actions of this grid instead of the current one"},
+    JsonOption};
+
+constexpr Positional RunArguments[] = {{"NAME", "name", Text, true},
+                                       {"FILES...", "files", Files, false}};
+constexpr Option RunOptions[] = {
+    {"--event", "event", Event, "clicked|dragged",
+     "how the action is used; dragged when FILES or --text are given, else clicked"},
+    {"--text", "text", Text, "TEXT", "run the action on this text"}};
+
+constexpr Option MoveActionOptions[] = {
+    {"--category", "category", Text, "CATEGORY", "the category to move the action to", true},
+    {"--grid", "grid", Text, "GRID", "the grid that holds CATEGORY; the current grid when absent"},
+    {"--from-grid", "fromGrid", Text, "GRID",
+     "the grid the action is in (needed when several grids have an action of that name)"},
+    {"--position", "position", Integer, "N", "the place within the category, 0 for the first"}};
+
+constexpr Option AddActionOptions[] = {
+    {"--grid", "grid", Text, "GRID", "the grid to add the action to; the current grid when absent"},
+    {"--category", "category", Text, "CATEGORY", "the category to add the action to"},
+    {"--name", "name", Text, "NAME", "the name shown on the grid; the type's name when absent"},
+    {"--icon", "icon", Path, "IMAGE", "an image file to show as the action's icon"},
+    {"--options", "options", Options, "KEY=VALUE...",
+     "the action's settings, as pairs up to the next option; may be repeated"}};
+
+constexpr Option RemoveActionOptions[] = {ActionGridOption};
+
+constexpr Positional SetIconArguments[] = {{"NAME", "name", Text, true},
+                                           {"IMAGE", "icon", Path, false}};
+constexpr Option SetIconOptions[] = {
+    {"--icon", "icon", Path, "IMAGE", "the image file to use (the same as IMAGE)"},
+    {"--reset", "reset", Flag, {}, "go back to the action's own icon"},
+    ActionGridOption};
+
+constexpr Positional AddArguments[] = {{"FILES...", "files", Files, true}};
+constexpr Option AddOptions[] = {
+    {"--stack", "stack", Flag, {}, "put all FILES into one new stack"},
+    {"--stack-index", "stackIndex", Integer, "N", "add FILES to the existing stack at index N"},
+    {"--name", "name", Text, "NAME", "the name of the new stack"}};
+
+constexpr Positional RenameArguments[] = {{"INDEX", "index", Integer, true},
+                                          {"NEW_NAME", "newName", Text, false}};
+constexpr Option RenameOptions[] = {
+    {"--new-name", "newName", Text, "NEW_NAME", "the new name (the same as NEW_NAME)"},
+    {"--reset", "reset", Flag, {}, "go back to the automatic name"}};
+
+constexpr Positional GridSettingsArguments[] = {{"GRID", "grid", Text, true}};
+constexpr Option GridSettingsOptions[] = {
+    {"--name", "name", Text, "NEW_NAME", "rename the grid"},
+    {"--cols", "cols", Integer, "N", "the number of columns: 0 for automatic, or 2 to 10"},
+    {"--size", "size", Integer, "N", "the size of the grid, 1 to 150"},
+    {"--drop-bar", "dropBar", Switch, "on|off", "show or hide the Drop Bar"},
+    {"--switcher", "switcher", Switch, "on|off", "show or hide the grid switcher"}};
+
+constexpr Option ListCategoriesOptions[] = {
+    {"--grid", "grid", Text, "GRID",
+     "the grid whose categories are listed; the current grid "
+     "when absent"},
+    JsonOption};
+constexpr Option CategoryGridOptions[] = {
+    {"--grid", "grid", Text, "GRID", "the grid the category belongs to", true}};
+
+constexpr Option InstallOptions[] = {
+    {"--force", "force", Flag, {}, "install even when an action of that name is installed"}};
+
+// New subcommands are added here; parsing, help and dispatch follow from this table.
+constexpr Command Commands[] = {
+    // Actions
+    {"list",
+     "Actions",
+     "List the actions of a grid",
+     "Lists the actions of the current grid, or of GRID, with their categories.\n",
+     {},
+     ListOptions},
+    {"run", "Actions", "Run an action on files, on text or as a click",
+     "Runs the action NAME of the current grid. Given FILES or --text, the action is used as if\n"
+     "they were dropped on it; otherwise it is clicked. Relative FILES are taken from the\n"
+     "current folder. sk waits until the action has finished and prints what it reports.\n",
+     RunArguments, RunOptions},
+    {"move-action", "Actions", "Move an action to another category or grid",
+     "Moves the action NAME to CATEGORY, in the current grid or in GRID, at the end or at\n"
+     "position N.\n",
+     ActionName, MoveActionOptions},
+    {"add-action", "Actions", "Add an action to a grid",
+     "Adds an action of TYPE (an installed action or a built-in action type; see\n"
+     "'sk list-action-types') with its settings. 'sk action-info TYPE' lists the settings a\n"
+     "type takes. Relative paths are taken from the current folder.\n",
+     ActionType, AddActionOptions},
+    {"remove-action", "Actions", "Remove an action from a grid", "Removes the action NAME.\n",
+     ActionName, RemoveActionOptions},
+    {"set-icon", "Actions", "Set or reset the icon of an action",
+     "Shows the image IMAGE as the icon of the action NAME, or with --reset restores the\n"
+     "action's own icon.\n",
+     SetIconArguments, SetIconOptions},
+    {"list-action-types",
+     "Actions",
+     "List the action types that can be added",
+     "Lists the installed and built-in action types that 'sk add-action' accepts.\n",
+     {},
+     JsonOnly},
+    {"action-info",
+     "Actions",
+     "Describe an action type and its settings",
+     "Describes the action type TYPE and the settings that 'sk add-action --options' takes.\n",
+     ActionType,
+     {}},
+    // Running actions
+    {"list-running",
+     "Running actions",
+     "List the running actions",
+     "Lists the actions that are running, with the INDEX that 'sk cancel' takes.\n",
+     {},
+     JsonOnly},
+    {"cancel",
+     "Running actions",
+     "Cancel a running action",
+     "Cancels the running action at INDEX (see 'sk list-running').\n",
+     ItemIndex,
+     {}},
+    // Drop Bar
+    {"add", "Drop Bar", "Add files to the Drop Bar",
+     "Adds FILES to the Drop Bar: each as a stack of its own, all in one new stack with\n"
+     "--stack, or to the existing stack at index N with --stack-index. Relative FILES are taken\n"
+     "from the current folder. Nothing is added when one of them does not exist.\n",
+     AddArguments, AddOptions},
+    {"list-items",
+     "Drop Bar",
+     "List the Drop Bar's stacks",
+     "Lists the stacks of the Drop Bar with the INDEX the other Drop Bar commands take.\n",
+     {},
+     JsonOnly},
+    {"rename", "Drop Bar", "Rename a Drop Bar stack",
+     "Gives the stack at INDEX the name NEW_NAME, or with --reset its automatic name again.\n",
+     RenameArguments, RenameOptions},
+    {"remove",
+     "Drop Bar",
+     "Remove a Drop Bar stack",
+     "Removes the stack at INDEX from the Drop Bar.\n",
+     ItemIndex,
+     {}},
+    {"lock",
+     "Drop Bar",
+     "Lock a Drop Bar stack",
+     "Locks the stack at INDEX, so that it stays on the Drop Bar.\n",
+     ItemIndex,
+     {}},
+    {"unlock",
+     "Drop Bar",
+     "Unlock a Drop Bar stack",
+     "Unlocks the stack at INDEX.\n",
+     ItemIndex,
+     {}},
+    {"clear",
+     "Drop Bar",
+     "Remove the Drop Bar's stacks",
+     "Removes the stacks of the Drop Bar.\n",
+     {},
+     {}},
+    {"open-dropbar",
+     "Drop Bar",
+     "Show the Drop Bar as a pinned window",
+     "Shows the Drop Bar in a pinned window of its own.\n",
+     {},
+     {}},
+    {"close-dropbar",
+     "Drop Bar",
+     "Close the pinned Drop Bar window",
+     "Closes the pinned Drop Bar window.\n",
+     {},
+     {}},
+    // Grid window
+    {"open", "Grid window", "Open the grid", "Opens the grid window.\n", {}, {}},
+    {"close", "Grid window", "Close the grid", "Closes the grid window.\n", {}, {}},
+    {"status",
+     "Grid window",
+     "Tell whether the grid is open",
+     "Answers \"open\" when the grid window is open and \"closed\" otherwise (always \"closed\"\n"
+     "when Skelvo runs without windows).\n",
+     {},
+     {}},
+    // Grids
+    {"list-grids",
+     "Grids",
+     "List the grids",
+     "Lists the grids and marks the current one.\n",
+     {},
+     JsonOnly},
+    {"switch-grid",
+     "Grids",
+     "Make a grid the current one",
+     "Makes the grid NAME the current grid.\n",
+     GridName,
+     {}},
+    {"create-grid",
+     "Grids",
+     "Create a grid",
+     "Creates an empty grid named NAME. Grid names are unique.\n",
+     GridName,
+     {}},
+    {"remove-grid",
+     "Grids",
+     "Remove a grid",
+     "Removes the grid NAME with its categories and actions. The last grid cannot be removed.\n",
+     GridName,
+     {}},
+    {"grid-settings", "Grids", "Show or change the settings of a grid",
+     "Without options shows the settings of GRID; with options changes them.\n",
+     GridSettingsArguments, GridSettingsOptions},
+    // Categories
+    {"list-categories",
+     "Categories",
+     "List the categories of a grid",
+     "Lists the categories of the current grid, or of GRID, in their order.\n",
+     {},
+     ListCategoriesOptions},
+    {"add-category", "Categories", "Add a category to a grid",
+     "Adds the category CATEGORY at the end of GRID.\n", Category, CategoryGridOptions},
+    {"remove-category", "Categories", "Remove a category from a grid",
+     "Removes the category CATEGORY from GRID.\n", Category, CategoryGridOptions},
+    // Add-on actions
+    {"list-addon-actions",
+     "Add-on actions",
+     "List the add-on actions that can be installed",
+     "Lists the add-on actions that can be installed with 'sk install-action'.\n",
+     {},
+     JsonOnly},
+    {"install-action", "Add-on actions", "Install an add-on action",
+     "Installs the add-on action NAME.\n", ActionName, InstallOptions},
+    {"uninstall-action",
+     "Add-on actions",
+     "Uninstall an add-on action",
+     "Uninstalls the add-on action NAME.\n",
+     ActionName,
+     {}},
+    // Working without the application, and raw requests
+    {"inspect-action",
+     "Other",
      "Show what Skelvo reads from an action bundle or single-file action",
      "Parses the action bundle (.skbundle folder) or single-file action (.skelvo file) at\n"
      "PATH as Skelvo does and prints every header field, the answers derived from them and\n"
@@ -26,10 +280,35 @@ const Command Commands[] = {
      "Exit status: 0 when the action is valid, 1 when it is invalid, 2 when no action could\n"
      "be read at PATH or the command line is wrong, 127 when the skelvo application could\n"
      "not be started.\n",
-     inspectAction},
-    {"help", "[COMMAND]", "Show help for sk or for one command",
-     "Without a COMMAND lists every command; with one, shows how to use it.\n", helpCommand},
+     {},
+     {},
+     inspectAction,
+     "PATH [--compact]"},
+    {"request",
+     "Other",
+     "Send a request written as JSON",
+     "Sends the JSON object REQUEST as it is, with \"cwd\" added unless it has one, and prints\n"
+     "the answers like any other command. For scripts and tests that need a request the\n"
+     "other commands do not make, for example '{\"action\": \"cancel\"}' without an index.\n",
+     {},
+     {},
+     rawRequest,
+     "REQUEST"},
+    {"help",
+     "Other",
+     "Show help for sk or for one command",
+     "Without a COMMAND lists every command; with one, shows how to use it.\n",
+     {},
+     {},
+     helpCommand,
+     "[COMMAND]"},
 };
+
+const char* const ExitStatusText =
+    "Exit status: 0 when done; 1 when Skelvo answered with an error (\"Error: ...\", printed on\n"
+    "standard error); 2 when the command line is wrong; 3 when Skelvo is not running; 4 when\n"
+    "the connection to Skelvo ended before the request finished; 127 when --start could not\n"
+    "run skelvo.\n";
 
 void print(std::FILE* stream, std::string_view text)
 {
@@ -40,9 +319,9 @@ std::string usageLine(const Command& command)
 {
     std::string line = "Usage: sk ";
     line += command.name;
-    if (!command.synopsis.empty()) {
-        line += ' ';
-        line += command.synopsis;
+    const std::string arguments = synopsis(command);
+    if (!arguments.empty()) {
+        line += ' ' + arguments;
     }
     return line + "\n";
 }
@@ -50,23 +329,73 @@ std::string usageLine(const Command& command)
 void printOverview(std::FILE* stream)
 {
     print(stream, "Usage: sk COMMAND [ARGUMENTS]\n"
+                  "       sk --start COMMAND [ARGUMENTS]\n"
                   "       sk --help | --version\n"
                   "\n"
-                  "Drives Skelvo from the command line.\n"
-                  "\n"
-                  "Commands:\n");
+                  "Drives the running Skelvo application from the command line.\n");
     size_t width = 0;
     for (const Command& command : Commands) {
         width = std::max(width, command.name.size());
     }
+    std::string_view group;
     for (const Command& command : Commands) {
+        if (command.group != group) {
+            group = command.group;
+            std::string heading = "\n";
+            heading += group;
+            print(stream, heading + ":\n");
+        }
         std::string row = "  ";
         row += command.name;
         row.append(width - command.name.size() + 3, ' ');
         row += command.summary;
         print(stream, row + "\n");
     }
+    print(stream, "\n"
+                  "Options before COMMAND:\n"
+                  "  --start     start Skelvo without windows (skelvo --headless) when it is not\n"
+                  "              running, and wait until it listens\n"
+                  "  --help, -h  show this help\n"
+                  "  --version   show the version of sk\n"
+                  "\n");
+    print(stream, ExitStatusText);
     print(stream, "\nRun 'sk help COMMAND' or 'sk COMMAND --help' for the details of a command.\n");
+}
+
+std::string optionLabel(const Option& option)
+{
+    std::string label(option.flag);
+    if (!option.valueName.empty()) {
+        label += ' ';
+        label += option.valueName;
+    }
+    return label;
+}
+
+// One row of an option table: the label, then the help wrapped into its column.
+std::string optionRow(std::string_view label, std::string_view help, size_t width)
+{
+    constexpr size_t LineWidth = 92;
+    const size_t column = width + 5;
+    std::string row = "  ";
+    row += label;
+    row.append(column - row.size(), ' ');
+    size_t lineStart = 0;
+    while (!help.empty()) {
+        const size_t space = help.find(' ');
+        const std::string_view word = help.substr(0, space);
+        const bool lineHasWords = row.size() > lineStart + column;
+        if (lineHasWords && row.size() - lineStart + 1 + word.size() > LineWidth) {
+            row += '\n';
+            lineStart = row.size();
+            row.append(column, ' ');
+        } else if (lineHasWords) {
+            row += ' ';
+        }
+        row += word;
+        help = space == std::string_view::npos ? std::string_view() : help.substr(space + 1);
+    }
+    return row + "\n";
 }
 
 void printCommandHelp(const Command& command)
@@ -76,6 +405,19 @@ void printCommandHelp(const Command& command)
     print(stdout, command.summary);
     print(stdout, ".\n\n");
     print(stdout, command.details);
+    if (command.run) {
+        return;
+    }
+    size_t width = std::string_view("--help").size();
+    for (const Option& option : command.options) {
+        width = std::max(width, optionLabel(option).size());
+    }
+    print(stdout, "\nOptions:\n");
+    for (const Option& option : command.options) {
+        print(stdout, optionRow(optionLabel(option), option.help, width));
+    }
+    print(stdout, optionRow("--help", "show this help", width) + "\n");
+    print(stdout, ExitStatusText);
 }
 
 int unknownCommand(std::string_view name)
@@ -86,7 +428,7 @@ int unknownCommand(std::string_view name)
     return usageError(message);
 }
 
-int helpCommand(const Arguments& arguments)
+int helpCommand(const Arguments& arguments, const Session&)
 {
     if (arguments.empty()) {
         printOverview(stdout);
@@ -101,6 +443,18 @@ int helpCommand(const Arguments& arguments)
     }
     printCommandHelp(*command);
     return ExitSuccess;
+}
+
+int rawRequest(const Arguments& arguments, const Session& session)
+{
+    if (arguments.size() != 1) {
+        return usageError("request takes one JSON object. Usage: sk request REQUEST");
+    }
+    const Request request = buildRawRequest(arguments.front(), currentFolder());
+    if (!request.ok()) {
+        return usageError(request.error);
+    }
+    return sendRequest(request.userInfo, session);
 }
 
 bool isHelpOption(std::string_view argument)
@@ -137,6 +491,29 @@ const Command* findCommand(std::string_view name)
     return found == std::end(Commands) ? nullptr : &*found;
 }
 
+std::string synopsis(const Command& command)
+{
+    if (command.run) {
+        return std::string(command.synopsis);
+    }
+    std::string text;
+    const auto add = [&text](std::string_view piece, bool optional) {
+        if (!text.empty()) {
+            text += ' ';
+        }
+        text += optional ? "[" : "";
+        text += piece;
+        text += optional ? "]" : "";
+    };
+    for (const Positional& positional : command.positionals) {
+        add(positional.name, !positional.required);
+    }
+    for (const Option& option : command.options) {
+        add(optionLabel(option), !option.required);
+    }
+    return text;
+}
+
 int usageError(std::string_view message)
 {
     std::string line = "sk: ";
@@ -147,32 +524,46 @@ int usageError(std::string_view message)
 
 int runCommandLine(const Arguments& arguments)
 {
-    if (arguments.empty()) {
+    Session session;
+    size_t first = 0;
+    for (; first < arguments.size() && arguments[first].starts_with('-'); ++first) {
+        const std::string& option = arguments[first];
+        if (isHelpOption(option)) {
+            printOverview(stdout);
+            return ExitSuccess;
+        }
+        if (option == "--version") {
+            print(stdout, "sk " SK_VERSION "\n");
+            return ExitSuccess;
+        }
+        if (option != "--start") {
+            return usageError("unknown option '" + option + "'. Run 'sk --help' for the usage.");
+        }
+        session.startApp = true;
+    }
+    if (first == arguments.size()) {
         printOverview(stderr);
         return ExitUsage;
     }
-    const std::string& first = arguments.front();
-    if (isHelpOption(first)) {
-        printOverview(stdout);
-        return ExitSuccess;
-    }
-    if (first == "--version") {
-        print(stdout, "sk " SK_VERSION "\n");
-        return ExitSuccess;
-    }
-    if (first.starts_with('-')) {
-        return usageError("unknown option '" + first + "'. Run 'sk --help' for the usage.");
-    }
-    const Command* command = findCommand(first);
+    const std::string& name = arguments[first];
+    const Command* command = findCommand(name);
     if (!command) {
-        return unknownCommand(first);
+        return unknownCommand(name);
     }
-    const Arguments rest(arguments.begin() + 1, arguments.end());
+    const Arguments rest(arguments.begin() + static_cast<std::ptrdiff_t>(first) + 1,
+                         arguments.end());
     if (asksForHelp(rest)) {
         printCommandHelp(*command);
         return ExitSuccess;
     }
-    return command->run(rest);
+    if (command->run) {
+        return command->run(rest, session);
+    }
+    const Request request = buildRequest(*command, rest, currentFolder());
+    if (!request.ok()) {
+        return usageError(request.error);
+    }
+    return sendRequest(request.userInfo, session);
 }
 
 } // namespace sk

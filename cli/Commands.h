@@ -10,25 +10,70 @@ namespace sk {
 // Exit statuses shared by every command.
 enum ExitStatus : int {
     ExitSuccess = 0,
-    ExitFailure = 1,
+    ExitFailure = 1, // Skelvo answered with a response beginning "Error: "
     ExitUsage = 2,
+    ExitNotRunning = 3,      // no application answers on the socket (and none could be started)
+    ExitConnectionLost = 4,  // the connection ended before the finish message
     ExitAppNotStarted = 127, // as a shell reports a command it cannot run
 };
 
 using Arguments = std::vector<std::string>;
 
-// One subcommand: `sk NAME ARGUMENTS`.
+// What an argument turns into in the request.
+enum class ValueKind {
+    Flag,    // an option without a value: true
+    Text,    // a string as given
+    Integer, // a whole number, sent as a JSON number
+    Path,    // a path, made absolute against the working folder
+    Event,   // "clicked" or "dragged"
+    Switch,  // on or off, sent as a boolean
+    Options, // KEY=VALUE pairs up to the next option, collected into one object
+    Files,   // positional only: every remaining argument, each made absolute
+};
+
+// An option of a command, such as `--grid GRID`.
+struct Option {
+    std::string_view flag; // "--grid"
+    std::string_view key;  // the request key it sets
+    ValueKind kind;
+    std::string_view valueName; // "GRID", shown in the usage; empty for a Flag
+    std::string_view help;      // one line for the command's help
+    bool required = false;
+};
+
+// A positional argument of a command, such as NAME or FILES.
+struct Positional {
+    std::string_view name; // "NAME", shown in the usage
+    std::string_view key;  // the request key it sets
+    ValueKind kind;        // Text, Integer, Path or Files
+    bool required;
+};
+
+// Options given before the command word.
+struct Session {
+    bool startApp = false; // --start: start the application when it is not running
+};
+
+// One subcommand: `sk NAME ARGUMENTS`. A command with a `run` function works on its own;
+// every other command becomes one request to the running application, built from its
+// positionals and options.
 struct Command {
     std::string_view name;
-    std::string_view synopsis; // the arguments, as shown after the name in the usage line
-    std::string_view summary;  // one line for the command list
-    std::string_view details;  // the rest of `sk help NAME`
-    int (*run)(const Arguments& arguments);
+    std::string_view group;   // the heading it is listed under in `sk --help`
+    std::string_view summary; // one line for the command list
+    std::string_view details; // the rest of `sk help NAME`, before the options
+    std::span<const Positional> positionals;
+    std::span<const Option> options;
+    int (*run)(const Arguments& arguments, const Session& session) = nullptr;
+    std::string_view synopsis = {}; // the arguments of a command with its own `run`
 };
 
 // Every subcommand, in the order `sk --help` lists them.
 std::span<const Command> commands();
 const Command* findCommand(std::string_view name);
+
+// The arguments as shown after the name in the usage line.
+std::string synopsis(const Command& command);
 
 // Runs the whole command line (without the program name) and returns the exit status.
 int runCommandLine(const Arguments& arguments);

@@ -39,7 +39,7 @@ void writeOut(const std::string& text)
 
 } // namespace
 
-int inspectAction(const Arguments& arguments)
+int inspectAction(const Arguments& arguments, const Session&)
 {
     bool compact = false;
     std::optional<std::string> path;

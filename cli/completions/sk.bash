@@ -1,0 +1,86 @@
+# bash completion for sk, the Skelvo command-line tool.
+# Installed as share/bash-completion/completions/sk; bash-completion loads it on demand.
+
+_sk_files()
+{
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$1")
+}
+
+_sk()
+{
+    local cur=${COMP_WORDS[COMP_CWORD]}
+    local prev=${COMP_WORDS[COMP_CWORD - 1]}
+    local commands="list run move-action add-action remove-action set-icon list-action-types
+        action-info list-running cancel add list-items rename remove lock unlock clear
+        open-dropbar close-dropbar open close status list-grids switch-grid create-grid
+        remove-grid grid-settings list-categories add-category remove-category
+        list-addon-actions install-action uninstall-action inspect-action request help"
+
+    # The command is the first word that is not an option given before it (--start).
+    local i command=
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        if [[ ${COMP_WORDS[i]} != -* ]]; then
+            command=${COMP_WORDS[i]}
+            break
+        fi
+    done
+    if [[ -z $command ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$commands --start --help --version" -- "$cur")
+        return
+    fi
+
+    case $prev in
+    --event)
+        mapfile -t COMPREPLY < <(compgen -W "clicked dragged" -- "$cur")
+        return
+        ;;
+    --drop-bar | --switcher)
+        mapfile -t COMPREPLY < <(compgen -W "on off" -- "$cur")
+        return
+        ;;
+    --icon)
+        _sk_files "$cur"
+        return
+        ;;
+    --grid | --from-grid | --category | --position | --text | --name | --new-name | \
+        --stack-index | --cols | --size)
+        # A free value: nothing to offer.
+        return
+        ;;
+    esac
+
+    local options=
+    case $command in
+    list) options="--grid --json" ;;
+    run) options="--event --text" ;;
+    move-action) options="--category --grid --from-grid --position" ;;
+    add-action) options="--grid --category --name --icon --options" ;;
+    remove-action) options="--grid" ;;
+    set-icon) options="--icon --reset --grid" ;;
+    list-action-types) options="--json" ;;
+    list-running) options="--json" ;;
+    add) options="--stack --stack-index --name" ;;
+    list-items) options="--json" ;;
+    rename) options="--new-name --reset" ;;
+    list-grids) options="--json" ;;
+    grid-settings) options="--name --cols --size --drop-bar --switcher" ;;
+    list-categories) options="--grid --json" ;;
+    add-category) options="--grid" ;;
+    remove-category) options="--grid" ;;
+    list-addon-actions) options="--json" ;;
+    install-action) options="--force" ;;
+    inspect-action) options="--compact" ;;
+    esac
+
+    if [[ $cur == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$options --help" -- "$cur")
+        return
+    fi
+    case $command in
+    run | add | set-icon | inspect-action) _sk_files "$cur" ;;
+    help) mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$cur") ;;
+    esac
+}
+
+complete -F _sk sk
