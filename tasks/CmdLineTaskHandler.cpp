@@ -247,6 +247,8 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
     };
     m_current = connection;
     m_currentFinishes = true;
+    // Bundles may have been added to the actions folders since the last scan.
+    ActionFileParser::shared().invalidateActionsCache();
     const QVariant word = userInfo.value(QStringLiteral("action"));
     if (userInfo.isEmpty() || word.typeId() != QMetaType::QString || word.toString().isEmpty()) {
         respond(QStringLiteral("Error: Invalid command line task notification"));

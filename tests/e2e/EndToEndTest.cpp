@@ -1,0 +1,195 @@
+// Starts the real application headless in a private home and drives it only through the
+// real sk, as a user's terminal would.
+#include "tests/support/TestHome.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Outcome {
+    int status = -1;
+    QString out;
+    QString err;
+};
+
+class EndToEndTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_environment = QProcessEnvironment::systemEnvironment();
+        m_environment.insert(QStringLiteral("SKELVO_HOME"), home.path());
+        m_environment.insert(QStringLiteral("SKELVO_RESOURCES"),
+                             QStringLiteral(SKELVO_SOURCE_RESOURCES));
+        m_environment.remove(QStringLiteral("DISPLAY"));
+        m_environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
+        m_app.setProcessEnvironment(m_environment);
+        m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
+        ASSERT_TRUE(m_app.waitForStarted());
+        for (int i = 0; i < 100 && sk({QStringLiteral("status")}).status != 0; ++i) {
+            QThread::msleep(100);
+        }
+        ASSERT_EQ(sk({QStringLiteral("status")}).out, QStringLiteral("closed\n"));
+    }
+    void TearDown() override
+    {
+        m_app.terminate();
+        EXPECT_TRUE(m_app.waitForFinished(10000));
+        EXPECT_EQ(m_app.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(m_app.exitCode(), 0);
+    }
+
+    Outcome sk(const QStringList& arguments, int timeoutMs = 30000)
+    {
+        QProcess process;
+        process.setProcessEnvironment(m_environment);
+        process.setWorkingDirectory(home.path());
+        process.start(QStringLiteral(SK_BINARY), arguments);
+        if (!process.waitForFinished(timeoutMs)) {
+            process.kill();
+            process.waitForFinished();
+            return {};
+        }
+        return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
+                QString::fromUtf8(process.readAllStandardError())};
+    }
+    QString userActions() const
+    {
+        return QDir(home.path()).filePath(QStringLiteral("data/Skelvo/Actions"));
+    }
+
+    TestHome home;
+    QProcessEnvironment m_environment;
+    QProcess m_app;
+};
+
+} // namespace
+
+TEST_F(EndToEndTest, GridsCategoriesAndACopyFilesActionThatRuns)
+{
+    EXPECT_EQ(sk({QStringLiteral("create-grid"), QStringLiteral("Work")}).out,
+              QStringLiteral("Created grid 'Work'\n"));
+    EXPECT_EQ(sk({QStringLiteral("switch-grid"), QStringLiteral("Work")}).out,
+              QStringLiteral("Switched to grid 'Work'\n"));
+    const Outcome added = sk({QStringLiteral("add-category"), QStringLiteral("--grid"),
+                              QStringLiteral("Work"), QStringLiteral("Files")});
+    EXPECT_EQ(added.out, QStringLiteral("Added category 'Files' to grid 'Work'\n"))
+        << added.err.toStdString();
+
+    QDir(home.path()).mkpath(QStringLiteral("out"));
+    const Outcome action = sk({QStringLiteral("add-action"), QStringLiteral("Copy Files"),
+                               QStringLiteral("--category"), QStringLiteral("Files"),
+                               QStringLiteral("--options"), QStringLiteral("path=out")});
+    EXPECT_EQ(action.status, 0) << action.err.toStdString();
+    const QJsonArray listed =
+        QJsonDocument::fromJson(sk({QStringLiteral("list"), QStringLiteral("--json")}).out.toUtf8())
+            .array();
+    ASSERT_EQ(listed.size(), 1);
+    EXPECT_EQ(listed[0][QStringLiteral("category")].toString(), QStringLiteral("Files"));
+
+    home.writeFile(QStringLiteral("a.txt"), "alpha");
+    home.writeFile(QStringLiteral("docs/b.txt"), "beta");
+    const Outcome run = sk({QStringLiteral("run"), QStringLiteral("Copy Files"),
+                            QStringLiteral("a.txt"), QStringLiteral("docs")});
+    EXPECT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("out/a.txt"))));
+    EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("out/docs/b.txt"))));
+    EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("a.txt"))));
+
+    const Outcome missing = sk({QStringLiteral("run"), QStringLiteral("Nope")});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, QStringLiteral("Error: Action 'Nope' not found\n"));
+}
+
+TEST_F(EndToEndTest, ASlowScriptActionIsCancelledFromTheCommandLine)
+{
+    home.writeFile(QStringLiteral("data/Skelvo/Actions/Slow.skbundle/action.rb"),
+                   "# Skelvo Action Info\n# Name: Slow\n# Description: Waits\n# Events: Clicked\n"
+                   "# Creator: Tests\n# URL: https://example.org\n\n"
+                   "def clicked(variables, helper)\n  helper.begin_message('Waiting a while')\n  "
+                   "sleep 120\nend\n");
+    ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Slow")}).status, 0);
+
+    QProcess run;
+    run.setProcessEnvironment(m_environment);
+    run.start(QStringLiteral(SK_BINARY), {QStringLiteral("run"), QStringLiteral("Slow")});
+    ASSERT_TRUE(run.waitForStarted());
+    QString running;
+    for (int i = 0; i < 100 && !running.contains(QStringLiteral("Waiting a while")); ++i) {
+        QThread::msleep(100);
+        running = sk({QStringLiteral("list-running")}).out;
+    }
+    EXPECT_TRUE(running.contains(QStringLiteral("0: Slow - Waiting a while")))
+        << running.toStdString();
+    EXPECT_EQ(run.state(), QProcess::Running) << "sk run waits for its task";
+
+    EXPECT_EQ(sk({QStringLiteral("cancel"), QStringLiteral("0")}).out,
+              QStringLiteral("Cancelled action 'Slow'\n"));
+    ASSERT_TRUE(run.waitForFinished(15000));
+    EXPECT_EQ(run.exitCode(), 0);
+    Outcome after;
+    for (int i = 0; i < 50; ++i) {
+        after = sk({QStringLiteral("list-running")});
+        if (after.out.contains(QStringLiteral("No actions"))) {
+            break;
+        }
+        QThread::msleep(100);
+    }
+    EXPECT_EQ(after.out, QStringLiteral("No actions are currently running.\n"));
+}
+
+TEST_F(EndToEndTest, ApplicationMessagesForBadRequests)
+{
+    const std::pair<const char*, const char*> rows[] = {
+        {R"({"action":"frobnicate"})", "Error: Unknown command: frobnicate"},
+        {R"({"action":"cancel"})", "Error: Missing index for cancel command."},
+        {R"({"action":"move-action"})",
+         "Error: Missing action name or category for move-action command."},
+        {R"({"action":"switch-grid"})", "Error: Missing grid name for switch-grid command."},
+        {R"({"action":"create-grid"})", "Error: Missing grid name for create-grid command."},
+        {R"({"action":"remove-grid"})", "Error: Missing grid name for remove-grid command."},
+        {R"({"action":"add-category"})",
+         "Error: Missing grid name or category name for add-category command."},
+        {R"({"action":"remove-category"})",
+         "Error: Missing grid name or category name for remove-category command."},
+        {R"({"action":"grid-settings"})", "Error: Missing grid name for grid-settings command."},
+        {R"({"action":"action-info"})", "Error: Missing action type for action-info command."},
+        {R"({"action":"add-action"})", "Error: Missing action type for add-action command."},
+        {R"({"action":"remove-action"})", "Error: Missing action name for remove-action command."},
+        {R"({"action":"set-icon"})", "Error: Missing action name for set-icon command."},
+        {R"({})", "Error: Invalid command line task notification"},
+    };
+    for (const auto& [request, message] : rows) {
+        const Outcome outcome = sk({QStringLiteral("request"), QString::fromUtf8(request)});
+        EXPECT_EQ(outcome.status, 1) << request;
+        EXPECT_EQ(outcome.err, QString::fromUtf8(message) + u'\n') << request;
+    }
+    const Outcome unknown = sk({QStringLiteral("frobnicate")});
+    EXPECT_EQ(unknown.status, 2);
+}
+
+TEST_F(EndToEndTest, ASecondInstanceHandsOverItsArguments)
+{
+    QProcess second;
+    second.setProcessEnvironment(m_environment);
+    second.setWorkingDirectory(home.path());
+    second.start(QStringLiteral(SKELVO_BINARY),
+                 {QStringLiteral("--headless"), QStringLiteral("New.skbundle")});
+    ASSERT_TRUE(second.waitForFinished(15000));
+    EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_EQ(QString::fromUtf8(second.readAllStandardOutput()),
+              QStringLiteral("Skelvo is already running; handed over 1 argument(s)\n"));
+    EXPECT_EQ(m_app.state(), QProcess::Running);
+    QFile log(QDir(home.path()).filePath(QStringLiteral("data/Skelvo/Logs/skelvo.log")));
+    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(log.readAll().contains(
+        QDir(home.path()).filePath(QStringLiteral("New.skbundle")).toUtf8()));
+}
