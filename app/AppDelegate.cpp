@@ -2,6 +2,8 @@
 
 #include "actions/ActionFileParser.h"
 #include "actions/OptionSheets.h"
+#include "builtin/ActionOptionSchemas.h"
+#include "builtin/BuiltInActionRunner.h"
 #include "core/Log.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
@@ -90,6 +92,11 @@ void AppDelegate::applicationDidFinishLaunching()
 
     registerDefaultSettings();
     OptionSheets::registerStandardSheets();
+    ActionOptionSchemas::registerOptionSheets();
+    // Built-in actions: listed by the parser like bundles, run by the shared runner.
+    ActionFileParser::shared().setBuiltInActionInfos(
+        BuiltInActionRunner::shared()->builtInActionCatalog().availableActions());
+    BuiltInDispatcher::install(BuiltInActionRunner::shared());
     DebugConsoleController::shared().setLogFile(
         QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("debug-console.log")));
 

@@ -3,7 +3,10 @@
 #include <QList>
 #include <QString>
 
+#include <functional>
 #include <optional>
+
+class BuiltInAction;
 
 // One entry of the built-in action catalogue: what the action accepts and how it is set up.
 struct ActionInfo {
@@ -21,6 +24,9 @@ struct ActionInfo {
     bool skipConfig = false;
     QString defaultPort;
     QString keyModifiers;
+    // Makes a fresh instance of the action's class (the runner owns it); empty when the
+    // action's implementation is not part of this build.
+    std::function<BuiltInAction*()> actionClass;
 
     bool acceptsFiles() const { return handles.contains(Handles::Files); }
     bool acceptsText() const { return handles.contains(Handles::Text); }

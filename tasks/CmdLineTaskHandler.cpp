@@ -2,6 +2,7 @@
 
 #include "actions/ActionFileParser.h"
 #include "actions/OptionSheets.h"
+#include "builtin/ActionOptionSchemas.h"
 #include "core/CmdLineProtocol.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
@@ -913,6 +914,7 @@ void CmdLineTaskHandler::actionInfo(const QVariantMap& request)
     text += record->optionsNib.isEmpty()
                 ? QStringLiteral("Options: none\n")
                 : QStringLiteral("Options: set in '%1'\n").arg(record->optionsNib);
+    text += ActionOptionSchemas::helpText(record->optionsNib);
     if (record->isBuiltInAction) {
         text += QStringLiteral("Built-in action\n");
     } else {
@@ -944,28 +946,21 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
                 QStringLiteral("' does not take configuration options."));
         return;
     }
-    const auto sheet = OptionSheets::find(record->optionsNib);
-    if (!options.isEmpty() && (!sheet || sheet->commandLineOptions.isEmpty())) {
-        respond(
-            QStringLiteral("Error: The options for action type '") + type +
-            QStringLiteral("' (set in '") + record->optionsNib +
-            QStringLiteral(
-                "') cannot be set from the command line yet. Add it from the Skelvo UI instead."));
-        return;
-    }
     const QString cwd = str(request, "cwd");
-    for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        if (!sheet->commandLineOptions.contains(it.key())) {
-            respond(QStringLiteral("Error: Unknown option '%1' for action type '%2'. Options: %3")
-                        .arg(it.key(), type, sheet->commandLineOptions.join(QStringLiteral(", "))));
+    // Options are checked against the panel's schema; a built-in's required options are
+    // checked even when none are given.
+    ValidatedActionOptions validated;
+    if (!options.isEmpty() || (record->isBuiltInAction && !record->optionsNib.isEmpty())) {
+        QMap<QString, QString> given;
+        for (auto it = options.cbegin(); it != options.cend(); ++it) {
+            given.insert(it.key(), it.value().toString());
+        }
+        const auto outcome = ActionOptionSchemas::validate(record->optionsNib, given, cwd, type);
+        if (const auto* failure = std::get_if<ActionOptionValidationError>(&outcome)) {
+            respond(QStringLiteral("Error: ") + failure->message);
             return;
         }
-        if (it.key() == GridAction::PathVariable &&
-            !QFileInfo(absolutePath(it.value().toString(), cwd)).isDir()) {
-            respond(QStringLiteral("Error: Option 'path' must name an existing folder: %1")
-                        .arg(absolutePath(it.value().toString(), cwd)));
-            return;
-        }
+        validated = std::get<ValidatedActionOptions>(outcome);
     }
     GridId gridId = db().selectedGridId();
     QString grid = gridName(gridId);
@@ -1002,13 +997,8 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
     action->position = db().getNextPositionForCategoryId(categoryId);
     action->usingDefaultIcon = true;
     action->servicesKey = GridAction::defaultServicesKeyForName(action->name, gridId);
-    for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        QString value = it.value().toString();
-        // Paths given on the command line are relative to the caller's shell.
-        if (it.key() == GridAction::PathVariable) {
-            value = absolutePath(value, cwd);
-        }
-        action->extraVariables.insert(it.key(), value);
+    for (auto it = validated.variables.cbegin(); it != validated.variables.cend(); ++it) {
+        action->extraVariables.insert(it.key(), it.value());
     }
     if (has(request, "icon")) {
         QFile icon(absolutePath(str(request, "icon"), cwd));
@@ -1018,6 +1008,14 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
         }
         action->icon = icon.readAll();
         action->usingDefaultIcon = false;
+    }
+    // Secrets go to the secret store, named by the variables set above.
+    if ((validated.secret && !action->storeKeychainPassword(*validated.secret)) ||
+        (validated.secondarySecret &&
+         !action->storeSecondaryKeychainPassword(*validated.secondarySecret))) {
+        respond(
+            QStringLiteral("Error: Could not store the secret for action '%1'").arg(action->name));
+        return;
     }
     if (!action->create()) {
         respond(QStringLiteral("Error: Failed to add action '%1'").arg(action->name));

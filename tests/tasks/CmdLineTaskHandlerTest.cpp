@@ -223,8 +223,8 @@ TEST_F(CmdLineTest, AddRunAndRemoveACopyFilesAction)
         one(req({{"action", QStringLiteral("add-action")},
                  {"type", QStringLiteral("Copy Files")},
                  {"options", QVariantMap{{QStringLiteral("colour"), QStringLiteral("red")}}}})),
-        QStringLiteral(
-            "Error: Unknown option 'colour' for action type 'Copy Files'. Options: path"));
+        QStringLiteral("Error: Unknown option 'colour' for action type 'Copy Files'. Valid options "
+                       "are: path"));
     EXPECT_EQ(one(req({{"action", QStringLiteral("add-action")},
                        {"type", QStringLiteral("No Such Type")}})),
               QStringLiteral("Error: Action type 'No Such Type' not found. Use 'sk "

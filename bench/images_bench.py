@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""Times the image engine against vipsthumbnail and ImageMagick on a corpus it makes itself.
+
+  python3 bench/images_bench.py [--build BUILD_DIR] [--runs N] [--keep]
+
+Line 1: 40 JPEGs of 4000x3000 resized to fit 1000x1000 at JPEG quality 85.
+Line 2: 10 PNGs of 2000x1500 converted to WEBP (quality 75 for every tool).
+Each tool gets fresh copies of the inputs and writes to its own output folder; the best
+wall time of N runs is reported with that run's peak resident memory (wait4's maxrss).
+Targets (line 1): within 1.15x of vipsthumbnail's wall time, at least 4x faster than
+mogrify, peak memory no higher than mogrify's. Line 2 is reported beside its peers; WEBP
+encoding dominates it and every tool uses the same libwebp.
+
+The engine is started through ENGINE_RESIZE / ENGINE_CONVERT below; to time the built-in
+action instead, replace those with `sk run "Resize Images" ...` against a running
+headless application.
+"""
+
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+PEER_PACKAGES = {"vipsthumbnail": "libvips-tools", "vips": "libvips-tools",
+                 "mogrify": "imagemagick"}
+
+
+def ensure_peers():
+    missing = sorted({pkg for tool, pkg in PEER_PACKAGES.items() if not shutil.which(tool)})
+    if not missing:
+        return
+    sudo = [] if os.geteuid() == 0 else ["sudo"]
+    print(f"installing {' '.join(missing)}", file=sys.stderr)
+    env = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
+    subprocess.run(sudo + ["apt-get", "install", "-y", "-qq", "--no-install-recommends"] + missing,
+                   check=True, env=env, stdout=subprocess.DEVNULL)
+
+
+def measure(command, cwd=None):
+    """Wall seconds and peak RSS in MiB of one command (and its children)."""
+    start = time.perf_counter()
+    proc = subprocess.Popen(command, cwd=cwd, stdout=subprocess.DEVNULL,
+                            stderr=subprocess.PIPE)
+    _, status, usage = os.wait4(proc.pid, 0)
+    wall = time.perf_counter() - start
+    stderr = proc.stderr.read().decode(errors="replace")
+    proc.stderr.close()
+    proc.returncode = os.waitstatus_to_exitcode(status)
+    if proc.returncode != 0:
+        raise SystemExit(f"{command[0]} failed ({proc.returncode}): {stderr.strip()}")
+    return wall, usage.ru_maxrss / 1024.0
+
+
+def fresh_copies(sources, folder):
+    os.makedirs(folder)
+    copies = []
+    for source in sources:
+        target = os.path.join(folder, os.path.basename(source))
+        shutil.copyfile(source, target)
+        copies.append(target)
+    return copies
+
+
+def best_of(runs, work, name, sources, make_command):
+    best = None
+    for run in range(runs):
+        base = os.path.join(work, f"{name}-{run}")
+        inputs = fresh_copies(sources, os.path.join(base, "in"))
+        out = os.path.join(base, "out")
+        os.makedirs(out)
+        wall, rss = measure(make_command(inputs, out))
+        produced = len(os.listdir(out))
+        if produced != len(sources):
+            raise SystemExit(f"{name}: {produced} outputs for {len(sources)} inputs")
+        if best is None or wall < best[0]:
+            best = (wall, rss)
+        shutil.rmtree(base)
+    return best
+
+
+def report(title, results, engine, thumb_peer, magick_peer, targets=True):
+    print(title)
+    for name, (wall, rss) in results.items():
+        print(f"  {name:<22} {wall:8.2f} s   peak {rss:8.1f} MiB")
+    ew, er = results[engine]
+    tw, _ = results[thumb_peer]
+    mw, mr = results[magick_peer]
+    checks = [
+        (f"wall <= 1.15 x {thumb_peer}", ew <= 1.15 * tw, f"{ew / tw:.2f}x"),
+        ("at least 4x faster than mogrify", mw >= 4 * ew, f"{mw / ew:.1f}x faster"),
+        ("peak memory <= mogrify's", er <= mr, f"{er:.0f} vs {mr:.0f} MiB"),
+    ]
+    ok = True
+    for label, passed, figure in checks:
+        verdict = ("PASS" if passed else "MISS") if targets else "info"
+        print(f"  {verdict}  {label}: {figure}")
+        ok = ok and (passed or not targets)
+    return ok
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", default=os.path.join(ROOT, "build"))
+    parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--keep", action="store_true", help="keep the corpus and outputs")
+    args = parser.parse_args()
+
+    engine_bin = os.path.join(args.build, "bin", "images_bench")
+    if not os.access(engine_bin, os.X_OK):
+        raise SystemExit(f"{engine_bin} missing: cmake --build {args.build} --target images_bench")
+    ensure_peers()
+
+    work = tempfile.mkdtemp(prefix="skelvo-images-bench-")
+    try:
+        corpus = os.path.join(work, "corpus")
+        print("making the corpus ...", file=sys.stderr)
+        subprocess.run([engine_bin, "corpus", corpus], check=True)
+        jpegs = sorted(os.path.join(corpus, "jpg", f) for f in os.listdir(os.path.join(corpus, "jpg")))
+        pngs = sorted(os.path.join(corpus, "png", f) for f in os.listdir(os.path.join(corpus, "png")))
+
+        def engine_resize(inputs, out):
+            return [engine_bin, "run", "--output", out, "--width", "1000", "--height", "1000",
+                    "--quality", "85", "--format", "jpg"] + inputs
+
+        def engine_convert(inputs, out):
+            return [engine_bin, "run", "--output", out, "--convert", "--quality", "75",
+                    "--format", "webp"] + inputs
+
+        resize = {
+            "skelvo engine": best_of(args.runs, work, "engine", jpegs, engine_resize),
+            "vipsthumbnail": best_of(args.runs, work, "vipsthumbnail", jpegs, lambda i, o: [
+                "vipsthumbnail", "--size", "1000x1000", "-o", os.path.join(o, "%s.jpg[Q=85]")] + i),
+            "mogrify": best_of(args.runs, work, "mogrify", jpegs, lambda i, o: [
+                "mogrify", "-path", o, "-resize", "1000x1000", "-quality", "85"] + i),
+        }
+        webp_loop = 'for f in "$@"; do b=${f##*/}; vips webpsave "$f" "$0/${b%.*}.webp" --Q 75 || exit 1; done'
+        convert = {
+            "skelvo engine": best_of(args.runs, work, "engine-webp", pngs, engine_convert),
+            "vips webpsave": best_of(args.runs, work, "webpsave", pngs, lambda i, o: [
+                "sh", "-c", webp_loop, o] + i),
+            "mogrify": best_of(args.runs, work, "mogrify-webp", pngs, lambda i, o: [
+                "mogrify", "-path", o, "-format", "webp", "-quality", "75"] + i),
+        }
+        print(f"cores: {os.cpu_count()}, best of {args.runs} runs")
+        ok = report("40 JPEG 4000x3000 -> fit 1000x1000, JPEG Q85", resize, "skelvo engine",
+                    "vipsthumbnail", "mogrify")
+        # The targets are set for resizing; conversion is reported beside its peers.
+        ok = report("10 PNG 2000x1500 -> WEBP Q75", convert, "skelvo engine", "vips webpsave",
+                    "mogrify", targets=False) and ok
+        return 0 if ok else 1
+    finally:
+        if args.keep:
+            print(f"kept {work}", file=sys.stderr)
+        else:
+            shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

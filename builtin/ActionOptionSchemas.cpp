@@ -1,0 +1,515 @@
+#include "builtin/ActionOptionSchemas.h"
+
+#include "actions/OptionSheets.h"
+#include "builtin/OpenUrlAction.h"
+#include "builtin/RunScriptAction.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+namespace {
+
+using Kind = ActionOptionSpec::Kind;
+
+ActionOptionSpec option(const char* key, Kind kind, const char* help, const char* defaultValue = "")
+{
+    ActionOptionSpec spec;
+    spec.key = QString::fromUtf8(key);
+    spec.kind = kind;
+    spec.help = QString::fromUtf8(help);
+    spec.defaultValue = QString::fromUtf8(defaultValue);
+    return spec;
+}
+
+ActionOptionSpec required(ActionOptionSpec spec)
+{
+    spec.required = true;
+    return spec;
+}
+
+ActionOptionSpec integer(const char* key, const char* help, qlonglong minimum, qlonglong maximum,
+                         const char* defaultValue = "")
+{
+    ActionOptionSpec spec = option(key, Kind::Integer, help, defaultValue);
+    spec.minimum = minimum;
+    spec.maximum = maximum;
+    return spec;
+}
+
+ActionOptionSpec choice(const char* key, const char* help, QStringList choices,
+                        const char* defaultValue = "")
+{
+    ActionOptionSpec spec = option(key, Kind::Choice, help, defaultValue);
+    spec.choices = std::move(choices);
+    return spec;
+}
+
+ActionOptionSpec secret(const char* key, const char* help, bool secondary = false)
+{
+    ActionOptionSpec spec = option(key, Kind::Secret, help);
+    spec.keychainSecret = !secondary;
+    spec.keychainSecondarySecret = secondary;
+    return spec;
+}
+
+ActionOptionSpec patterned(ActionOptionSpec spec, const char* pattern)
+{
+    spec.pattern = QString::fromUtf8(pattern);
+    return spec;
+}
+
+// Where outputs go: 0 next to the originals, 1 asked at run time, 2 the folder in `path`,
+// 3 a fresh folder whose outputs join the Drop Bar.
+const QStringList OutputFolderChoices{QStringLiteral("0"), QStringLiteral("1"), QStringLiteral("2"),
+                                      QStringLiteral("3")};
+const QStringList ImageFormats{
+    QStringLiteral("png"),  QStringLiteral("jpg"),  QStringLiteral("jpeg"),
+    QStringLiteral("webp"), QStringLiteral("tiff"), QStringLiteral("tif"),
+    QStringLiteral("gif"),  QStringLiteral("heic"), QStringLiteral("heif")};
+
+const QMap<QString, QList<ActionOptionSpec>>& schemas()
+{
+    static const QMap<QString, QList<ActionOptionSpec>> all = [] {
+        QMap<QString, QList<ActionOptionSpec>> map;
+        map.insert(QStringLiteral("ChooseFolder"),
+                   {required(option("path", Kind::Path, "Destination folder"))});
+        map.insert(QStringLiteral("ChooseFolderRename"),
+                   {required(option("path", Kind::Path, "Destination folder"))});
+        map.insert(QStringLiteral("ChooseApplication"),
+                   {required(option("path", Kind::Path,
+                                    "The application to open: a .desktop file or an executable"))});
+        map.insert(QStringLiteral("ChooseFile"),
+                   {required(option("path", Kind::Path, "The file to open"))});
+        map.insert(QStringLiteral("ChooseScript"),
+                   {required(option("path", Kind::Path,
+                                    "The script to run; its first line must be a shebang"))});
+        map.insert(QStringLiteral("AmazonS3Login"),
+                   {required(option("username", Kind::Text, "Access key ID")),
+                    secret("password", "Secret access key"),
+                    required(option("bucket", Kind::Text, "Bucket name")),
+                    option("region", Kind::Text, "Bucket region, such as us-east-1"),
+                    option("server", Kind::Text, "S3-compatible endpoint host (optional)"),
+                    option("remote_path", Kind::Text, "Folder inside the bucket"),
+                    option("url", Kind::Url, "Public URL prefix for shared links")});
+        map.insert(
+            QStringLiteral("ResizeImages"),
+            {integer("output_width",
+                     "Maximum output width in pixels (at least one of width/height required)", 1,
+                     100000),
+             integer("output_height",
+                     "Maximum output height in pixels (at least one of width/height required)", 1,
+                     100000),
+             integer("output_quality", "Output quality 0-100 (applies to JPG and WEBP)", 0, 100),
+             choice("output_format", "Output image format", ImageFormats),
+             choice("output_folder_option", "Where resized images are written", OutputFolderChoices,
+                    "0"),
+             option("path", Kind::Path, "Output folder (required when output_folder_option is 2)"),
+             option("keep_originals", Kind::Boolean, "Keep the original images"),
+             option("convert_only", Kind::Boolean, "Convert format only without resizing", "0")});
+        map.insert(
+            QStringLiteral("ExtendedLogin"),
+            {required(option("server", Kind::Text, "Server host name or address")),
+             integer("port", "Server port", 1, 65535, "22"),
+             required(option("username", Kind::Text, "User name on the server")),
+             secret("password", "Password (for password authentication)"),
+             option("path", Kind::Path, "Private key file (for SSH key authentication)"),
+             option("path_secondary", Kind::Path, "Public key file (for SSH key authentication)"),
+             secret("passphrase", "Passphrase of the private key", true),
+             option("remote_path", Kind::Text, "Folder on the server to upload into"),
+             option("url", Kind::Url, "URL prefix under which uploaded files can be reached")});
+        map.insert(QStringLiteral("OpenURL"),
+                   {required(option("url", Kind::Url,
+                                    "The URL to open; text without a scheme opens as https://"))});
+        map.insert(
+            QStringLiteral("ConvertImages"),
+            {required(choice("output_format", "Output image format", ImageFormats)),
+             integer("output_quality", "Output quality 0-100 (applies to JPG and WEBP)", 0, 100),
+             choice("output_folder_option", "Where converted images are written",
+                    OutputFolderChoices, "0"),
+             option("path", Kind::Path, "Output folder (required when output_folder_option is 2)"),
+             option("keep_originals", Kind::Boolean, "Keep the original images")});
+        map.insert(QStringLiteral("FileModification"),
+                   {choice("metadata_scope", "What metadata to remove",
+                           {QStringLiteral("all"), QStringLiteral("location")}),
+                    option("preserve_color_profile", Kind::Boolean,
+                           "Keep the ICC colour profile when removing all metadata"),
+                    option("keep_originals", Kind::Boolean, "Keep the original files"),
+                    choice("output_folder_option", "Where modified files are written",
+                           OutputFolderChoices, "0"),
+                    option("path", Kind::Path,
+                           "Output folder (required when output_folder_option is 2)")});
+        map.insert(QStringLiteral("Tinify"),
+                   {secret("api_key", "Tinify API key (from tinypng.com/developers)"),
+                    choice("output_folder_option", "Where compressed images are written",
+                           OutputFolderChoices),
+                    option("path", Kind::Path,
+                           "Output folder (required when output_folder_option is 2)")});
+        map.insert(QStringLiteral("TinyURL"),
+                   {secret("api_key", "TinyURL API token (from tinyurl.com/app/dev)"),
+                    patterned(option("domain", Kind::Text, "Short link domain (optional)"),
+                              "[A-Za-z0-9.-]+")});
+        map.insert(
+            QStringLiteral("RunShortcut"),
+            {required(option("shortcut_name", Kind::Text, "The name of the shortcut to run"))});
+        map.insert(QStringLiteral("RunAppleScript"),
+                   {required(option("script", Kind::Text, "The AppleScript source to run")),
+                    choice("handles_option", "Whether the script handles clicks or drags",
+                           {QStringLiteral("0"), QStringLiteral("1")})});
+        map.insert(QStringLiteral("CreateNote"),
+                   {option("folder", Kind::Text, "Notes folder the new note goes into"),
+                    option("account", Kind::Text, "Notes account (optional)")});
+        map.insert(QStringLiteral("FinderPath"),
+                   {choice("path_format", "How copied paths are written",
+                           {QStringLiteral("posix"), QStringLiteral("escaped"),
+                            QStringLiteral("quoted"), QStringLiteral("url")}),
+                    option("separator", Kind::Text, "Text between several paths")});
+        map.insert(
+            QStringLiteral("ImgBB"),
+            {secret("api_key", "ImgBB API key (from api.imgbb.com)"),
+             option("username", Kind::Text, "ImgBB username (optional)"),
+             choice("auto_delete_option", "Whether uploaded images are automatically deleted",
+                    {QStringLiteral("0"), QStringLiteral("1"), QStringLiteral("2")}),
+             integer("auto_delete_interval",
+                     "Auto-delete interval in seconds (used when auto_delete_option is 2, "
+                     "default 300)",
+                     60, 15552000)});
+        map.insert(
+            QStringLiteral("InstagramDownloader"),
+            {required(option("path", Kind::Path, "Destination folder for downloaded posts"))});
+        map.insert(QStringLiteral("ShortIO"),
+                   {secret("api_key", "Short.io secret API key (from app.short.io)"),
+                    required(patterned(option("domain", Kind::Text, "Short.io domain"),
+                                       "[A-Za-z0-9.-]+"))});
+        map.insert(
+            QStringLiteral("VideoDownloader"),
+            {required(option("path", Kind::Path, "Destination folder for downloaded videos")),
+             choice(
+                 "video_format",
+                 "Automatic checks Mac playback; H.264 prefers compatible streams; Original "
+                 "keeps the downloaded format",
+                 {QStringLiteral("automatic"), QStringLiteral("h264"), QStringLiteral("original")}),
+             choice("max_resolution", "Maximum video resolution",
+                    {QStringLiteral("480"), QStringLiteral("720"), QStringLiteral("1080"),
+                     QStringLiteral("1440"), QStringLiteral("2160"), QStringLiteral("best")},
+                    "1080"),
+             option("convert_h264", Kind::Boolean,
+                    "Legacy option: true selects H.264, false selects Original; video_format "
+                    "takes precedence")});
+        map.insert(QStringLiteral("APIKey"), {secret("api_key", "API key of the service")});
+        map.insert(QStringLiteral("UsernameAPIKey"),
+                   {required(option("username", Kind::Text, "User name at the service")),
+                    secret("api_key", "API key of the service")});
+        return map;
+    }();
+    return all;
+}
+
+QString absolutePath(const QString& path, const QString& cwd)
+{
+    QString expanded = path;
+    if (expanded == u"~" || expanded.startsWith(QStringLiteral("~/"))) {
+        expanded = QDir::homePath() + expanded.mid(1);
+    }
+    if (QDir::isAbsolutePath(expanded) || cwd.isEmpty()) {
+        return QDir::cleanPath(expanded);
+    }
+    return QDir::cleanPath(QDir(cwd).filePath(expanded));
+}
+
+std::optional<QString> booleanValue(const QString& value)
+{
+    const QString lower = value.trimmed().toLower();
+    if (lower == u"1" || lower == u"true" || lower == u"yes") {
+        return QStringLiteral("1");
+    }
+    if (lower == u"0" || lower == u"false" || lower == u"no") {
+        return QStringLiteral("0");
+    }
+    return std::nullopt;
+}
+
+// The value as it is stored, or the reason it does not fit the option.
+std::variant<QString, ActionOptionValidationError>
+checkValue(const ActionOptionSpec& spec, const QString& value, const QString& cwd)
+{
+    auto error = [](const QString& message) { return ActionOptionValidationError{message}; };
+    QString stored = value;
+    switch (spec.kind) {
+    case Kind::Integer: {
+        bool ok = false;
+        const qlonglong number = value.trimmed().toLongLong(&ok);
+        if (!ok) {
+            return error(QStringLiteral("Option '%1' must be a whole number, not '%2'.")
+                             .arg(spec.key, value));
+        }
+        if ((spec.minimum && number < *spec.minimum) || (spec.maximum && number > *spec.maximum)) {
+            return error(QStringLiteral("Option '%1' must be between %2 and %3.")
+                             .arg(spec.key)
+                             .arg(spec.minimum.value_or(0))
+                             .arg(spec.maximum.value_or(0)));
+        }
+        stored = QString::number(number);
+        break;
+    }
+    case Kind::Boolean: {
+        const std::optional<QString> flag = booleanValue(value);
+        if (!flag) {
+            return error(QStringLiteral("Option '%1' must be true or false, not '%2'.")
+                             .arg(spec.key, value));
+        }
+        stored = *flag;
+        break;
+    }
+    case Kind::Choice:
+        if (!spec.choices.contains(value.trimmed().toLower())) {
+            return error(QStringLiteral("Option '%1' must be one of: %2 (not '%3').")
+                             .arg(spec.key, spec.choices.join(QStringLiteral(", ")), value));
+        }
+        stored = value.trimmed().toLower();
+        break;
+    case Kind::Path:
+        if (value.trimmed().isEmpty()) {
+            return error(QStringLiteral("Option '%1' needs a path.").arg(spec.key));
+        }
+        stored = absolutePath(value.trimmed(), cwd);
+        break;
+    case Kind::Url:
+        if (!OpenUrlAction::resolve(value)) {
+            return error(
+                QStringLiteral("Option '%1' must be a URL, not '%2'.").arg(spec.key, value));
+        }
+        stored = value.trimmed();
+        break;
+    case Kind::Text:
+    case Kind::Secret:
+        break;
+    }
+    if (!spec.pattern.isEmpty()) {
+        const QRegularExpression pattern(QRegularExpression::anchoredPattern(spec.pattern));
+        if (!pattern.match(stored).hasMatch()) {
+            return error(QStringLiteral("Option '%1' does not match the pattern %2.")
+                             .arg(spec.key, spec.pattern));
+        }
+    }
+    return stored;
+}
+
+std::optional<ActionOptionValidationError> schemaRules(const QString& name,
+                                                       const QList<ActionOptionSpec>& specs,
+                                                       const QMap<QString, QString>& given,
+                                                       const QMap<QString, QString>& values)
+{
+    auto error = [](const QString& message) {
+        return std::optional<ActionOptionValidationError>(ActionOptionValidationError{message});
+    };
+    if (name == u"ResizeImages" && !given.contains(QStringLiteral("output_width")) &&
+        !given.contains(QStringLiteral("output_height"))) {
+        return error(
+            QStringLiteral("At least one of 'output_width' or 'output_height' is required."));
+    }
+    const bool hasFolderChoice =
+        std::any_of(specs.cbegin(), specs.cend(), [](const ActionOptionSpec& spec) {
+            return spec.key == u"output_folder_option";
+        });
+    if (hasFolderChoice && values.value(QStringLiteral("output_folder_option")) == u"2") {
+        const QString path = values.value(QStringLiteral("path"));
+        if (path.isEmpty()) {
+            return error(
+                QStringLiteral("Option 'path' is required when 'output_folder_option' is 2."));
+        }
+        if (!QFileInfo(path).isDir()) {
+            return error(
+                QStringLiteral("Option 'path' must name an existing folder: %1").arg(path));
+        }
+    }
+    if (name == u"ChooseFolder" || name == u"ChooseFolderRename") {
+        const QString path = values.value(QStringLiteral("path"));
+        if (!path.isEmpty() && !QFileInfo(path).isDir()) {
+            return error(
+                QStringLiteral("Option 'path' must name an existing folder: %1").arg(path));
+        }
+    }
+    if (name == u"ExtendedLogin") {
+        const bool hasKey = given.contains(QStringLiteral("path"));
+        const bool hasPublicKey = given.contains(QStringLiteral("path_secondary"));
+        if (hasKey != hasPublicKey) {
+            return error(QStringLiteral("SSH key authentication needs both 'path' (private key) "
+                                        "and 'path_secondary' (public key)."));
+        }
+        if (given.contains(QStringLiteral("passphrase")) && !(hasKey && hasPublicKey)) {
+            return error(QStringLiteral("'passphrase' only applies to SSH key authentication; "
+                                        "also provide 'path' and 'path_secondary'."));
+        }
+    }
+    if (name == u"ChooseScript") {
+        const QString path = values.value(QStringLiteral("path"));
+        const QFileInfo script(path);
+        if (!script.exists()) {
+            return error(QStringLiteral("The script '") + path +
+                         QStringLiteral("' does not exist."));
+        }
+        if (!script.isFile()) {
+            return error(QStringLiteral("The selected script must be a file."));
+        }
+        if (!script.isReadable()) {
+            return error(QStringLiteral("The selected script is not readable."));
+        }
+        if (RunScriptAction::shebangCommand(path).isEmpty()) {
+            return error(QStringLiteral("The selected script needs a shebang on its first line, "
+                                        "such as #!/bin/zsh or #!/usr/bin/env python3."));
+        }
+    }
+    if (name == u"OpenURL") {
+        const std::optional<QUrl> url = OpenUrlAction::resolve(values.value(QStringLiteral("url")));
+        if (url && url->isLocalFile() && !QFileInfo::exists(url->toLocalFile())) {
+            return error(QStringLiteral("'") + url->toLocalFile() +
+                         QStringLiteral("' for option 'url' does not exist."));
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+namespace ActionOptionSchemas {
+
+QStringList names()
+{
+    return {QStringLiteral("ChooseFolder"),
+            QStringLiteral("ChooseApplication"),
+            QStringLiteral("ChooseFile"),
+            QStringLiteral("ChooseScript"),
+            QStringLiteral("AmazonS3Login"),
+            QStringLiteral("ResizeImages"),
+            QStringLiteral("ExtendedLogin"),
+            QStringLiteral("OpenURL"),
+            QStringLiteral("ConvertImages"),
+            QStringLiteral("FileModification"),
+            QStringLiteral("Tinify"),
+            QStringLiteral("TinyURL"),
+            QStringLiteral("RunShortcut"),
+            QStringLiteral("RunAppleScript"),
+            QStringLiteral("CreateNote"),
+            QStringLiteral("FinderPath"),
+            QStringLiteral("ImgBB"),
+            QStringLiteral("ChooseFolderRename"),
+            QStringLiteral("InstagramDownloader"),
+            QStringLiteral("ShortIO"),
+            QStringLiteral("VideoDownloader"),
+            QStringLiteral("APIKey"),
+            QStringLiteral("UsernameAPIKey")};
+}
+
+std::optional<QList<ActionOptionSpec>> schema(const QString& optionsNib)
+{
+    const auto it = schemas().constFind(optionsNib);
+    if (it == schemas().constEnd()) {
+        return std::nullopt;
+    }
+    return *it;
+}
+
+std::variant<ValidatedActionOptions, ActionOptionValidationError>
+validate(const QString& optionsNib, const QMap<QString, QString>& options, const QString& cwd,
+         const QString& actionType)
+{
+    const std::optional<QList<ActionOptionSpec>> specs = schema(optionsNib);
+    if (!specs) {
+        return ActionOptionValidationError{
+            QStringLiteral("'") + optionsNib +
+            QStringLiteral("' is not supported by the command line.")};
+    }
+    QStringList keys;
+    for (const ActionOptionSpec& spec : *specs) {
+        keys << spec.key;
+    }
+    for (auto it = options.cbegin(); it != options.cend(); ++it) {
+        if (!keys.contains(it.key())) {
+            const QString forType = actionType.isEmpty()
+                                        ? QString()
+                                        : QStringLiteral("' for action type '") + actionType;
+            return ActionOptionValidationError{QStringLiteral("Unknown option '") + it.key() +
+                                               forType + QStringLiteral("'. Valid options are: ") +
+                                               keys.join(QStringLiteral(", "))};
+        }
+    }
+    ValidatedActionOptions result;
+    for (const ActionOptionSpec& spec : *specs) {
+        if (!options.contains(spec.key)) {
+            if (spec.required) {
+                return ActionOptionValidationError{
+                    QStringLiteral("Option '%1' is required.").arg(spec.key)};
+            }
+            if (!spec.defaultValue.isEmpty()) {
+                result.variables.insert(spec.key, spec.defaultValue);
+            }
+            continue;
+        }
+        const auto checked = checkValue(spec, options.value(spec.key), cwd);
+        if (const auto* failure = std::get_if<ActionOptionValidationError>(&checked)) {
+            return *failure;
+        }
+        const QString& value = std::get<QString>(checked);
+        if (spec.keychainSecret) {
+            result.secret = value;
+        } else if (spec.keychainSecondarySecret) {
+            result.secondarySecret = value;
+        } else {
+            result.variables.insert(spec.key, value);
+        }
+    }
+    if (auto failure = schemaRules(optionsNib, *specs, options, result.variables)) {
+        return *failure;
+    }
+    return result;
+}
+
+QString helpText(const QString& optionsNib)
+{
+    const std::optional<QList<ActionOptionSpec>> specs = schema(optionsNib);
+    if (!specs) {
+        return {};
+    }
+    QString text;
+    for (const ActionOptionSpec& spec : *specs) {
+        QString line = QStringLiteral("  %1: %2").arg(spec.key, spec.help);
+        if (!spec.choices.isEmpty()) {
+            line += QStringLiteral(" [%1]").arg(spec.choices.join(u'|'));
+        }
+        if (spec.required) {
+            line += QStringLiteral(" (required)");
+        }
+        if (!spec.defaultValue.isEmpty()) {
+            line += QStringLiteral(" (default: %1)").arg(spec.defaultValue);
+        }
+        if (spec.keychainSecret || spec.keychainSecondarySecret) {
+            line += QStringLiteral(" (kept in the keychain)");
+        }
+        text += line + u'\n';
+    }
+    return text;
+}
+
+void registerOptionSheets()
+{
+    for (const QString& name : names()) {
+        const QList<ActionOptionSpec> specs = *schema(name);
+        OptionSheetInfo sheet;
+        if (const auto existing = OptionSheets::find(name)) {
+            sheet = *existing;
+        }
+        sheet.name = name;
+        sheet.commandLineOptions.clear();
+        for (const ActionOptionSpec& spec : specs) {
+            sheet.commandLineOptions << spec.key;
+            if (spec.keychainSecret) {
+                sheet.needsKeychainStorage = true;
+                sheet.keychainPasswordKey = spec.key;
+            }
+        }
+        OptionSheets::registerSheet(sheet);
+    }
+}
+
+} // namespace ActionOptionSchemas

@@ -1,0 +1,123 @@
+#include "builtin/BuiltInAction.h"
+
+#include "builtin/BuiltInActionTaskBridge.h"
+#include "core/DesktopServices.h"
+#include "core/Log.h"
+#include "core/NotificationCenter.h"
+#include "core/Settings.h"
+#include "tasks/RecentItems.h"
+
+#include <QTimer>
+
+namespace {
+
+constexpr int SoundDelayMs = 100;
+
+QString truncated(const QString& text, qsizetype length)
+{
+    return text.size() > length ? text.left(length) + QStringLiteral("…") : text;
+}
+
+} // namespace
+
+BuiltInAction::BuiltInAction() = default;
+BuiltInAction::~BuiltInAction() = default;
+
+void BuiltInAction::setUp(const ActionInfo& actionInfo, const GridActionPtr& gridAction,
+                          const QString& keyModifier)
+{
+    m_actionInfo = actionInfo;
+    m_gridAction = gridAction;
+    m_keyModifier = keyModifier;
+    delete m_bridge;
+    m_bridge = new BuiltInActionTaskBridge(actionInfo, this, this);
+}
+
+void BuiltInAction::runWithClick()
+{
+    finish();
+}
+
+void BuiltInAction::runWithDraggedUrls(const QList<QUrl>&)
+{
+    finish();
+}
+
+void BuiltInAction::runWithDraggedText(const QString&)
+{
+    finish();
+}
+
+void BuiltInAction::runTestConnection(const ActionFile&, const QVariantMap&)
+{
+    finish();
+}
+
+void BuiltInAction::cancel() {}
+
+void BuiltInAction::finish()
+{
+    if (m_finished) {
+        return;
+    }
+    m_finished = true;
+    if (completion) {
+        const std::function<void()> done = std::exchange(completion, nullptr);
+        done();
+    }
+    if (removeFromRunner) {
+        const auto remove = std::exchange(removeFromRunner, nullptr);
+        remove(this);
+    }
+    NotificationCenter::distributed().post(CmdLineNotifications::Finish);
+}
+
+QString BuiltInAction::actionName() const
+{
+    return m_gridAction && !m_gridAction->name.isEmpty() ? m_gridAction->name : m_actionInfo.name;
+}
+
+QString BuiltInAction::variable(const QString& key) const
+{
+    return m_gridAction ? m_gridAction->extraVariables.value(key).toString() : QString();
+}
+
+void BuiltInAction::returnResult(const QString& result, bool isText)
+{
+    if (isText) {
+        DesktopServices::shared().pasteString(result);
+    } else {
+        DesktopServices::shared().pasteUrl(result);
+    }
+    NotificationCenter::distributed().post(CmdLineNotifications::Response, nullptr,
+                                           {{QStringLiteral("response"), result}});
+    RecentItems::shared().addItem(
+        {result, QStringLiteral("%1 - %2").arg(truncated(actionName(), 50), result), isText ? 2 : 1,
+         m_actionInfo.iconPath});
+}
+
+void BuiltInAction::failWithMessage(const QString& message, const QString& title)
+{
+    Log::warning(QStringLiteral("%1: %2").arg(title.isEmpty() ? actionName() : title, message));
+    m_bridge->completeTaskWithSuccess(false);
+    m_bridge->sendFinishNotification(message, false, title);
+    finish();
+}
+
+void BuiltInAction::succeedWithMessage(const QString& message)
+{
+    m_bridge->completeTaskWithSuccess(true);
+    if (!message.isEmpty()) {
+        m_bridge->sendFinishNotification(message, true);
+    }
+    finish();
+}
+
+void BuiltInAction::playFinishedSoundIfWanted()
+{
+    if (Settings::shared().boolValue(Settings::PlaySounds)) {
+        QTimer::singleShot(SoundDelayMs, [] {
+            DesktopServices::shared().playSound(QStringLiteral("TaskFinished"));
+        });
+    }
+}
