@@ -19,6 +19,7 @@
 
 #include <csignal>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -152,6 +153,8 @@ void TaskRunner::run()
     m_process->setChildProcessModifier(prepareChild);
 
     connect(m_process, &QProcess::readyReadStandardOutput, this, &TaskRunner::taskDataAvailable);
+    m_partialLineTimer.setSingleShot(true);
+    connect(&m_partialLineTimer, &QTimer::timeout, this, &TaskRunner::processPendingOutput);
     connect(m_process, &QProcess::finished, this, &TaskRunner::taskCompleted);
     connect(m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
         if (error != QProcess::FailedToStart) {
@@ -168,7 +171,21 @@ void TaskRunner::run()
 
 void TaskRunner::taskDataAvailable()
 {
-    const QByteArray data = m_process->readAllStandardOutput();
+    m_pending += m_process->readAllStandardOutput();
+    // A long line can arrive in several reads; wait a moment for its end so that it is
+    // processed (and acknowledged) once. A script that prints without a line break and
+    // waits is answered when the moment has passed.
+    if (!m_pending.endsWith('\n') && isRunning()) {
+        m_partialLineTimer.start(PartialLineWaitMs);
+        return;
+    }
+    processPendingOutput();
+}
+
+void TaskRunner::processPendingOutput()
+{
+    m_partialLineTimer.stop();
+    const QByteArray data = std::exchange(m_pending, {});
     // A lone byte, such as a bare newline, is neither processed nor acknowledged.
     if (data.size() < 2) {
         return;
@@ -217,6 +234,8 @@ void TaskRunner::killGroup(int signal)
 
 void TaskRunner::taskCompleted(int exitCode, QProcess::ExitStatus status)
 {
+    m_pending += m_process->readAllStandardOutput();
+    processPendingOutput();
     // Whatever the script left running in its group goes with it.
     killGroup(SIGKILL);
     const bool failed = status == QProcess::CrashExit || exitCode != 0;

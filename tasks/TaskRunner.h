@@ -4,6 +4,7 @@
 #include <QPointer>
 #include <QProcess>
 #include <QStringDecoder>
+#include <QTimer>
 
 #include <memory>
 
@@ -19,6 +20,8 @@ public:
     // How long a cancelled process group has to end before it is killed.
     static constexpr int CancelGracePeriodMs = 2000;
     static constexpr int CompletionDelayMs = 200;
+    // How long a line without its end may wait for the rest.
+    static constexpr int PartialLineWaitMs = 50;
 
     explicit TaskRunner(Task* task, QObject* parent = nullptr);
     ~TaskRunner() override;
@@ -47,6 +50,7 @@ public:
 
 private:
     void taskDataAvailable();
+    void processPendingOutput();
     void taskCompleted(int exitCode, QProcess::ExitStatus status);
     void completeTask();
     void killGroup(int signal);
@@ -56,6 +60,8 @@ private:
     TaskOutputHandler* m_outputHandler = nullptr;
     QString m_libPath;
     QStringDecoder m_decoder{QStringDecoder::Utf8};
+    QByteArray m_pending;
+    QTimer m_partialLineTimer;
     bool m_taskCancelled = false;
     bool m_completed = false;
     qint64 m_groupId = 0;
