@@ -14,6 +14,7 @@
 #include "tasks/CmdLineTaskHandler.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/Task.h"
+#include "tasks/TasksController.h"
 
 #include <QDir>
 #include <QJsonObject>
@@ -131,4 +132,5 @@ void AppDelegate::applicationDidFinishLaunching()
 void AppDelegate::applicationWillTerminate()
 {
     Log::info(QStringLiteral("Skelvo is shutting down"));
+    TasksController::shared().terminateAll();
 }

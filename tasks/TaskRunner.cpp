@@ -69,6 +69,12 @@ TaskRunner::TaskRunner(Task* task, QObject* parent)
 
 TaskRunner::~TaskRunner()
 {
+    terminateNow();
+}
+
+void TaskRunner::terminateNow()
+{
+    m_taskCancelled = true;
     if (isRunning()) {
         // Nothing may outlive the application's interest in it.
         killGroup(SIGKILL);

@@ -34,6 +34,8 @@ public:
     void run();
     // Terminates the child's process group (and kills it after a grace period).
     void cancelTask();
+    // Kills the process group without a grace period and reaps the child.
+    void terminateNow();
     bool isCancelled() const { return m_taskCancelled; }
     bool isRunning() const;
     qint64 processId() const;

@@ -2,6 +2,7 @@
 
 #include "core/NotificationCenter.h"
 #include "tasks/Task.h"
+#include "tasks/TaskRunner.h"
 
 TasksController& TasksController::shared()
 {
@@ -30,5 +31,16 @@ void TasksController::removeTask(Task* task)
     task->deleteLater();
     if (m_tasks.isEmpty()) {
         NotificationCenter::shared().post(Notifications::AllTasksCompleted, this);
+    }
+}
+
+void TasksController::terminateAll()
+{
+    const QList<Task*> running = m_tasks;
+    for (Task* task : running) {
+        if (TaskRunner* runner = task->taskRunner()) {
+            runner->terminateNow();
+        }
+        removeTask(task);
     }
 }

@@ -17,6 +17,8 @@ public:
     // Cleans the task up, forgets it and, when none is left, posts "SKAllTasksCompleted".
     void removeTask(Task* task);
     bool hasTasks() const { return !m_tasks.isEmpty(); }
+    // Ends every running task's processes at once (the application is quitting).
+    void terminateAll();
     const QList<Task*>& tasks() const { return m_tasks; }
 
 private:

@@ -3,6 +3,8 @@
 #include "builtin/RunAppleScriptAction.h"
 #include "tests/support/TestHome.h"
 
+#include <QFile>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -158,3 +160,16 @@ TEST(BuiltInActionCatalog, FindsEntriesByExactName)
 }
 
 } // namespace
+
+TEST(BuiltInActionCatalog, EveryIconIsAShippedImage)
+{
+    const BuiltInActionCatalog catalog;
+    for (const ActionInfo& info : catalog.availableActions()) {
+        if (info.iconPath.isEmpty()) {
+            continue; // an action whose system application is absent
+        }
+        QFile icon(info.iconPath);
+        ASSERT_TRUE(icon.open(QIODevice::ReadOnly)) << info.iconPath.toStdString();
+        EXPECT_TRUE(icon.read(8).startsWith("\x89PNG")) << info.iconPath.toStdString();
+    }
+}

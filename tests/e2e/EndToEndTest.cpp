@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QThread>
 
+#include <csignal>
 #include <gtest/gtest.h>
 
 namespace {
@@ -144,6 +145,44 @@ TEST_F(EndToEndTest, ASlowScriptActionIsCancelledFromTheCommandLine)
         QThread::msleep(100);
     }
     EXPECT_EQ(after.out, QStringLiteral("No actions are currently running.\n"));
+}
+
+TEST_F(EndToEndTest, QuittingEndsRunningTasks)
+{
+    const QString pidFile = QDir(home.path()).filePath(QStringLiteral("script.pid"));
+    home.writeFile(
+        QStringLiteral("data/Skelvo/Actions/Sleeper.skbundle/action.rb"),
+        QStringLiteral("# Skelvo Action Info\n# Name: Sleeper\n# Description: Sleeps\n"
+                       "# Events: Clicked\n# Creator: Tests\n# URL: https://example.org\n\n"
+                       "def clicked(variables, helper)\n  File.write('%1', Process.pid.to_s)\n"
+                       "  helper.begin_message('Sleeping')\n  sleep 120\nend\n")
+            .arg(pidFile)
+            .toUtf8());
+    ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Sleeper")}).status, 0);
+    QProcess run;
+    run.setProcessEnvironment(m_environment);
+    run.start(QStringLiteral(SK_BINARY), {QStringLiteral("run"), QStringLiteral("Sleeper")});
+    for (int i = 0; i < 100 && QFileInfo(pidFile).size() == 0; ++i) {
+        QThread::msleep(100);
+    }
+    QFile file(pidFile);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const pid_t script = static_cast<pid_t>(file.readAll().toLongLong());
+    ASSERT_GT(script, 0);
+    EXPECT_EQ(::kill(script, 0), 0);
+
+    m_app.terminate();
+    ASSERT_TRUE(m_app.waitForFinished(10000));
+    EXPECT_EQ(m_app.exitCode(), 0);
+    EXPECT_NE(::kill(script, 0), 0) << "the action's process outlived the application";
+    ASSERT_TRUE(run.waitForFinished(10000));
+    EXPECT_NE(run.exitCode(), 0) << "sk reports that the connection ended before the finish";
+    // TearDown expects a running application.
+    m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
+    ASSERT_TRUE(m_app.waitForStarted());
+    for (int i = 0; i < 100 && sk({QStringLiteral("status")}).status != 0; ++i) {
+        QThread::msleep(100);
+    }
 }
 
 TEST_F(EndToEndTest, ApplicationMessagesForBadRequests)

@@ -1,6 +1,7 @@
 // Runs real Ruby children through the real runner and checks what the application did.
 #include "tasks/TaskRunner.h"
 
+#include "actions/ActionFileParser.h"
 #include "core/NotificationCenter.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/Task.h"
@@ -304,4 +305,39 @@ STDIN.gets
     ASSERT_TRUE(waitForFinish());
     EXPECT_EQ(presenters.desktop().clipboard,
               QStringList{QStringLiteral("text:/opt/py/bin/python3|1")});
+}
+
+TEST_F(TaskRunnerTest, RerunLastRunsTheStoredCopyOrSaysWhatIsMissing)
+{
+    const QString user = QDir(home.path()).filePath(QStringLiteral("user-actions"));
+    const QString script =
+        home.writeFile(QStringLiteral("user-actions/again.skelvo"),
+                       "# Skelvo Action Info\n# Name: Again\n# Description: d\n"
+                       "# Events: Clicked\n# Creator: c\n# URL: u\n\n"
+                       "$stdout.sync = true\nprint \"Text: ran\\n\"\nSTDIN.gets\n");
+    ActionFileParser::shared() =
+        ActionFileParser(QDir(home.path()).filePath(QStringLiteral("none")), user);
+    DebugConsoleController::shared().setLastRunTask(nullptr);
+    EXPECT_FALSE(DebugConsoleController::shared().rerunLast()) << "nothing ran yet";
+
+    auto* task = new Task;
+    task->actionFile = ActionFileParser::shared().getActionWithType(QStringLiteral("Again"));
+    ASSERT_TRUE(task->actionFile);
+    task->event = QStringLiteral("clicked");
+    task->run();
+    ASSERT_TRUE(waitForFinish(1));
+    EXPECT_TRUE(DebugConsoleController::shared().taskControlsEnabled());
+
+    ASSERT_TRUE(DebugConsoleController::shared().rerunLast());
+    ASSERT_TRUE(waitForFinish(2));
+    EXPECT_EQ(presenters.desktop().clipboard,
+              (QStringList{QStringLiteral("text:ran"), QStringLiteral("text:ran")}));
+
+    QFile::remove(script);
+    EXPECT_FALSE(DebugConsoleController::shared().rerunLast());
+    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
+    EXPECT_EQ(presenters.alerts().alerts[0].title, QStringLiteral("Missing Action Bundle"));
+    EXPECT_EQ(presenters.alerts().alerts[0].message,
+              QStringLiteral("The last run action bundle could not be found."));
+    ActionFileParser::shared() = ActionFileParser();
 }
