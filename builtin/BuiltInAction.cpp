@@ -69,7 +69,7 @@ void BuiltInAction::finish()
         const auto remove = std::exchange(removeFromRunner, nullptr);
         remove(this);
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish);
+    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
 }
 
 QString BuiltInAction::actionName() const
@@ -89,7 +89,7 @@ void BuiltInAction::returnResult(const QString& result, bool isText)
     } else {
         DesktopServices::shared().pasteUrl(result);
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Response, nullptr,
+    NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
                                            {{QStringLiteral("response"), result}});
     RecentItems::shared().addItem(
         {result, QStringLiteral("%1 - %2").arg(truncated(actionName(), 50), result), isText ? 2 : 1,

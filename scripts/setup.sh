@@ -11,7 +11,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   nlohmann-json3-dev
   ruby python3
-  libvips-dev libglib2.0-dev
+  libvips-dev libvips-tools libglib2.0-dev
   libglib2.0-bin gvfs dbus
 )
 

@@ -3,6 +3,8 @@
 #include "actions/ActionFileParser.h"
 #include "actions/OptionSheets.h"
 #include "builtin/ActionOptionSchemas.h"
+#include "builtin/BuiltInAction.h"
+#include "builtin/BuiltInActionRunner.h"
 #include "core/CmdLineProtocol.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
@@ -287,9 +289,12 @@ void CmdLineTaskHandler::distributedPosted(const QString& name, QObject* object,
                                            const QVariantMap& userInfo)
 {
     CmdLineServer::ConnectionId connection = 0;
-    const Task* task = taskOf(object);
-    if (task && m_runs.contains(task)) {
-        connection = m_runs.value(task);
+    const QObject* source = taskOf(object);
+    if (!source) {
+        source = object; // a built-in action speaks for itself
+    }
+    if (source && m_runs.contains(source)) {
+        connection = m_runs.value(source);
     } else if (m_current) {
         connection = m_current;
     }
@@ -304,8 +309,8 @@ void CmdLineTaskHandler::distributedPosted(const QString& name, QObject* object,
         } else {
             finishRequest(connection);
         }
-        if (task) {
-            m_runs.remove(task);
+        if (source) {
+            m_runs.remove(source);
         }
     }
 }
@@ -481,18 +486,25 @@ void CmdLineTaskHandler::run(const QVariantMap& request)
     // The request stays open until its task finishes; anything the start answers or posts
     // meanwhile goes to it. Whatever way the task ends, the request ends with it.
     m_currentFinishes = false;
+    const QList<BuiltInAction*> before = BuiltInActionRunner::shared()->runningBuiltInActions();
     Task* task = m_runStarter(action, event, files, text, [this, connection] {
         for (auto it = m_runs.begin(); it != m_runs.end();) {
             it = it.value() == connection ? m_runs.erase(it) : std::next(it);
         }
         finishRequest(connection);
     });
-    if (!task) {
-        m_currentFinishes = true;
-        return;
+    if (m_currentFinishes) {
+        return; // it ended while it started
     }
-    if (!m_currentFinishes) {
+    if (task) {
         m_runs.insert(task, connection);
+    }
+    // A built-in action answers through its own object; nothing started at all still
+    // ends the request through the completion, on a later turn of the event loop.
+    for (BuiltInAction* started : BuiltInActionRunner::shared()->runningBuiltInActions()) {
+        if (!before.contains(started)) {
+            m_runs.insert(started, connection);
+        }
     }
 }
 

@@ -79,7 +79,8 @@ private:
     // The request being dispatched: whatever is posted meanwhile belongs to it.
     CmdLineServer::ConnectionId m_current = 0;
     bool m_currentFinishes = true;
-    QHash<const Task*, CmdLineServer::ConnectionId> m_runs;
+    // What a "run" request started (a task or a built-in action) and the request it answers.
+    QHash<const QObject*, CmdLineServer::ConnectionId> m_runs;
     RunStarter m_runStarter;
     std::function<QString(const QStringList&, const QString&)> m_handOver;
     std::function<bool()> m_isGridOpen;

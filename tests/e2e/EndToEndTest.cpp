@@ -185,6 +185,57 @@ TEST_F(EndToEndTest, QuittingEndsRunningTasks)
     }
 }
 
+TEST_F(EndToEndTest, ImageActionsResizeAndConvertRealFilesThroughSk)
+{
+    // Real images of each format, made by the image tool that ships with libvips.
+    const QString in = QDir(home.path()).filePath(QStringLiteral("pictures"));
+    QDir().mkpath(in);
+    const QStringList formats = {QStringLiteral("png"),  QStringLiteral("jpg"),
+                                 QStringLiteral("webp"), QStringLiteral("tif"),
+                                 QStringLiteral("gif"),  QStringLiteral("heic")};
+    QStringList files;
+    for (const QString& format : formats) {
+        const QString file = QDir(in).filePath(QStringLiteral("photo-%1.%1").arg(format));
+        QProcess vips;
+        vips.start(QStringLiteral("vips"),
+                   {QStringLiteral("xyz"), file, QStringLiteral("800"), QStringLiteral("600")});
+        ASSERT_TRUE(vips.waitForFinished(30000));
+        ASSERT_EQ(vips.exitCode(), 0) << vips.readAllStandardError().toStdString();
+        files << file;
+    }
+    const QString out = QDir(home.path()).filePath(QStringLiteral("resized"));
+    QDir().mkpath(out);
+    Outcome added = sk({QStringLiteral("add-action"), QStringLiteral("Resize Images"),
+                        QStringLiteral("--options"), QStringLiteral("output_width=200"),
+                        QStringLiteral("output_folder_option=2"), QStringLiteral("path=resized"),
+                        QStringLiteral("keep_originals=yes")});
+    ASSERT_EQ(added.status, 0) << added.err.toStdString();
+    const Outcome resized =
+        sk(QStringList{QStringLiteral("run"), QStringLiteral("Resize Images")} + files, 120000);
+    EXPECT_EQ(resized.status, 0) << resized.err.toStdString();
+    for (const QString& format : formats) {
+        const QString written = QDir(out).filePath(QStringLiteral("photo-%1.%1").arg(format));
+        QProcess header;
+        header.start(QStringLiteral("vipsheader"),
+                     {QStringLiteral("-f"), QStringLiteral("width"), written});
+        ASSERT_TRUE(header.waitForFinished(30000));
+        EXPECT_EQ(QString::fromUtf8(header.readAllStandardOutput()).trimmed(),
+                  QStringLiteral("200"))
+            << written.toStdString();
+        EXPECT_TRUE(QFileInfo::exists(QDir(in).filePath(QStringLiteral("photo-%1.%1").arg(format))))
+            << "originals kept";
+    }
+
+    added = sk({QStringLiteral("add-action"), QStringLiteral("Convert Images"),
+                QStringLiteral("--options"), QStringLiteral("output_format=webp")});
+    ASSERT_EQ(added.status, 0) << added.err.toStdString();
+    const Outcome converted =
+        sk({QStringLiteral("run"), QStringLiteral("Convert Images"), files.first()}, 60000);
+    EXPECT_EQ(converted.status, 0) << converted.err.toStdString();
+    EXPECT_TRUE(QFileInfo::exists(QDir(in).filePath(QStringLiteral("photo-png.webp"))))
+        << QDir(in).entryList(QDir::Files).join(u' ').toStdString() << converted.out.toStdString();
+}
+
 TEST_F(EndToEndTest, ApplicationMessagesForBadRequests)
 {
     const std::pair<const char*, const char*> rows[] = {
