@@ -14,49 +14,49 @@ using Kind = ActionOptionSpec::Kind;
 
 ActionOptionSpec option(const char* key, Kind kind, const char* help, const char* defaultValue = "")
 {
-    ActionOptionSpec spec;
-    spec.key = QString::fromUtf8(key);
-    spec.kind = kind;
-    spec.help = QString::fromUtf8(help);
-    spec.defaultValue = QString::fromUtf8(defaultValue);
-    return spec;
+    ActionOptionSpec entry;
+    entry.key = QString::fromUtf8(key);
+    entry.kind = kind;
+    entry.help = QString::fromUtf8(help);
+    entry.defaultValue = QString::fromUtf8(defaultValue);
+    return entry;
 }
 
-ActionOptionSpec required(ActionOptionSpec spec)
+ActionOptionSpec required(ActionOptionSpec entry)
 {
-    spec.required = true;
-    return spec;
+    entry.required = true;
+    return entry;
 }
 
 ActionOptionSpec integer(const char* key, const char* help, qlonglong minimum, qlonglong maximum,
                          const char* defaultValue = "")
 {
-    ActionOptionSpec spec = option(key, Kind::Integer, help, defaultValue);
-    spec.minimum = minimum;
-    spec.maximum = maximum;
-    return spec;
+    ActionOptionSpec entry = option(key, Kind::Integer, help, defaultValue);
+    entry.minimum = minimum;
+    entry.maximum = maximum;
+    return entry;
 }
 
 ActionOptionSpec choice(const char* key, const char* help, QStringList choices,
                         const char* defaultValue = "")
 {
-    ActionOptionSpec spec = option(key, Kind::Choice, help, defaultValue);
-    spec.choices = std::move(choices);
-    return spec;
+    ActionOptionSpec entry = option(key, Kind::Choice, help, defaultValue);
+    entry.choices = std::move(choices);
+    return entry;
 }
 
 ActionOptionSpec secret(const char* key, const char* help, bool secondary = false)
 {
-    ActionOptionSpec spec = option(key, Kind::Secret, help);
-    spec.keychainSecret = !secondary;
-    spec.keychainSecondarySecret = secondary;
-    return spec;
+    ActionOptionSpec entry = option(key, Kind::Secret, help);
+    entry.keychainSecret = !secondary;
+    entry.keychainSecondarySecret = secondary;
+    return entry;
 }
 
-ActionOptionSpec patterned(ActionOptionSpec spec, const char* pattern)
+ActionOptionSpec patterned(ActionOptionSpec entry, const char* pattern)
 {
-    spec.pattern = QString::fromUtf8(pattern);
-    return spec;
+    entry.pattern = QString::fromUtf8(pattern);
+    return entry;
 }
 
 // Where outputs go: 0 next to the originals, 1 asked at run time, 2 the folder in `path`,
@@ -231,23 +231,24 @@ std::optional<QString> booleanValue(const QString& value)
 
 // The value as it is stored, or the reason it does not fit the option.
 std::variant<QString, ActionOptionValidationError>
-checkValue(const ActionOptionSpec& spec, const QString& value, const QString& cwd)
+checkValue(const ActionOptionSpec& entry, const QString& value, const QString& cwd)
 {
     auto error = [](const QString& message) { return ActionOptionValidationError{message}; };
     QString stored = value;
-    switch (spec.kind) {
+    switch (entry.kind) {
     case Kind::Integer: {
         bool ok = false;
         const qlonglong number = value.trimmed().toLongLong(&ok);
         if (!ok) {
             return error(QStringLiteral("Option '%1' must be a whole number, not '%2'.")
-                             .arg(spec.key, value));
+                             .arg(entry.key, value));
         }
-        if ((spec.minimum && number < *spec.minimum) || (spec.maximum && number > *spec.maximum)) {
+        if ((entry.minimum && number < *entry.minimum) ||
+            (entry.maximum && number > *entry.maximum)) {
             return error(QStringLiteral("Option '%1' must be between %2 and %3.")
-                             .arg(spec.key)
-                             .arg(spec.minimum.value_or(0))
-                             .arg(spec.maximum.value_or(0)));
+                             .arg(entry.key)
+                             .arg(entry.minimum.value_or(0))
+                             .arg(entry.maximum.value_or(0)));
         }
         stored = QString::number(number);
         break;
@@ -256,28 +257,28 @@ checkValue(const ActionOptionSpec& spec, const QString& value, const QString& cw
         const std::optional<QString> flag = booleanValue(value);
         if (!flag) {
             return error(QStringLiteral("Option '%1' must be true or false, not '%2'.")
-                             .arg(spec.key, value));
+                             .arg(entry.key, value));
         }
         stored = *flag;
         break;
     }
     case Kind::Choice:
-        if (!spec.choices.contains(value.trimmed().toLower())) {
+        if (!entry.choices.contains(value.trimmed().toLower())) {
             return error(QStringLiteral("Option '%1' must be one of: %2 (not '%3').")
-                             .arg(spec.key, spec.choices.join(QStringLiteral(", ")), value));
+                             .arg(entry.key, entry.choices.join(QStringLiteral(", ")), value));
         }
         stored = value.trimmed().toLower();
         break;
     case Kind::Path:
         if (value.trimmed().isEmpty()) {
-            return error(QStringLiteral("Option '%1' needs a path.").arg(spec.key));
+            return error(QStringLiteral("Option '%1' needs a path.").arg(entry.key));
         }
         stored = absolutePath(value.trimmed(), cwd);
         break;
     case Kind::Url:
         if (!OpenUrlAction::resolve(value)) {
             return error(
-                QStringLiteral("Option '%1' must be a URL, not '%2'.").arg(spec.key, value));
+                QStringLiteral("Option '%1' must be a URL, not '%2'.").arg(entry.key, value));
         }
         stored = value.trimmed();
         break;
@@ -285,11 +286,11 @@ checkValue(const ActionOptionSpec& spec, const QString& value, const QString& cw
     case Kind::Secret:
         break;
     }
-    if (!spec.pattern.isEmpty()) {
-        const QRegularExpression pattern(QRegularExpression::anchoredPattern(spec.pattern));
+    if (!entry.pattern.isEmpty()) {
+        const QRegularExpression pattern(QRegularExpression::anchoredPattern(entry.pattern));
         if (!pattern.match(stored).hasMatch()) {
             return error(QStringLiteral("Option '%1' does not match the pattern %2.")
-                             .arg(spec.key, spec.pattern));
+                             .arg(entry.key, entry.pattern));
         }
     }
     return stored;
@@ -309,8 +310,8 @@ std::optional<ActionOptionValidationError> schemaRules(const QString& name,
             QStringLiteral("At least one of 'output_width' or 'output_height' is required."));
     }
     const bool hasFolderChoice =
-        std::any_of(specs.cbegin(), specs.cend(), [](const ActionOptionSpec& spec) {
-            return spec.key == u"output_folder_option";
+        std::any_of(specs.cbegin(), specs.cend(), [](const ActionOptionSpec& entry) {
+            return entry.key == u"output_folder_option";
         });
     if (hasFolderChoice && values.value(QStringLiteral("output_folder_option")) == u"2") {
         const QString path = values.value(QStringLiteral("path"));
@@ -421,8 +422,8 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
             QStringLiteral("' is not supported by the command line.")};
     }
     QStringList keys;
-    for (const ActionOptionSpec& spec : *specs) {
-        keys << spec.key;
+    for (const ActionOptionSpec& entry : *specs) {
+        keys << entry.key;
     }
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
         if (!keys.contains(it.key())) {
@@ -435,28 +436,28 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
         }
     }
     ValidatedActionOptions result;
-    for (const ActionOptionSpec& spec : *specs) {
-        if (!options.contains(spec.key)) {
-            if (spec.required) {
+    for (const ActionOptionSpec& entry : *specs) {
+        if (!options.contains(entry.key)) {
+            if (entry.required) {
                 return ActionOptionValidationError{
-                    QStringLiteral("Option '%1' is required.").arg(spec.key)};
+                    QStringLiteral("Option '%1' is required.").arg(entry.key)};
             }
-            if (!spec.defaultValue.isEmpty()) {
-                result.variables.insert(spec.key, spec.defaultValue);
+            if (!entry.defaultValue.isEmpty()) {
+                result.variables.insert(entry.key, entry.defaultValue);
             }
             continue;
         }
-        const auto checked = checkValue(spec, options.value(spec.key), cwd);
+        const auto checked = checkValue(entry, options.value(entry.key), cwd);
         if (const auto* failure = std::get_if<ActionOptionValidationError>(&checked)) {
             return *failure;
         }
         const QString& value = std::get<QString>(checked);
-        if (spec.keychainSecret) {
+        if (entry.keychainSecret) {
             result.secret = value;
-        } else if (spec.keychainSecondarySecret) {
+        } else if (entry.keychainSecondarySecret) {
             result.secondarySecret = value;
         } else {
-            result.variables.insert(spec.key, value);
+            result.variables.insert(entry.key, value);
         }
     }
     if (auto failure = schemaRules(optionsNib, *specs, options, result.variables)) {
@@ -472,18 +473,18 @@ QString helpText(const QString& optionsNib)
         return {};
     }
     QString text;
-    for (const ActionOptionSpec& spec : *specs) {
-        QString line = QStringLiteral("  %1: %2").arg(spec.key, spec.help);
-        if (!spec.choices.isEmpty()) {
-            line += QStringLiteral(" [%1]").arg(spec.choices.join(u'|'));
+    for (const ActionOptionSpec& entry : *specs) {
+        QString line = QStringLiteral("  %1: %2").arg(entry.key, entry.help);
+        if (!entry.choices.isEmpty()) {
+            line += QStringLiteral(" [%1]").arg(entry.choices.join(u'|'));
         }
-        if (spec.required) {
+        if (entry.required) {
             line += QStringLiteral(" (required)");
         }
-        if (!spec.defaultValue.isEmpty()) {
-            line += QStringLiteral(" (default: %1)").arg(spec.defaultValue);
+        if (!entry.defaultValue.isEmpty()) {
+            line += QStringLiteral(" (default: %1)").arg(entry.defaultValue);
         }
-        if (spec.keychainSecret || spec.keychainSecondarySecret) {
+        if (entry.keychainSecret || entry.keychainSecondarySecret) {
             line += QStringLiteral(" (kept in the keychain)");
         }
         text += line + u'\n';
@@ -501,11 +502,11 @@ void registerOptionSheets()
         }
         sheet.name = name;
         sheet.commandLineOptions.clear();
-        for (const ActionOptionSpec& spec : specs) {
-            sheet.commandLineOptions << spec.key;
-            if (spec.keychainSecret) {
+        for (const ActionOptionSpec& entry : specs) {
+            sheet.commandLineOptions << entry.key;
+            if (entry.keychainSecret) {
                 sheet.needsKeychainStorage = true;
-                sheet.keychainPasswordKey = spec.key;
+                sheet.keychainPasswordKey = entry.key;
             }
         }
         OptionSheets::registerSheet(sheet);

@@ -172,8 +172,8 @@ TEST(OptionSchemas, TabledHelpTextsAndDefaults)
     const QList<ActionOptionSpec> resize =
         *ActionOptionSchemas::schema(QStringLiteral("ResizeImages"));
     QStringList keys;
-    for (const ActionOptionSpec& spec : resize) {
-        keys << spec.key;
+    for (const ActionOptionSpec& entry : resize) {
+        keys << entry.key;
     }
     EXPECT_EQ(keys,
               (QStringList{"output_width", "output_height", "output_quality", "output_format",
