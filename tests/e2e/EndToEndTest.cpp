@@ -29,6 +29,10 @@ protected:
         m_environment.insert(QStringLiteral("SKELVO_HOME"), home.path());
         m_environment.insert(QStringLiteral("SKELVO_RESOURCES"),
                              QStringLiteral(SKELVO_SOURCE_RESOURCES));
+        // The desktop's Trash of this home, not the user's.
+        m_environment.insert(QStringLiteral("HOME"), home.path());
+        m_environment.insert(QStringLiteral("XDG_DATA_HOME"),
+                             QDir(home.path()).filePath(QStringLiteral(".local/share")));
         m_environment.remove(QStringLiteral("DISPLAY"));
         m_environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
         m_app.setProcessEnvironment(m_environment);
@@ -234,6 +238,46 @@ TEST_F(EndToEndTest, ImageActionsResizeAndConvertRealFilesThroughSk)
     EXPECT_EQ(converted.status, 0) << converted.err.toStdString();
     EXPECT_TRUE(QFileInfo::exists(QDir(in).filePath(QStringLiteral("photo-png.webp"))))
         << QDir(in).entryList(QDir::Files).join(u' ').toStdString() << converted.out.toStdString();
+}
+
+TEST_F(EndToEndTest, RunScriptAndMoveToTrashThroughSk)
+{
+    const QString record = QDir(home.path()).filePath(QStringLiteral("arguments.txt"));
+    const QString script = home.writeFile(
+        QStringLiteral("scripts/record.sh"),
+        QStringLiteral(
+            "#!/bin/sh\nprintf '%s|%s|%s|%s|%s' \"$SKELVO_INPUT_TYPE\" \"$#\" \"$1\" \"$2\" "
+            "\"$3\" > '%1'\nexit 2\n")
+            .arg(record)
+            .toUtf8());
+    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const Outcome added = sk({QStringLiteral("add-action"), QStringLiteral("Run Script"),
+                              QStringLiteral("--options"), QStringLiteral("path=") + script});
+    ASSERT_EQ(added.status, 0) << added.err.toStdString();
+    const QStringList files = {home.writeFile(QStringLiteral("one.txt"), "1"),
+                               home.writeFile(QStringLiteral("two.txt"), "2"),
+                               home.writeFile(QStringLiteral("three.txt"), "3")};
+    sk(QStringList{QStringLiteral("run"), QStringLiteral("Run Script")} + files);
+    QFile recorded(record);
+    ASSERT_TRUE(recorded.open(QIODevice::ReadOnly));
+    EXPECT_EQ(QString::fromUtf8(recorded.readAll()),
+              QStringLiteral("files|3|%1|%2|%3").arg(files[0], files[1], files[2]));
+    // A script that is gone cannot be added.
+    const Outcome missing =
+        sk({QStringLiteral("add-action"), QStringLiteral("Run Script"), QStringLiteral("--name"),
+            QStringLiteral("Gone"), QStringLiteral("--options"),
+            QStringLiteral("path=/no/such/script.sh")});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_TRUE(missing.err.startsWith(QStringLiteral("Error: "))) << missing.err.toStdString();
+
+    ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Move to Trash")}).status, 0);
+    const QString doomed = home.writeFile(QStringLiteral("doomed.txt"), "bye");
+    const Outcome trashed = sk({QStringLiteral("run"), QStringLiteral("Move to Trash"), doomed});
+    EXPECT_EQ(trashed.status, 0) << trashed.err.toStdString();
+    EXPECT_FALSE(QFileInfo::exists(doomed));
+    const QDir info(QDir(home.path()).filePath(QStringLiteral(".local/share/Trash/info")));
+    EXPECT_TRUE(info.exists(QStringLiteral("doomed.txt.trashinfo")))
+        << info.entryList().join(u' ').toStdString();
 }
 
 TEST_F(EndToEndTest, ApplicationMessagesForBadRequests)
