@@ -4,6 +4,7 @@
 #include "builtin/RunScriptAction.h"
 #include "builtin/RunShortcutAction.h"
 #include "tasks/DebugConsoleController.h"
+#include "tasks/DropbarSink.h"
 #include "tasks/RecentItems.h"
 #include "tasks/TaskStatus.h"
 #include "tasks/TaskStatusController.h"
@@ -543,4 +544,38 @@ TEST_F(BuiltInTest, ImageActionsReportMissingImagesAndAMissingFolderChoice)
               (QStringList{QStringLiteral("No images found"),
                            QStringLiteral("You must choose a destination folder")}));
     EXPECT_EQ(finishes, 2);
+}
+
+TEST_F(BuiltInTest, ImageOutputsGoToTheChosenFolderOrToTheDropBar)
+{
+    QStringList dropped;
+    DropbarSink::shared().setAdder([&](const QStringList& paths) { dropped << paths; });
+    const QString png = writeFile(QStringLiteral("img/photo.png"), TinyPng);
+    const QString chosen = homePath() + QStringLiteral("/chosen");
+    QDir().mkpath(chosen);
+    windows().setNextFolder(chosen);
+    runner->runActionWithDragWithGridAction(
+        gridAction(QStringLiteral("Convert Images"),
+                   {{QStringLiteral("output_format"), QStringLiteral("webp")},
+                    {QStringLiteral("keep_originals"), QStringLiteral("1")},
+                    {QStringLiteral("output_folder_option"), QStringLiteral("1")}}),
+        urls({png}), QString());
+    ASSERT_TRUE(waitForIdle(30000));
+    EXPECT_TRUE(QFileInfo::exists(chosen + QStringLiteral("/photo.webp")));
+    EXPECT_TRUE(dropped.isEmpty());
+
+    runner->runActionWithDragWithGridAction(
+        gridAction(QStringLiteral("Convert Images"),
+                   {{QStringLiteral("output_format"), QStringLiteral("jpg")},
+                    {QStringLiteral("keep_originals"), QStringLiteral("1")},
+                    {QStringLiteral("output_folder_option"), QStringLiteral("3")}}),
+        urls({png}), QString());
+    ASSERT_TRUE(waitForIdle(30000));
+    ASSERT_EQ(dropped.size(), 1);
+    EXPECT_TRUE(dropped.first().endsWith(QStringLiteral("/photo.jpg")));
+    EXPECT_TRUE(
+        QFileInfo(dropped.first()).absolutePath().contains(QStringLiteral("SkActionOutput-")));
+    EXPECT_TRUE(QFileInfo::exists(dropped.first()));
+    EXPECT_EQ(finishes, 2);
+    DropbarSink::shared().setAdder({});
 }
