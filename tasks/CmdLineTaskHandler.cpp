@@ -271,6 +271,16 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
     }
 }
 
+std::optional<GridId> CmdLineTaskHandler::findGrid(const QString& name)
+{
+    const SqlRows grids = gridsNamed(name);
+    if (grids.isEmpty()) {
+        respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+        return std::nullopt;
+    }
+    return grids.first().value(QStringLiteral("id")).toLongLong();
+}
+
 void CmdLineTaskHandler::respond(const QString& text)
 {
     if (m_current) {
@@ -322,12 +332,11 @@ void CmdLineTaskHandler::list(const QVariantMap& request)
     GridId gridId = db().selectedGridId();
     QString header = QStringLiteral("\nAvailable Skelvo Actions:\n") + ListRule;
     if (has(request, "grid")) {
-        const SqlRows grids = gridsNamed(str(request, "grid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        if (!gridFound) {
             return;
         }
-        gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+        gridId = *gridFound;
         header = QStringLiteral("\nActions in grid '") + str(request, "grid") +
                  QStringLiteral("':\n") + ListRule;
     }
@@ -367,12 +376,11 @@ void CmdLineTaskHandler::moveAction(const QVariantMap& request)
     const QString categoryName = str(request, "category");
     std::optional<GridId> fromGrid;
     if (has(request, "fromGrid")) {
-        const SqlRows grids = gridsNamed(str(request, "fromGrid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "fromGrid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "fromGrid"));
+        if (!gridFound) {
             return;
         }
-        fromGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+        fromGrid = *gridFound;
     }
     const QList<PlacedAction> found = actionsNamed(name, fromGrid);
     if (found.isEmpty()) {
@@ -392,12 +400,11 @@ void CmdLineTaskHandler::moveAction(const QVariantMap& request)
     GridId targetGrid = placed.gridId;
     QString targetGridName = placed.grid;
     if (has(request, "grid")) {
-        const SqlRows grids = gridsNamed(str(request, "grid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        if (!gridFound) {
             return;
         }
-        targetGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+        targetGrid = *gridFound;
         targetGridName = str(request, "grid");
     }
     const SqlRows categories = categoriesNamed(targetGrid, categoryName);
@@ -754,12 +761,11 @@ void CmdLineTaskHandler::listCategories(const QVariantMap& request)
 {
     GridId gridId = db().selectedGridId();
     if (has(request, "grid")) {
-        const SqlRows grids = gridsNamed(str(request, "grid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        if (!gridFound) {
             return;
         }
-        gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+        gridId = *gridFound;
     }
     const SqlRows categories = db().categoriesForGrid(gridId);
     if (flag(request, "json")) {
@@ -793,12 +799,11 @@ void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
         return;
     }
     const QString grid = str(request, "grid");
-    const SqlRows grids = gridsNamed(grid);
-    if (grids.isEmpty()) {
-        respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
+    const std::optional<GridId> gridFound = findGrid(grid);
+    if (!gridFound) {
         return;
     }
-    const GridId gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+    const GridId gridId = *gridFound;
     const std::optional<qint64> size = integer(request, "size");
     const std::optional<qint64> cols = integer(request, "cols");
     // Check everything before changing anything.
@@ -850,7 +855,7 @@ void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
     }
     if (renames && newName != grid) {
         db().updateGrid(gridId, newName,
-                        grids.first().value(QStringLiteral("display_order")).toInt());
+                        gridsNamed(grid).first().value(QStringLiteral("display_order")).toInt());
         changes << QStringLiteral("renamed to '%1'").arg(newName);
     }
     if (!changes.isEmpty()) {
@@ -977,12 +982,11 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
     GridId gridId = db().selectedGridId();
     QString grid = gridName(gridId);
     if (has(request, "grid")) {
-        const SqlRows grids = gridsNamed(str(request, "grid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        if (!gridFound) {
             return;
         }
-        gridId = grids.first().value(QStringLiteral("id")).toLongLong();
+        gridId = *gridFound;
         grid = str(request, "grid");
     }
     CategoryId categoryId = 0;
@@ -1045,12 +1049,11 @@ void CmdLineTaskHandler::removeAction(const QVariantMap& request)
     const QString name = str(request, "name");
     std::optional<GridId> inGrid;
     if (has(request, "grid")) {
-        const SqlRows grids = gridsNamed(str(request, "grid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        if (!gridFound) {
             return;
         }
-        inGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+        inGrid = *gridFound;
     }
     const QList<PlacedAction> found = actionsNamed(name, inGrid);
     if (found.isEmpty()) {
@@ -1082,12 +1085,11 @@ void CmdLineTaskHandler::setIcon(const QVariantMap& request)
     const QString name = str(request, "name");
     std::optional<GridId> inGrid;
     if (has(request, "grid")) {
-        const SqlRows grids = gridsNamed(str(request, "grid"));
-        if (grids.isEmpty()) {
-            respond(QStringLiteral("Error: Grid '%1' not found").arg(str(request, "grid")));
+        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        if (!gridFound) {
             return;
         }
-        inGrid = grids.first().value(QStringLiteral("id")).toLongLong();
+        inGrid = *gridFound;
     }
     const QList<PlacedAction> found = actionsNamed(name, inGrid);
     if (found.isEmpty()) {

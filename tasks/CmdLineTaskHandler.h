@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/Identifiers.h"
 #include "platform/CmdLineServer.h"
 
 #include <QHash>
@@ -51,6 +52,8 @@ private:
                          const QVariantMap& userInfo);
     void distributedPosted(const QString& name, QObject* object, const QVariantMap& userInfo);
     void respond(const QString& text);
+    // The first grid of that name; answers the request and gives none when there is none.
+    std::optional<GridId> findGrid(const QString& name);
     void finishRequest(CmdLineServer::ConnectionId connection);
 
     void list(const QVariantMap& request);

@@ -211,6 +211,10 @@ TEST_F(CmdLineTest, GridSettingsAreCheckedBeforeAnyChange)
     EXPECT_FALSE(GridDatabase::sharedGridDatabase().gridSwitcherVisibleForGrid(1));
     EXPECT_TRUE(
         settings({}).startsWith(QStringLiteral("Grid 'Main Grid':\n  size: 90\n  columns: 4")));
+    EXPECT_EQ(settings({{"name", QStringLiteral("Home")}}),
+              QStringLiteral("Updated grid 'Main Grid': renamed to 'Home'"));
+    EXPECT_EQ(one(req({{"action", QStringLiteral("list-grids")}})),
+              QStringLiteral("\nAvailable Skelvo Grids:\n---------------------------\n* Home\n"));
 }
 
 TEST_F(CmdLineTest, AddRunAndRemoveACopyFilesAction)
