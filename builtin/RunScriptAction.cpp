@@ -1,6 +1,7 @@
 #include "builtin/RunScriptAction.h"
 
 #include "builtin/BuiltInActionTaskBridge.h"
+#include "platform/ChildProcess.h"
 #include "tasks/DebugConsoleController.h"
 
 #include <QDir>
@@ -20,24 +21,6 @@ using Colour = DebugConsoleController::Colour;
 constexpr int KillGraceMs = 2000;
 
 const QString ConfigurationErrorTitle = QStringLiteral("Run Script configuration error");
-
-// In the child between fork and exec: a group of its own, so that a cancel reaches
-// everything the script started, and signal handling as a fresh process has it.
-void prepareChild()
-{
-    ::setpgid(0, 0);
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    sigemptyset(&action.sa_mask);
-    for (int sig = 1; sig < NSIG; ++sig) {
-        if (sig != SIGKILL && sig != SIGSTOP) {
-            ::sigaction(sig, &action, nullptr);
-        }
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-}
 
 QString quotedCommandLine(const QString& program, const QStringList& arguments)
 {
@@ -154,7 +137,7 @@ void RunScriptAction::run(const QStringList& filePaths, bool dragged)
     m_process->setProcessEnvironment(environment);
     m_process->setWorkingDirectory(script.absolutePath());
     m_process->setStandardInputFile(QProcess::nullDevice());
-    m_process->setChildProcessModifier(prepareChild);
+    m_process->setChildProcessModifier(ChildProcess::prepareChild);
     connect(m_process, &QProcess::readyReadStandardOutput, this,
             [this] { readOutput(QProcess::StandardOutput); });
     connect(m_process, &QProcess::readyReadStandardError, this,

@@ -5,6 +5,7 @@
 #include "core/NotificationCenter.h"
 #include "core/SupportPaths.h"
 #include "core/WindowPresenter.h"
+#include "platform/ChildProcess.h"
 #include "platform/SystemInfo.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/Task.h"
@@ -39,24 +40,6 @@ QString systemExecutable(const QString& name)
     }
     const QString found = QStandardPaths::findExecutable(name);
     return found.isEmpty() ? name : found;
-}
-
-// Runs in the child between fork and exec: a process group of its own, so that a cancel
-// reaches everything the script started, and signal handling as a fresh process has it.
-void prepareChild()
-{
-    ::setpgid(0, 0);
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    sigemptyset(&action.sa_mask);
-    for (int sig = 1; sig < NSIG; ++sig) {
-        if (sig != SIGKILL && sig != SIGSTOP) {
-            ::sigaction(sig, &action, nullptr);
-        }
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 } // namespace
@@ -156,7 +139,7 @@ void TaskRunner::run()
     }
     m_process->setWorkingDirectory(m_libPath);
     m_process->setArguments({runnerPath, m_task->taskDescriptionPath()});
-    m_process->setChildProcessModifier(prepareChild);
+    m_process->setChildProcessModifier(ChildProcess::prepareChild);
 
     connect(m_process, &QProcess::readyReadStandardOutput, this, &TaskRunner::taskDataAvailable);
     m_partialLineTimer.setSingleShot(true);
