@@ -145,6 +145,26 @@ QString gridNamesOf(const QList<PlacedAction>& actions)
     return names.join(QStringLiteral(", "));
 }
 
+// The one action of that name (in the grid, when given); answers and gives none when there
+// is none or more than one. `hint` ends the answer for several.
+std::optional<PlacedAction> singleActionNamed(const QString& name, std::optional<GridId> inGrid,
+                                              const QString& hint,
+                                              const std::function<void(const QString&)>& respond)
+{
+    const QList<PlacedAction> found = actionsNamed(name, inGrid);
+    if (found.isEmpty()) {
+        respond(QStringLiteral("Error: Action '%1' not found").arg(name));
+        return std::nullopt;
+    }
+    if (found.size() > 1) {
+        respond(QStringLiteral("Error: Multiple actions named '") + name +
+                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) + QStringLiteral(")") +
+                hint);
+        return std::nullopt;
+    }
+    return found.first();
+}
+
 QString absolutePath(const QString& path, const QString& cwd)
 {
     if (path.isEmpty() || QDir::isAbsolutePath(path)) {
@@ -1055,18 +1075,13 @@ void CmdLineTaskHandler::removeAction(const QVariantMap& request)
         }
         inGrid = *gridFound;
     }
-    const QList<PlacedAction> found = actionsNamed(name, inGrid);
-    if (found.isEmpty()) {
-        respond(QStringLiteral("Error: Action '%1' not found").arg(name));
+    const auto single = singleActionNamed(
+        name, inGrid, QStringLiteral(". Use --grid to specify which one to remove."),
+        [this](const QString& text) { respond(text); });
+    if (!single) {
         return;
     }
-    if (found.size() > 1) {
-        respond(QStringLiteral("Error: Multiple actions named '") + name +
-                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
-                QStringLiteral("). Use --grid to specify which one to remove."));
-        return;
-    }
-    found.first().action->remove();
+    single->action->remove();
     respond(QStringLiteral("Removed action '") + name + QStringLiteral("'"));
 }
 
@@ -1091,18 +1106,13 @@ void CmdLineTaskHandler::setIcon(const QVariantMap& request)
         }
         inGrid = *gridFound;
     }
-    const QList<PlacedAction> found = actionsNamed(name, inGrid);
-    if (found.isEmpty()) {
-        respond(QStringLiteral("Error: Action '%1' not found").arg(name));
+    const auto single =
+        singleActionNamed(name, inGrid, QStringLiteral(". Use --grid to specify which one."),
+                          [this](const QString& text) { respond(text); });
+    if (!single) {
         return;
     }
-    if (found.size() > 1) {
-        respond(QStringLiteral("Error: Multiple actions named '") + name +
-                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
-                QStringLiteral("). Use --grid to specify which one."));
-        return;
-    }
-    const PlacedAction& placed = found.first();
+    const PlacedAction& placed = *single;
     GridAction& action = *placed.action;
     if (reset) {
         Icons::shared().deleteIcon(action.aId);
