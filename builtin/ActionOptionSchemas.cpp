@@ -297,7 +297,7 @@ checkValue(const ActionOptionSpec& entry, const QString& value, const QString& c
 }
 
 std::optional<ActionOptionValidationError> schemaRules(const QString& name,
-                                                       const QList<ActionOptionSpec>& specs,
+                                                       const QList<ActionOptionSpec>& entries,
                                                        const QMap<QString, QString>& given,
                                                        const QMap<QString, QString>& values)
 {
@@ -310,7 +310,7 @@ std::optional<ActionOptionValidationError> schemaRules(const QString& name,
             QStringLiteral("At least one of 'output_width' or 'output_height' is required."));
     }
     const bool hasFolderChoice =
-        std::any_of(specs.cbegin(), specs.cend(), [](const ActionOptionSpec& entry) {
+        std::any_of(entries.cbegin(), entries.cend(), [](const ActionOptionSpec& entry) {
             return entry.key == u"output_folder_option";
         });
     if (hasFolderChoice && values.value(QStringLiteral("output_folder_option")) == u"2") {
@@ -415,14 +415,14 @@ std::variant<ValidatedActionOptions, ActionOptionValidationError>
 validate(const QString& optionsNib, const QMap<QString, QString>& options, const QString& cwd,
          const QString& actionType)
 {
-    const std::optional<QList<ActionOptionSpec>> specs = schema(optionsNib);
-    if (!specs) {
+    const std::optional<QList<ActionOptionSpec>> entries = schema(optionsNib);
+    if (!entries) {
         return ActionOptionValidationError{
             QStringLiteral("'") + optionsNib +
             QStringLiteral("' is not supported by the command line.")};
     }
     QStringList keys;
-    for (const ActionOptionSpec& entry : *specs) {
+    for (const ActionOptionSpec& entry : *entries) {
         keys << entry.key;
     }
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
@@ -436,7 +436,7 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
         }
     }
     ValidatedActionOptions result;
-    for (const ActionOptionSpec& entry : *specs) {
+    for (const ActionOptionSpec& entry : *entries) {
         if (!options.contains(entry.key)) {
             if (entry.required) {
                 return ActionOptionValidationError{
@@ -460,7 +460,7 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
             result.variables.insert(entry.key, value);
         }
     }
-    if (auto failure = schemaRules(optionsNib, *specs, options, result.variables)) {
+    if (auto failure = schemaRules(optionsNib, *entries, options, result.variables)) {
         return *failure;
     }
     return result;
@@ -468,12 +468,12 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
 
 QString helpText(const QString& optionsNib)
 {
-    const std::optional<QList<ActionOptionSpec>> specs = schema(optionsNib);
-    if (!specs) {
+    const std::optional<QList<ActionOptionSpec>> entries = schema(optionsNib);
+    if (!entries) {
         return {};
     }
     QString text;
-    for (const ActionOptionSpec& entry : *specs) {
+    for (const ActionOptionSpec& entry : *entries) {
         QString line = QStringLiteral("  %1: %2").arg(entry.key, entry.help);
         if (!entry.choices.isEmpty()) {
             line += QStringLiteral(" [%1]").arg(entry.choices.join(u'|'));
@@ -495,14 +495,14 @@ QString helpText(const QString& optionsNib)
 void registerOptionSheets()
 {
     for (const QString& name : names()) {
-        const QList<ActionOptionSpec> specs = *schema(name);
+        const QList<ActionOptionSpec> entries = *schema(name);
         OptionSheetInfo sheet;
         if (const auto existing = OptionSheets::find(name)) {
             sheet = *existing;
         }
         sheet.name = name;
         sheet.commandLineOptions.clear();
-        for (const ActionOptionSpec& entry : specs) {
+        for (const ActionOptionSpec& entry : entries) {
             sheet.commandLineOptions << entry.key;
             if (entry.keychainSecret) {
                 sheet.needsKeychainStorage = true;

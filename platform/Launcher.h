@@ -22,7 +22,7 @@ public:
 };
 
 // Launches through GIO: default handlers and Desktop Entry files as the freedesktop
-// specifications describe them; plain executables are started detached.
+// standards describe them; plain executables are started detached.
 class GioLauncher : public Launcher {
 public:
     bool openUrl(const QString& url, QString* error) override;
