@@ -502,21 +502,18 @@ TEST_P(RunnerTest, OutputNeverUpsetsTheAcknowledgements)
 
     ASSERT_EQ(transcript.exitCode, 0) << transcript.standardError().toStdString();
     const QList<QByteArray> chunks = transcript.outputChunks();
-    ASSERT_GE(chunks.size(), 7);
-    for (qsizetype i = 0; i < 6; ++i) {
-        EXPECT_GE(chunks[i].size(), 2) << "a one-byte chunk is never acknowledged";
+    for (const QByteArray& chunk : chunks) {
+        EXPECT_GE(chunk.size(), 2) << "a one-byte chunk is never acknowledged";
     }
-    // A lone line break is dropped; a lone byte is sent with a line break.
-    EXPECT_EQ(chunks[0], QByteArrayLiteral("x\n"));
-    EXPECT_EQ(chunks[1], QByteArrayLiteral("Begin_Message: after\n"));
-    EXPECT_EQ(chunks[2], QByteArrayLiteral("a warning\n"));
-    EXPECT_EQ(chunks[3], QByteArrayLiteral("from a child process\n"));
-    EXPECT_EQ(chunks[4], QByteArrayLiteral("Select_Folder: Pick\n"));
-    // The acknowledgement of the child process's line is not taken for the folder.
-    EXPECT_EQ(chunks[5], QByteArrayLiteral("Begin_Message: picked /data/picked\n"));
-    // A result longer than a default pipe is written in one go; a busy reader may still
-    // take it in more than one read.
-    EXPECT_EQ(chunks.mid(6).join(), QByteArrayLiteral("Text: ") + QByteArray(300000, 'y') + '\n');
+    // A lone line break is dropped; a lone byte is sent with a line break. The child
+    // process writes without waiting, so its line may share a read with a neighbour, and
+    // a result longer than a default pipe may take more than one read.
+    EXPECT_EQ(chunks.join(), QByteArrayLiteral("x\nBegin_Message: after\na warning\n"
+                                               "from a child process\nSelect_Folder: Pick\n"
+                                               // The child's acknowledgement is not taken
+                                               // for the folder.
+                                               "Begin_Message: picked /data/picked\nText: ") +
+                                 QByteArray(300000, 'y') + '\n');
 }
 
 TEST_P(RunnerTest, ExceptionGoesToStandardErrorWithBacktraceAndFails)
