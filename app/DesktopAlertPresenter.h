@@ -2,8 +2,9 @@
 
 #include "core/AlertHelper.h"
 
-// Alerts as message boxes, with the application brought to the front first.
+// Alerts as non-modal message boxes, with the application brought to the front first; the
+// answer arrives when the box closes.
 class DesktopAlertPresenter : public AlertPresenter {
 public:
-    int present(const Alert& alert) override;
+    void present(const Alert& alert, Answered answered) override;
 };

@@ -96,11 +96,11 @@ int main(int argc, char* argv[])
         auto gui = std::make_unique<QApplication>(argc, argv);
         gui->setQuitOnLastWindowClosed(false);
         AlertHelper::setPresenter(std::make_shared<DesktopAlertPresenter>());
-        // With a desktop session the secret service keeps passwords; headless runs keep
-        // them in a file readable by the user only.
-        SecretStore::setShared(std::make_shared<QtKeychainSecretStore>());
         app = std::move(gui);
     }
+    // A secret service keeps passwords whenever one answers on the session bus, headless or
+    // not (`sk --start` from a desktop terminal); without one, a file readable by the user.
+    SecretStore::setShared(std::make_shared<QtKeychainSecretStore>());
     QCoreApplication::setApplicationName(QStringLiteral("Skelvo"));
     QCoreApplication::setApplicationVersion(Version::shortVersionString());
 

@@ -91,6 +91,7 @@ void BuiltInAction::returnResult(const QString& result, bool isText)
     }
     NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
                                            {{QStringLiteral("response"), result}});
+    m_answered = true;
     RecentItems::shared().addItem(
         {result, QStringLiteral("%1 - %2").arg(truncated(actionName(), 50), result), isText ? 2 : 1,
          m_actionInfo.iconPath});
@@ -101,6 +102,12 @@ void BuiltInAction::failWithMessage(const QString& message, const QString& title
     Log::warning(QStringLiteral("%1: %2").arg(title.isEmpty() ? actionName() : title, message));
     m_bridge->completeTaskWithSuccess(false);
     m_bridge->sendFinishNotification(message, false, title);
+    // A command-line caller hears the failure as an error answer.
+    NotificationCenter::distributed().post(
+        CmdLineNotifications::Response, this,
+        {{QStringLiteral("response"),
+          QStringLiteral("Error: ") +
+              (title.isEmpty() ? message : title + QStringLiteral(": ") + message)}});
     finish();
 }
 
@@ -109,6 +116,10 @@ void BuiltInAction::succeedWithMessage(const QString& message)
     m_bridge->completeTaskWithSuccess(true);
     if (!message.isEmpty()) {
         m_bridge->sendFinishNotification(message, true);
+        if (!m_answered) {
+            NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
+                                                   {{QStringLiteral("response"), message}});
+        }
     }
     finish();
 }

@@ -68,4 +68,5 @@ private:
     QString m_keyModifier;
     BuiltInActionTaskBridge* m_bridge = nullptr;
     bool m_finished = false;
+    bool m_answered = false; // a result went to a command-line caller
 };

@@ -2,6 +2,8 @@
 
 #include "core/Log.h"
 
+#include <map>
+
 namespace {
 
 std::shared_ptr<AlertPresenter>& current()
@@ -10,9 +12,15 @@ std::shared_ptr<AlertPresenter>& current()
     return presenter;
 }
 
+std::map<int, std::function<void(const Alert&)>>& observers()
+{
+    static std::map<int, std::function<void(const Alert&)>> registered;
+    return registered;
+}
+
 } // namespace
 
-int HeadlessAlertPresenter::present(const Alert& alert)
+void HeadlessAlertPresenter::present(const Alert& alert, Answered answered)
 {
     const char* kind = alert.style == Alert::Style::Critical  ? "critical alert"
                        : alert.style == Alert::Style::Warning ? "warning alert"
@@ -23,7 +31,9 @@ int HeadlessAlertPresenter::present(const Alert& alert)
         line += QStringLiteral(" [answered: %1]").arg(alert.buttons.first());
     }
     Log::warning(line);
-    return 0;
+    if (answered) {
+        answered(0);
+    }
 }
 
 namespace AlertHelper {
@@ -38,19 +48,42 @@ void setPresenter(std::shared_ptr<AlertPresenter> presenter)
     current() = presenter ? std::move(presenter) : std::make_shared<HeadlessAlertPresenter>();
 }
 
-int showCriticalAlertWithTitle(const QString& title, const QString& message)
+int addObserver(std::function<void(const Alert&)> observer)
 {
-    return runAlert({Alert::Style::Critical, title, message, {}});
+    static int nextToken = 1;
+    observers().emplace(nextToken, std::move(observer));
+    return nextToken++;
 }
 
-int showAlertWithTitle(const QString& title, const QString& message)
+void removeObserver(int token)
 {
-    return runAlert({Alert::Style::Informational, title, message, {}});
+    observers().erase(token);
 }
 
-int runAlert(const Alert& alert)
+void showCriticalAlertWithTitle(const QString& title, const QString& message, const QObject* origin)
 {
-    return current()->present(alert);
+    runAlert({Alert::Style::Critical, title, message, {}, origin});
+}
+
+void showAlertWithTitle(const QString& title, const QString& message, const QObject* origin)
+{
+    runAlert({Alert::Style::Informational, title, message, {}, origin});
+}
+
+void runAlert(const Alert& alert, AlertPresenter::Answered answered)
+{
+    // A copy: an observer may remove itself.
+    const auto listening = observers();
+    for (const auto& [token, observer] : listening) {
+        observer(alert);
+    }
+    // Keeps the presenter alive until it has answered, even if another is installed.
+    std::shared_ptr<AlertPresenter> presenter = current();
+    presenter->present(alert, [presenter, answered = std::move(answered)](int button) {
+        if (answered) {
+            answered(button);
+        }
+    });
 }
 
 } // namespace AlertHelper

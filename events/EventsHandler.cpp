@@ -613,9 +613,9 @@ Task* EventsHandler::startTask(Task* task)
     task->setParent(nullptr); // from here the tasks controller owns it
     task->run();
     windows().closeGrid();
-    if (task->taskDescriptionPath().isEmpty()) {
+    if (task->taskDescriptionPath().isEmpty() && !task->isWaitingForSecrets()) {
         // Nothing was started (the tile is gone or its password is missing); its completion
-        // has been queued already.
+        // has been queued already. One still waiting for its login starts, or goes, later.
         task->deleteLater();
         return nullptr;
     }

@@ -1,7 +1,9 @@
 #include "platform/FileSecretStore.h"
 
+#include "core/Log.h"
 #include "core/SupportPaths.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -71,32 +73,93 @@ bool prepareFolder(const QString& folder, QString* error)
     return true;
 }
 
-bool load(const QString& path, QJsonArray* items, QString* error)
+// Opens the file without following a link and narrows permissions that something else
+// widened; the file holds passwords.
+enum class Loaded { Ok, Damaged, Failed };
+
+Loaded load(const QString& path, QJsonArray* items, QString* error)
 {
-    QFile file(path);
-    if (!file.exists()) {
-        *items = {};
-        return true;
+    *items = {};
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) {
+            return Loaded::Ok;
+        }
+        *error = systemError();
+        return Loaded::Failed;
     }
-    if (!file.open(QIODevice::ReadOnly)) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        *error = QStringLiteral("%1 is not a regular file").arg(path);
+        ::close(fd);
+        return Loaded::Failed;
+    }
+    if ((info.st_mode & 077) != 0 && ::fchmod(fd, 0600) != 0) {
+        *error = systemError();
+        ::close(fd);
+        return Loaded::Failed;
+    }
+    QFile file;
+    if (!file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
         *error = file.errorString();
-        return false;
+        ::close(fd);
+        return Loaded::Failed;
     }
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
     if (!document.isObject()) {
         *error = QStringLiteral("%1 is damaged").arg(path);
-        return false;
+        return Loaded::Damaged;
     }
     *items = document.object().value(ItemsKey).toArray();
+    return Loaded::Ok;
+}
+
+// A damaged file is kept beside the store for the user to look at; writing goes on with an
+// empty store instead of failing from now on.
+bool loadForWriting(const QString& path, QJsonArray* items, QString* error)
+{
+    switch (load(path, items, error)) {
+    case Loaded::Ok:
+        return true;
+    case Loaded::Failed:
+        return false;
+    case Loaded::Damaged:
+        break;
+    }
+    const QString aside =
+        path + QStringLiteral(".damaged-") +
+        QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss-zzz"));
+    if (::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) != 0) {
+        *error = systemError();
+        return false;
+    }
+    Log::error(QStringLiteral("The secrets file was damaged; it was kept as %1").arg(aside));
+    *items = {};
     return true;
 }
 
-// Written beside the file with mode 0600 from the start, synced, then renamed over it.
+bool syncFolder(const QString& folder)
+{
+    const int fd =
+        ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const bool synced = ::fsync(fd) == 0;
+    ::close(fd);
+    return synced;
+}
+
+// Written beside the file with mode 0600 from the start (never through a link left there),
+// synced, renamed over it, and the rename made durable by syncing the folder.
 bool save(const QString& path, const QJsonArray& items, QString* error)
 {
     const QByteArray data = QJsonDocument(QJsonObject{{ItemsKey, items}}).toJson();
     const QByteArray temporary = QFile::encodeName(path + QStringLiteral(".new"));
-    const int fd = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    // A leftover of an interrupted write; the lock is held, so no writer owns it.
+    ::unlink(temporary.constData());
+    const int fd =
+        ::open(temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         *error = systemError();
         return false;
@@ -122,6 +185,9 @@ bool save(const QString& path, const QJsonArray& items, QString* error)
         *error = systemError();
         ::unlink(temporary.constData());
         return false;
+    }
+    if (!syncFolder(QFileInfo(path).absolutePath())) {
+        Log::warning(QStringLiteral("Could not sync the folder of %1").arg(path));
     }
     return true;
 }
@@ -153,12 +219,12 @@ QString FileSecretStore::filePath() const
         .filePath(QStringLiteral("Secrets/logins.json"));
 }
 
-SecretStore::Result FileSecretStore::readSecret(const QString& service, const QString& account)
+SecretStore::Result FileSecretStore::read(const QString& service, const QString& account)
 {
     const QString path = filePath();
     QJsonArray items;
     QString error;
-    if (!load(path, &items, &error)) {
+    if (load(path, &items, &error) != Loaded::Ok) {
         return failed(error);
     }
     const qsizetype index = indexOf(items, service, account);
@@ -170,8 +236,8 @@ SecretStore::Result FileSecretStore::readSecret(const QString& service, const QS
     return {Status::Ok, secret, {}};
 }
 
-SecretStore::Result FileSecretStore::writeSecret(const QString& service, const QString& account,
-                                                 const QByteArray& secret)
+SecretStore::Result FileSecretStore::write(const QString& service, const QString& account,
+                                           const QByteArray& secret)
 {
     const QString path = filePath();
     QString error;
@@ -183,7 +249,7 @@ SecretStore::Result FileSecretStore::writeSecret(const QString& service, const Q
         return failed(systemError());
     }
     QJsonArray items;
-    if (!load(path, &items, &error)) {
+    if (!loadForWriting(path, &items, &error)) {
         return failed(error);
     }
     const QJsonObject item{{ServiceKey, service},
@@ -201,7 +267,7 @@ SecretStore::Result FileSecretStore::writeSecret(const QString& service, const Q
     return {Status::Ok, {}, {}};
 }
 
-SecretStore::Result FileSecretStore::deleteSecret(const QString& service, const QString& account)
+SecretStore::Result FileSecretStore::remove(const QString& service, const QString& account)
 {
     const QString path = filePath();
     if (!QFileInfo::exists(path)) {
@@ -213,7 +279,7 @@ SecretStore::Result FileSecretStore::deleteSecret(const QString& service, const 
     }
     QJsonArray items;
     QString error;
-    if (!load(path, &items, &error)) {
+    if (!loadForWriting(path, &items, &error)) {
         return failed(error);
     }
     const qsizetype index = indexOf(items, service, account);
@@ -225,4 +291,20 @@ SecretStore::Result FileSecretStore::deleteSecret(const QString& service, const 
         return failed(error);
     }
     return {Status::Ok, {}, {}};
+}
+
+void FileSecretStore::readSecret(const QString& service, const QString& account, Done done)
+{
+    done(read(service, account));
+}
+
+void FileSecretStore::writeSecret(const QString& service, const QString& account,
+                                  const QByteArray& secret, Done done)
+{
+    done(write(service, account, secret));
+}
+
+void FileSecretStore::deleteSecret(const QString& service, const QString& account, Done done)
+{
+    done(remove(service, account));
 }

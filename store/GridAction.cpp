@@ -336,28 +336,32 @@ QString GridAction::keychainAccountName() const
     return user.isEmpty() ? QStringLiteral("default") : user;
 }
 
-bool GridAction::storeKeychainPassword(const QString& password)
+void GridAction::storeKeychainPassword(const QString& password, Stored stored)
 {
     if (password.isEmpty()) {
         extraVariables.insert(BlankPasswordVariable, QStringLiteral("1"));
     } else {
         extraVariables.remove(BlankPasswordVariable);
     }
-    return SecretStore::shared()
-        .writeSecret(keychainServiceName(), keychainAccountName(), password.toUtf8())
-        .ok();
+    SecretStore::shared().writeSecret(
+        keychainServiceName(), keychainAccountName(), password.toUtf8(),
+        [stored = std::move(stored)](const SecretStore::Result& result) {
+            stored(result.ok(), result.errorString);
+        });
 }
 
-bool GridAction::storeSecondaryKeychainPassword(const QString& passphrase)
+void GridAction::storeSecondaryKeychainPassword(const QString& passphrase, Stored stored)
 {
     if (passphrase.isEmpty()) {
         extraVariables.insert(BlankPassphraseVariable, QStringLiteral("1"));
     } else {
         extraVariables.remove(BlankPassphraseVariable);
     }
-    return SecretStore::shared()
-        .writeSecret(secondaryKeychainServiceName(), keychainAccountName(), passphrase.toUtf8())
-        .ok();
+    SecretStore::shared().writeSecret(
+        secondaryKeychainServiceName(), keychainAccountName(), passphrase.toUtf8(),
+        [stored = std::move(stored)](const SecretStore::Result& result) {
+            stored(result.ok(), result.errorString);
+        });
 }
 
 bool GridAction::isAnotherGridActionUsingKeychainItem(const QString& service,
@@ -394,52 +398,59 @@ void GridAction::deleteKeychainPassword()
         if (isAnotherGridActionUsingKeychainItem(service, account)) {
             continue;
         }
-        const SecretStore::Result result = SecretStore::shared().deleteSecret(service, account);
-        if (result.status == SecretStore::Status::Failed) {
-            AlertHelper::showCriticalAlertWithTitle(
-                QStringLiteral("Error deleting item from Keychain"),
-                failureText.arg(service, account, result.errorString));
-        }
+        SecretStore::shared().deleteSecret(
+            service, account, [service, account, failureText](const SecretStore::Result& result) {
+                if (result.status == SecretStore::Status::Failed) {
+                    AlertHelper::showCriticalAlertWithTitle(
+                        QStringLiteral("Error deleting item from Keychain"),
+                        failureText.arg(service, account, result.errorString));
+                }
+            });
     }
 }
 
-std::optional<QMap<QString, QString>>
-GridAction::retrieveSecret(const QString& service, const QString& variable,
-                           const QString& blankMarker, bool showErrors, bool base64Encoded) const
+void GridAction::retrieveSecret(const QString& service, const QString& variable,
+                                const QString& blankMarker, bool showErrors, bool base64Encoded,
+                                Retrieved retrieved) const
 {
     if (extraVariables.value(blankMarker).toString() == QLatin1String("1")) {
-        return QMap<QString, QString>{{variable, QString()}};
+        retrieved(QMap<QString, QString>{{variable, QString()}});
+        return;
     }
     const QString account = keychainAccountName();
-    const SecretStore::Result result = SecretStore::shared().readSecret(service, account);
-    if (result.ok()) {
-        const QString value = base64Encoded ? QString::fromLatin1(result.secret.toBase64())
-                                            : QString::fromUtf8(result.secret);
-        return QMap<QString, QString>{{variable, value}};
-    }
-    if (result.status == SecretStore::Status::Failed && showErrors) {
-        AlertHelper::showCriticalAlertWithTitle(
-            QStringLiteral("Error retrieving item from Keychain"),
-            QStringLiteral(
-                "Failed to retrieve login from keychain for service %1 with account name %2.\n\n%3")
-                .arg(service, account, result.errorString));
-    }
-    return std::nullopt;
+    SecretStore::shared().readSecret(
+        service, account,
+        [service, account, variable, showErrors, base64Encoded,
+         retrieved = std::move(retrieved)](const SecretStore::Result& result) {
+            if (result.ok()) {
+                const QString value = base64Encoded ? QString::fromLatin1(result.secret.toBase64())
+                                                    : QString::fromUtf8(result.secret);
+                retrieved(QMap<QString, QString>{{variable, value}});
+                return;
+            }
+            if (result.status == SecretStore::Status::Failed && showErrors) {
+                AlertHelper::showCriticalAlertWithTitle(
+                    QStringLiteral("Error retrieving item from Keychain"),
+                    QStringLiteral("Failed to retrieve login from keychain for service %1 with "
+                                   "account name %2.\n\n%3")
+                        .arg(service, account, result.errorString));
+            }
+            retrieved(std::nullopt);
+        });
 }
 
-std::optional<QMap<QString, QString>>
-GridAction::retrieveKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded) const
+void GridAction::retrieveKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded,
+                                                       Retrieved retrieved) const
 {
     const ActionFilePtr file = actionFile();
     const QString variable = file ? file->keychainPasswordKey() : QString();
-    return retrieveSecret(keychainServiceName(), variable, BlankPasswordVariable, showErrors,
-                          base64Encoded);
+    retrieveSecret(keychainServiceName(), variable, BlankPasswordVariable, showErrors,
+                   base64Encoded, std::move(retrieved));
 }
 
-std::optional<QMap<QString, QString>>
-GridAction::retrieveSecondaryKeychainPasswordShowingErrors(bool showErrors,
-                                                           bool base64Encoded) const
+void GridAction::retrieveSecondaryKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded,
+                                                                Retrieved retrieved) const
 {
-    return retrieveSecret(secondaryKeychainServiceName(), PassphraseVariable,
-                          BlankPassphraseVariable, showErrors, base64Encoded);
+    retrieveSecret(secondaryKeychainServiceName(), PassphraseVariable, BlankPassphraseVariable,
+                   showErrors, base64Encoded, std::move(retrieved));
 }

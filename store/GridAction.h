@@ -10,6 +10,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -77,27 +78,30 @@ public:
     QString keychainServiceName() const;
     QString secondaryKeychainServiceName() const; // the key passphrase of SSH logins
     QString keychainAccountName() const;
-    bool storeKeychainPassword(const QString& password);
-    bool storeSecondaryKeychainPassword(const QString& passphrase);
+    // The secret calls answer through their continuation, on the main thread, before or
+    // after they return, as the secret store does.
+    using Stored = std::function<void(bool ok, const QString& error)>;
+    using Retrieved = std::function<void(const std::optional<QMap<QString, QString>>&)>;
+    // Also marks a blank password in the variables (save the action afterwards).
+    void storeKeychainPassword(const QString& password, Stored stored);
+    void storeSecondaryKeychainPassword(const QString& passphrase, Stored stored);
     // Deletes the login and passphrase unless another grid action uses the same item.
     void deleteKeychainPassword();
     bool isAnotherGridActionUsingKeychainItem(const QString& service,
                                               const QString& keychainAccountName) const;
     // One entry, the password variable's name to the password (base64 when asked); none when
     // there is no stored password (or it could not be read, shown when asked).
-    std::optional<QMap<QString, QString>>
-    retrieveKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded) const;
-    std::optional<QMap<QString, QString>>
-    retrieveSecondaryKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded) const;
+    void retrieveKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded,
+                                               Retrieved retrieved) const;
+    void retrieveSecondaryKeychainPasswordShowingErrors(bool showErrors, bool base64Encoded,
+                                                        Retrieved retrieved) const;
 
     static bool isDropbarType(const QString& type);
 
 private:
     QString pathVariable(const QString& key) const;
-    std::optional<QMap<QString, QString>> retrieveSecret(const QString& service,
-                                                         const QString& variable,
-                                                         const QString& blankMarker,
-                                                         bool showErrors, bool base64Encoded) const;
+    void retrieveSecret(const QString& service, const QString& variable, const QString& blankMarker,
+                        bool showErrors, bool base64Encoded, Retrieved retrieved) const;
 };
 
 using GridActionPtr = std::shared_ptr<GridAction>;

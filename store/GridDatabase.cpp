@@ -473,20 +473,22 @@ void GridDatabase::handleDBCorrupt()
             "attempt to recreate the database, but please note that this will result in the loss "
             "of any actions you have previously set up.");
         alert.buttons = {QStringLiteral("Close"), QStringLiteral("Recreate Database")};
-        if (AlertHelper::runAlert(alert) == 1) {
-            recreateDatabase();
-            GridStore::runOnNextTurn([] {
-                if (GridStoreHooks::shared().prepareGrid) {
-                    GridStoreHooks::shared().prepareGrid();
-                }
-            });
-            return;
-        }
-        if (GridStoreHooks::shared().quitApplication) {
-            GridStoreHooks::shared().quitApplication();
-        } else {
-            QCoreApplication::quit();
-        }
+        AlertHelper::runAlert(alert, [this](int button) {
+            if (button == 1) {
+                recreateDatabase();
+                GridStore::runOnNextTurn([] {
+                    if (GridStoreHooks::shared().prepareGrid) {
+                        GridStoreHooks::shared().prepareGrid();
+                    }
+                });
+                return;
+            }
+            if (GridStoreHooks::shared().quitApplication) {
+                GridStoreHooks::shared().quitApplication();
+            } else {
+                QCoreApplication::quit();
+            }
+        });
     });
 }
 

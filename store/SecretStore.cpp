@@ -17,6 +17,11 @@ SecretStore& SecretStore::shared()
     return *current();
 }
 
+std::shared_ptr<SecretStore> SecretStore::sharedPointer()
+{
+    return current();
+}
+
 void SecretStore::setShared(std::shared_ptr<SecretStore> store)
 {
     current() = store ? std::move(store) : std::make_shared<FileSecretStore>();

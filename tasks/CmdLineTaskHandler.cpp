@@ -5,6 +5,7 @@
 #include "builtin/ActionOptionSchemas.h"
 #include "builtin/BuiltInAction.h"
 #include "builtin/BuiltInActionRunner.h"
+#include "core/AlertHelper.h"
 #include "core/CmdLineProtocol.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
@@ -194,10 +195,12 @@ CmdLineTaskHandler::CmdLineTaskHandler(QObject* parent)
         NotificationCenter::distributed().addObserver({}, nullptr, [this](const Notification& n) {
             distributedPosted(n.name, n.object, n.userInfo);
         });
+    m_alertObserver = AlertHelper::addObserver([this](const Alert& alert) { alertRaised(alert); });
 }
 
 CmdLineTaskHandler::~CmdLineTaskHandler()
 {
+    AlertHelper::removeObserver(m_alertObserver);
     NotificationCenter::distributed().removeObserver(m_observer);
 }
 
@@ -268,91 +271,106 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
         {"install-action", &CmdLineTaskHandler::notAvailable},
         {"uninstall-action", &CmdLineTaskHandler::notAvailable},
     };
-    m_current = connection;
-    m_currentFinishes = true;
+    QPointer<CmdLineServer> server(&m_server);
+    auto client = std::make_shared<CmdLineRequest>(
+        userInfo,
+        [server, connection](const QString& text) {
+            if (server && server->isOpen(connection)) {
+                server->respond(connection, text);
+            }
+        },
+        [server, connection] {
+            if (server && server->isOpen(connection)) {
+                server->finish(connection);
+            }
+        });
+    const std::weak_ptr<CmdLineRequest> outer = std::exchange(m_dispatching, client);
     // Bundles may have been added to the actions folders since the last scan.
     ActionFileParser::shared().invalidateActionsCache();
     const QVariant word = userInfo.value(QStringLiteral("action"));
     if (userInfo.isEmpty() || word.typeId() != QMetaType::QString || word.toString().isEmpty()) {
-        respond(QStringLiteral("Error: Invalid command line task notification"));
+        client->respond(QStringLiteral("Error: Invalid command line task notification"));
     } else {
         const Entry* entry = std::find_if(std::begin(table), std::end(table), [&](const Entry& e) {
             return word.toString() == QLatin1String(e.word);
         });
         if (entry == std::end(table)) {
-            respond(QStringLiteral("Error: Unknown command: ") + word.toString());
+            client->respond(QStringLiteral("Error: Unknown command: ") + word.toString());
         } else {
-            (this->*(entry->handler))(userInfo);
+            (this->*(entry->handler))(client, userInfo);
         }
     }
-    m_current = 0;
-    if (m_currentFinishes) {
-        finishRequest(connection);
+    m_dispatching = outer;
+    if (!client->staysOpen()) {
+        client->finish();
     }
 }
 
-std::optional<GridId> CmdLineTaskHandler::findGrid(const QString& name)
+std::optional<GridId> CmdLineTaskHandler::findGrid(const CmdLineRequestPtr& client,
+                                                   const QString& name)
 {
     const SqlRows grids = gridsNamed(name);
     if (grids.isEmpty()) {
-        respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+        client->respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
         return std::nullopt;
     }
     return grids.first().value(QStringLiteral("id")).toLongLong();
 }
 
-void CmdLineTaskHandler::respond(const QString& text)
+CmdLineRequestPtr CmdLineTaskHandler::requestFor(const QObject* source) const
 {
-    if (m_current) {
-        m_server.respond(m_current, text);
+    const QObject* task = taskOf(const_cast<QObject*>(source));
+    for (const QObject* key : {task, source}) {
+        if (key && m_runs.contains(key)) {
+            return m_runs.value(key);
+        }
     }
+    return m_dispatching.lock();
 }
 
-void CmdLineTaskHandler::finishRequest(CmdLineServer::ConnectionId connection)
+void CmdLineTaskHandler::unbind(const CmdLineRequestPtr& request)
 {
-    if (m_server.isOpen(connection)) {
-        m_server.finish(connection);
+    for (auto it = m_runs.begin(); it != m_runs.end();) {
+        it = it.value() == request ? m_runs.erase(it) : std::next(it);
     }
 }
 
 void CmdLineTaskHandler::distributedPosted(const QString& name, QObject* object,
                                            const QVariantMap& userInfo)
 {
-    CmdLineServer::ConnectionId connection = 0;
-    const QObject* source = taskOf(object);
-    if (!source) {
-        source = object; // a built-in action speaks for itself
-    }
-    if (source && m_runs.contains(source)) {
-        connection = m_runs.value(source);
-    } else if (m_current) {
-        connection = m_current;
-    }
-    if (!connection) {
+    // A run request finishes when its task ends (its completion), not when a step of the
+    // run posts a finish on the way.
+    if (name != CmdLineNotifications::Response) {
         return;
     }
-    if (name == CmdLineNotifications::Response) {
-        m_server.respond(connection, userInfo.value(QStringLiteral("response")).toString());
-    } else if (name == CmdLineNotifications::Finish) {
-        if (connection == m_current) {
-            m_currentFinishes = true;
-        } else {
-            finishRequest(connection);
-        }
-        if (source) {
-            m_runs.remove(source);
-        }
+    if (const CmdLineRequestPtr client = requestFor(object)) {
+        client->respond(userInfo.value(QStringLiteral("response")).toString());
     }
+}
+
+void CmdLineTaskHandler::alertRaised(const Alert& alert)
+{
+    const CmdLineRequestPtr client = requestFor(alert.origin);
+    if (!client) {
+        return;
+    }
+    QString text = alert.title.isEmpty()     ? alert.message
+                   : alert.message.isEmpty() ? alert.title
+                                             : alert.title + QStringLiteral(": ") + alert.message;
+    if (alert.style != Alert::Style::Informational) {
+        text.prepend(QStringLiteral("Error: "));
+    }
+    client->respond(text);
 }
 
 // --- Commands ------------------------------------------------------------------------------
 
-void CmdLineTaskHandler::list(const QVariantMap& request)
+void CmdLineTaskHandler::list(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     GridId gridId = db().selectedGridId();
     QString header = QStringLiteral("\nAvailable Skelvo Actions:\n") + ListRule;
     if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
         if (!gridFound) {
             return;
         }
@@ -371,11 +389,11 @@ void CmdLineTaskHandler::list(const QVariantMap& request)
                                  {QStringLiteral("position"), placed.action->position},
                                  {QStringLiteral("servicesKey"), placed.action->servicesKey}};
         }
-        respond(json(array));
+        client->respond(json(array));
         return;
     }
     if (actions.isEmpty()) {
-        respond(QStringLiteral("No actions found"));
+        client->respond(QStringLiteral("No actions found"));
         return;
     }
     QString text = header;
@@ -383,20 +401,21 @@ void CmdLineTaskHandler::list(const QVariantMap& request)
         text += QStringLiteral("%1 (%2) in %3\n")
                     .arg(placed.action->name, placed.action->type, placed.category);
     }
-    respond(text);
+    client->respond(text);
 }
 
-void CmdLineTaskHandler::moveAction(const QVariantMap& request)
+void CmdLineTaskHandler::moveAction(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "name") || !has(request, "category")) {
-        respond(QStringLiteral("Error: Missing action name or category for move-action command."));
+        client->respond(
+            QStringLiteral("Error: Missing action name or category for move-action command."));
         return;
     }
     const QString name = str(request, "name");
     const QString categoryName = str(request, "category");
     std::optional<GridId> fromGrid;
     if (has(request, "fromGrid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "fromGrid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "fromGrid"));
         if (!gridFound) {
             return;
         }
@@ -404,23 +423,23 @@ void CmdLineTaskHandler::moveAction(const QVariantMap& request)
     }
     const QList<PlacedAction> found = actionsNamed(name, fromGrid);
     if (found.isEmpty()) {
-        respond(fromGrid ? QStringLiteral("Error: Action '") + name +
-                               QStringLiteral("' not found in grid '") + str(request, "fromGrid") +
-                               QStringLiteral("'")
-                         : QStringLiteral("Error: Action '%1' not found").arg(name));
+        client->respond(fromGrid ? QStringLiteral("Error: Action '") + name +
+                                       QStringLiteral("' not found in grid '") +
+                                       str(request, "fromGrid") + QStringLiteral("'")
+                                 : QStringLiteral("Error: Action '%1' not found").arg(name));
         return;
     }
     if (found.size() > 1) {
-        respond(QStringLiteral("Error: Multiple actions named '") + name +
-                QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
-                QStringLiteral("). Use --from-grid to specify which one to move."));
+        client->respond(QStringLiteral("Error: Multiple actions named '") + name +
+                        QStringLiteral("' exist (in grids: ") + gridNamesOf(found) +
+                        QStringLiteral("). Use --from-grid to specify which one to move."));
         return;
     }
     const PlacedAction& placed = found.first();
     GridId targetGrid = placed.gridId;
     QString targetGridName = placed.grid;
     if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
         if (!gridFound) {
             return;
         }
@@ -429,21 +448,23 @@ void CmdLineTaskHandler::moveAction(const QVariantMap& request)
     }
     const SqlRows categories = categoriesNamed(targetGrid, categoryName);
     if (categories.isEmpty()) {
-        respond(QStringLiteral("Error: Category '") + categoryName +
-                QStringLiteral("' not found in grid '") + targetGridName + QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Category '") + categoryName +
+                        QStringLiteral("' not found in grid '") + targetGridName +
+                        QStringLiteral("'"));
         return;
     }
     const CategoryId categoryId = categories.first().value(QStringLiteral("id")).toLongLong();
     const std::optional<qint64> position = integer(request, "position");
     if (categoryId == placed.action->categoryId && !position) {
-        respond(QStringLiteral("Error: Action '") + name +
-                QStringLiteral("' is already in category '") + categoryName + QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Action '") + name +
+                        QStringLiteral("' is already in category '") + categoryName +
+                        QStringLiteral("'"));
         return;
     }
     const int target = position ? static_cast<int>(qMax<qint64>(0, *position))
                                 : db().getNextPositionForCategoryId(categoryId);
     if (!db().moveAction(placed.action->aId, categoryId, target)) {
-        respond(QStringLiteral("Error: Failed to move action '%1'").arg(name));
+        client->respond(QStringLiteral("Error: Failed to move action '%1'").arg(name));
         return;
     }
     QString answer = QStringLiteral("Moved action '%1' to category '%2' in grid '%3'")
@@ -459,10 +480,10 @@ void CmdLineTaskHandler::moveAction(const QVariantMap& request)
         }
     }
     NotificationCenter::shared().post(Notifications::GridActionPositionsSaved);
-    respond(answer);
+    client->respond(answer);
 }
 
-void CmdLineTaskHandler::run(const QVariantMap& request)
+void CmdLineTaskHandler::run(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     const QString name = str(request, "name");
     GridActionPtr action;
@@ -473,7 +494,7 @@ void CmdLineTaskHandler::run(const QVariantMap& request)
         }
     }
     if (!action) {
-        respond(QStringLiteral("Error: Action '") + name + QStringLiteral("' not found"));
+        client->respond(QStringLiteral("Error: Action '") + name + QStringLiteral("' not found"));
         return;
     }
     const QStringList files = request.value(QStringLiteral("files")).toStringList();
@@ -484,7 +505,15 @@ void CmdLineTaskHandler::run(const QVariantMap& request)
                                                   : QStringLiteral("dragged");
     }
     if (!m_runStarter) {
-        respond(QStringLiteral("Error: Actions cannot be run yet; Skelvo is still starting."));
+        client->respond(
+            QStringLiteral("Error: Actions cannot be run yet; Skelvo is still starting."));
+        return;
+    }
+    // A header that fails validation says why, rather than what the action cannot take.
+    if (const ActionFilePtr file = action->actionFile(); file && file->metaValidationFailed) {
+        client->respond(QStringLiteral("Error: Action '") + name +
+                        QStringLiteral("' cannot run: its header has problems:\n") +
+                        file->metaValidationErrors.trimmed());
         return;
     }
     if (event == u"dragged" && !text.isEmpty() &&
@@ -495,47 +524,47 @@ void CmdLineTaskHandler::run(const QVariantMap& request)
         }
         if (!usableFiles || !action->actionFile() ||
             !action->actionFile()->handlesFilesDragType()) {
-            respond(QStringLiteral("Error: Action '") + name +
-                    (files.isEmpty() ? QStringLiteral("' does not support text input.")
-                                     : QStringLiteral("' does not support text input and no valid "
-                                                      "file paths were provided.")));
+            client->respond(QStringLiteral("Error: Action '") + name +
+                            (files.isEmpty()
+                                 ? QStringLiteral("' does not support text input.")
+                                 : QStringLiteral("' does not support text input and no valid "
+                                                  "file paths were provided.")));
             return;
         }
     }
     if ((action->type == u"Rename & Move Files" || action->type == u"Rename & Copy Files") &&
         EventsHandler::shared().isRenamePromptOpen()) {
-        respond(
+        client->respond(
             QStringLiteral("Error: Complete or cancel the current rename dialog before starting "
                            "another rename action."));
         return;
     }
-    const CmdLineServer::ConnectionId connection = m_current;
-    // The request stays open until its task finishes; anything the start answers or posts
-    // meanwhile goes to it. Whatever way the task ends, the request ends with it.
-    m_currentFinishes = false;
+    // The request stays open until its run ends, whichever way it ends, and hears what the
+    // run reports meanwhile.
+    client->stayOpen();
     const QList<BuiltInAction*> before = BuiltInActionRunner::shared()->runningBuiltInActions();
-    Task* task = m_runStarter(action, event, files, text, [this, connection] {
-        for (auto it = m_runs.begin(); it != m_runs.end();) {
-            it = it.value() == connection ? m_runs.erase(it) : std::next(it);
+    QPointer<CmdLineTaskHandler> self(this);
+    Task* task = m_runStarter(action, event, files, text, [self, client] {
+        if (self) {
+            self->unbind(client);
         }
-        finishRequest(connection);
+        client->finish();
     });
-    if (m_currentFinishes) {
+    if (client->isFinished()) {
         return; // it ended while it started
     }
     if (task) {
-        m_runs.insert(task, connection);
+        m_runs.insert(task, client);
     }
-    // A built-in action answers through its own object; nothing started at all still
-    // ends the request through the completion, on a later turn of the event loop.
+    // A built-in action answers through its own object.
     for (BuiltInAction* started : BuiltInActionRunner::shared()->runningBuiltInActions()) {
         if (!before.contains(started)) {
-            m_runs.insert(started, connection);
+            m_runs.insert(started, client);
         }
     }
 }
 
-void CmdLineTaskHandler::listRunning(const QVariantMap& request)
+void CmdLineTaskHandler::listRunning(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     const QList<Task*>& tasks = TasksController::shared().tasks();
     if (flag(request, "json")) {
@@ -552,11 +581,11 @@ void CmdLineTaskHandler::listRunning(const QVariantMap& request)
                                                          : QJsonValue());
             array << entry;
         }
-        respond(json(array));
+        client->respond(json(array));
         return;
     }
     if (tasks.isEmpty()) {
-        respond(QStringLiteral("No actions are currently running."));
+        client->respond(QStringLiteral("No actions are currently running."));
         return;
     }
     QString text = QStringLiteral("\nRunning Skelvo Actions:\n-------------------------\n");
@@ -573,20 +602,21 @@ void CmdLineTaskHandler::listRunning(const QVariantMap& request)
         }
         text += u'\n';
     }
-    respond(text);
+    client->respond(text);
 }
 
-void CmdLineTaskHandler::cancel(const QVariantMap& request)
+void CmdLineTaskHandler::cancel(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     const std::optional<qint64> index = integer(request, "index");
     if (!index) {
-        respond(QStringLiteral("Error: Missing index for cancel command."));
+        client->respond(QStringLiteral("Error: Missing index for cancel command."));
         return;
     }
     const QList<Task*>& tasks = TasksController::shared().tasks();
     if (*index < 0 || *index >= tasks.size()) {
-        respond(QString::number(*index) +
-                QStringLiteral(" is out of bounds. Use 'sk list-running' to see running actions."));
+        client->respond(
+            QString::number(*index) +
+            QStringLiteral(" is out of bounds. Use 'sk list-running' to see running actions."));
         return;
     }
     Task* task = tasks.at(*index);
@@ -602,15 +632,16 @@ void CmdLineTaskHandler::cancel(const QVariantMap& request)
             runner->cancelTask();
         }
     }
-    respond(QStringLiteral("Cancelled action '") + name + QStringLiteral("'"));
+    client->respond(QStringLiteral("Cancelled action '") + name + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::status(const QVariantMap&)
+void CmdLineTaskHandler::status(const CmdLineRequestPtr& client, const QVariantMap&)
 {
-    respond(m_isGridOpen && m_isGridOpen() ? QStringLiteral("open") : QStringLiteral("closed"));
+    client->respond(m_isGridOpen && m_isGridOpen() ? QStringLiteral("open")
+                                                   : QStringLiteral("closed"));
 }
 
-void CmdLineTaskHandler::listGrids(const QVariantMap& request)
+void CmdLineTaskHandler::listGrids(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     const GridId current = db().selectedGridId();
     const SqlRows grids = db().getGrids();
@@ -625,7 +656,7 @@ void CmdLineTaskHandler::listGrids(const QVariantMap& request)
                 {QStringLiteral("columns"), db().numColsForGrid(id)},
                 {QStringLiteral("size"), db().gridSizeForGrid(id)}};
         }
-        respond(json(array));
+        client->respond(json(array));
         return;
     }
     QString text = QStringLiteral("\nAvailable Skelvo Grids:\n") + ListRule;
@@ -634,73 +665,76 @@ void CmdLineTaskHandler::listGrids(const QVariantMap& request)
         text += (isCurrent ? QStringLiteral("* ") : QStringLiteral("  ")) +
                 grid.value(QStringLiteral("name")).toString() + u'\n';
     }
-    respond(text);
+    client->respond(text);
 }
 
-void CmdLineTaskHandler::switchGrid(const QVariantMap& request)
+void CmdLineTaskHandler::switchGrid(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "name")) {
-        respond(QStringLiteral("Error: Missing grid name for switch-grid command."));
+        client->respond(QStringLiteral("Error: Missing grid name for switch-grid command."));
         return;
     }
     const QString name = str(request, "name");
     const SqlRows grids = gridsNamed(name);
     if (grids.isEmpty()) {
-        respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+        client->respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
         return;
     }
     db().setSelectedGridId(grids.first().value(QStringLiteral("id")).toLongLong());
     NotificationCenter::shared().post(Notifications::GridsChanged);
-    respond(QStringLiteral("Switched to grid '") + name + QStringLiteral("'"));
+    client->respond(QStringLiteral("Switched to grid '") + name + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::createGrid(const QVariantMap& request)
+void CmdLineTaskHandler::createGrid(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "name")) {
-        respond(QStringLiteral("Error: Missing grid name for create-grid command."));
+        client->respond(QStringLiteral("Error: Missing grid name for create-grid command."));
         return;
     }
     const QString name = str(request, "name");
     if (!gridsNamed(name).isEmpty()) {
-        respond(QStringLiteral("Error: A grid named '") + name +
-                QStringLiteral("' already exists. Grid names must be unique."));
+        client->respond(QStringLiteral("Error: A grid named '") + name +
+                        QStringLiteral("' already exists. Grid names must be unique."));
         return;
     }
     if (!db().addGridWithName(name)) {
-        respond(QStringLiteral("Error: Failed to create grid '") + name + QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Failed to create grid '") + name +
+                        QStringLiteral("'"));
         return;
     }
     NotificationCenter::shared().post(Notifications::GridsChanged);
-    respond(QStringLiteral("Created grid '") + name + QStringLiteral("'"));
+    client->respond(QStringLiteral("Created grid '") + name + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::removeGrid(const QVariantMap& request)
+void CmdLineTaskHandler::removeGrid(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "name")) {
-        respond(QStringLiteral("Error: Missing grid name for remove-grid command."));
+        client->respond(QStringLiteral("Error: Missing grid name for remove-grid command."));
         return;
     }
     const QString name = str(request, "name");
     const SqlRows grids = gridsNamed(name);
     if (grids.isEmpty()) {
-        respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+        client->respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
         return;
     }
     if (grids.size() > 1) {
-        respond(QStringLiteral("Error: Multiple grids named '") + name +
-                QStringLiteral(
-                    "' exist. Please rename grids so names are unique before removing by name."));
+        client->respond(
+            QStringLiteral("Error: Multiple grids named '") + name +
+            QStringLiteral(
+                "' exist. Please rename grids so names are unique before removing by name."));
         return;
     }
     if (db().getGrids().size() <= 1) {
-        respond(QStringLiteral("Error: Cannot remove grid '") + name +
-                QStringLiteral("'. You must have at least one grid."));
+        client->respond(QStringLiteral("Error: Cannot remove grid '") + name +
+                        QStringLiteral("'. You must have at least one grid."));
         return;
     }
     const GridId gridId = grids.first().value(QStringLiteral("id")).toLongLong();
     const bool wasCurrent = db().selectedGridId() == gridId;
     if (!db().deleteGrid(gridId)) {
-        respond(QStringLiteral("Error: Failed to remove grid '") + name + QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Failed to remove grid '") + name +
+                        QStringLiteral("'"));
         return;
     }
     NotificationCenter::shared().post(Notifications::GridsChanged);
@@ -708,18 +742,18 @@ void CmdLineTaskHandler::removeGrid(const QVariantMap& request)
         const SqlRows left = db().getGrids();
         const GridId next = left.first().value(QStringLiteral("id")).toLongLong();
         db().setSelectedGridId(next);
-        respond(QStringLiteral("Removed grid '") + name +
-                QStringLiteral("'. Switched active grid to '") + gridName(next) +
-                QStringLiteral("'"));
+        client->respond(QStringLiteral("Removed grid '") + name +
+                        QStringLiteral("'. Switched active grid to '") + gridName(next) +
+                        QStringLiteral("'"));
         return;
     }
-    respond(QStringLiteral("Removed grid '") + name + QStringLiteral("'"));
+    client->respond(QStringLiteral("Removed grid '") + name + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::addCategory(const QVariantMap& request)
+void CmdLineTaskHandler::addCategory(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "grid") || !has(request, "category")) {
-        respond(
+        client->respond(
             QStringLiteral("Error: Missing grid name or category name for add-category command."));
         return;
     }
@@ -727,22 +761,23 @@ void CmdLineTaskHandler::addCategory(const QVariantMap& request)
     const QString category = str(request, "category");
     const SqlRows grids = gridsNamed(grid);
     if (grids.isEmpty()) {
-        respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
+        client->respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
         return;
     }
     if (!db().addCategoryWithName(category,
                                   grids.first().value(QStringLiteral("id")).toLongLong())) {
-        respond(QStringLiteral("Error: Failed to add category '") + category + QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Failed to add category '") + category +
+                        QStringLiteral("'"));
         return;
     }
-    respond(QStringLiteral("Added category '") + category + QStringLiteral("' to grid '") + grid +
-            QStringLiteral("'"));
+    client->respond(QStringLiteral("Added category '") + category + QStringLiteral("' to grid '") +
+                    grid + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::removeCategory(const QVariantMap& request)
+void CmdLineTaskHandler::removeCategory(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "grid") || !has(request, "category")) {
-        respond(QStringLiteral(
+        client->respond(QStringLiteral(
             "Error: Missing grid name or category name for remove-category command."));
         return;
     }
@@ -750,18 +785,18 @@ void CmdLineTaskHandler::removeCategory(const QVariantMap& request)
     const QString category = str(request, "category");
     const SqlRows grids = gridsNamed(grid);
     if (grids.isEmpty()) {
-        respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
+        client->respond(QStringLiteral("Error: Grid '%1' not found").arg(grid));
         return;
     }
     const SqlRows found =
         categoriesNamed(grids.first().value(QStringLiteral("id")).toLongLong(), category);
     if (found.isEmpty()) {
-        respond(QStringLiteral("Error: Category '") + category +
-                QStringLiteral("' not found in grid '") + grid + QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Category '") + category +
+                        QStringLiteral("' not found in grid '") + grid + QStringLiteral("'"));
         return;
     }
     if (found.size() > 1) {
-        respond(
+        client->respond(
             QStringLiteral("Error: Multiple categories named '") + category +
             QStringLiteral("' exist in grid '") + grid +
             QStringLiteral("'. Please rename categories so names are unique within the grid before "
@@ -769,19 +804,19 @@ void CmdLineTaskHandler::removeCategory(const QVariantMap& request)
         return;
     }
     if (!db().deleteCategory(found.first().value(QStringLiteral("id")).toLongLong())) {
-        respond(QStringLiteral("Error: Failed to remove category '") + category +
-                QStringLiteral("'"));
+        client->respond(QStringLiteral("Error: Failed to remove category '") + category +
+                        QStringLiteral("'"));
         return;
     }
-    respond(QStringLiteral("Removed category '") + category + QStringLiteral("' from grid '") +
-            grid + QStringLiteral("'"));
+    client->respond(QStringLiteral("Removed category '") + category +
+                    QStringLiteral("' from grid '") + grid + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::listCategories(const QVariantMap& request)
+void CmdLineTaskHandler::listCategories(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     GridId gridId = db().selectedGridId();
     if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
         if (!gridFound) {
             return;
         }
@@ -799,7 +834,7 @@ void CmdLineTaskHandler::listCategories(const QVariantMap& request)
                  category.value(QStringLiteral("display_order")).toInt()},
                 {QStringLiteral("actions"), db().getNumActionsForCategoryId(id)}};
         }
-        respond(json(array));
+        client->respond(json(array));
         return;
     }
     QString text = QStringLiteral("\nSkelvo Grid Categories:\n") + ListRule;
@@ -809,17 +844,17 @@ void CmdLineTaskHandler::listCategories(const QVariantMap& request)
                     .arg(db().getNumActionsForCategoryId(
                         category.value(QStringLiteral("id")).toLongLong()));
     }
-    respond(text);
+    client->respond(text);
 }
 
-void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
+void CmdLineTaskHandler::gridSettings(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "grid")) {
-        respond(QStringLiteral("Error: Missing grid name for grid-settings command."));
+        client->respond(QStringLiteral("Error: Missing grid name for grid-settings command."));
         return;
     }
     const QString grid = str(request, "grid");
-    const std::optional<GridId> gridFound = findGrid(grid);
+    const std::optional<GridId> gridFound = findGrid(client, grid);
     if (!gridFound) {
         return;
     }
@@ -828,16 +863,17 @@ void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
     const std::optional<qint64> cols = integer(request, "cols");
     // Check everything before changing anything.
     if (size && (*size <= 0 || *size > 150)) {
-        respond(QStringLiteral("Error: size must be greater than 0 and no larger than 150."));
+        client->respond(
+            QStringLiteral("Error: size must be greater than 0 and no larger than 150."));
         return;
     }
     if (cols && *cols != 0 && (*cols < 2 || *cols > 10)) {
-        respond(QStringLiteral("Error: cols must be 0 (auto) or between 2 and 10."));
+        client->respond(QStringLiteral("Error: cols must be 0 (auto) or between 2 and 10."));
         return;
     }
     const bool changesDropBar = request.contains(QStringLiteral("dropBar"));
     if (changesDropBar && db().categoriesForGrid(gridId).isEmpty()) {
-        respond(QStringLiteral(
+        client->respond(QStringLiteral(
             "Error: Cannot change Drop Bar visibility for a grid with no categories — it "
             "always shows the Drop Bar. Add at least one category first."));
         return;
@@ -845,12 +881,12 @@ void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
     const bool renames = request.contains(QStringLiteral("name"));
     const QString newName = str(request, "name").trimmed();
     if (renames && newName.isEmpty()) {
-        respond(QStringLiteral("Error: The new grid name cannot be empty."));
+        client->respond(QStringLiteral("Error: The new grid name cannot be empty."));
         return;
     }
     if (renames && newName != grid && !gridsNamed(newName).isEmpty()) {
-        respond(QStringLiteral("Error: A grid named '") + newName +
-                QStringLiteral("' already exists. Grid names must be unique."));
+        client->respond(QStringLiteral("Error: A grid named '") + newName +
+                        QStringLiteral("' already exists. Grid names must be unique."));
         return;
     }
     QStringList changes;
@@ -880,22 +916,24 @@ void CmdLineTaskHandler::gridSettings(const QVariantMap& request)
     }
     if (!changes.isEmpty()) {
         NotificationCenter::shared().post(Notifications::GridsChanged);
-        respond(
+        client->respond(
             QStringLiteral("Updated grid '%1': %2").arg(grid, changes.join(QStringLiteral(", "))));
         return;
     }
     const int columns = db().numColsForGrid(gridId);
-    respond(QStringLiteral("Grid '%1':\n  size: %2\n  columns: %3\n  Drop Bar: %4\n  switcher: %5")
-                .arg(grid)
-                .arg(db().gridSizeForGrid(gridId))
-                .arg(columns == 0 ? QStringLiteral("auto") : QString::number(columns))
-                .arg(db().specialActionsVisibleForGrid(gridId) ? QStringLiteral("shown")
-                                                               : QStringLiteral("hidden"))
-                .arg(db().gridSwitcherVisibleForGrid(gridId) ? QStringLiteral("shown")
-                                                             : QStringLiteral("hidden")));
+    client->respond(
+        QStringLiteral("Grid '%1':\n  size: %2\n  columns: %3\n  Drop Bar: %4\n  switcher: %5")
+            .arg(grid)
+            .arg(db().gridSizeForGrid(gridId))
+            .arg(columns == 0 ? QStringLiteral("auto") : QString::number(columns))
+            .arg(db().specialActionsVisibleForGrid(gridId) ? QStringLiteral("shown")
+                                                           : QStringLiteral("hidden"))
+            .arg(db().gridSwitcherVisibleForGrid(gridId) ? QStringLiteral("shown")
+                                                         : QStringLiteral("hidden")));
 }
 
-void CmdLineTaskHandler::listActionTypes(const QVariantMap& request)
+void CmdLineTaskHandler::listActionTypes(const CmdLineRequestPtr& client,
+                                         const QVariantMap& request)
 {
     ActionFileList types;
     for (const ActionFilePtr& record : ActionFileParser::shared().actionFiles()) {
@@ -915,26 +953,27 @@ void CmdLineTaskHandler::listActionTypes(const QVariantMap& request)
                 {QStringLiteral("builtIn"), record->isBuiltInAction},
                 {QStringLiteral("options"), record->optionsNib}};
         }
-        respond(json(array));
+        client->respond(json(array));
         return;
     }
     QString text = QStringLiteral("\nSkelvo Action Types:\n") + ListRule;
     for (const ActionFilePtr& record : types) {
         text += QStringLiteral("%1 (%2)\n").arg(record->actionName, record->handlesString());
     }
-    respond(text);
+    client->respond(text);
 }
 
-void CmdLineTaskHandler::actionInfo(const QVariantMap& request)
+void CmdLineTaskHandler::actionInfo(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "type")) {
-        respond(QStringLiteral("Error: Missing action type for action-info command."));
+        client->respond(QStringLiteral("Error: Missing action type for action-info command."));
         return;
     }
     const ActionFilePtr record = ActionFileParser::shared().getActionWithType(str(request, "type"));
     if (!record) {
-        respond(QStringLiteral("Error: Action type '") + str(request, "type") +
-                QStringLiteral("' not found. Use 'sk list-action-types' to see available types."));
+        client->respond(
+            QStringLiteral("Error: Action type '") + str(request, "type") +
+            QStringLiteral("' not found. Use 'sk list-action-types' to see available types."));
         return;
     }
     QString description = record->actionDescription;
@@ -957,30 +996,31 @@ void CmdLineTaskHandler::actionInfo(const QVariantMap& request)
     } else {
         text += QStringLiteral("Script: %1\n").arg(record->scriptPath());
     }
-    respond(text);
+    client->respond(text);
 }
 
-void CmdLineTaskHandler::addAction(const QVariantMap& request)
+void CmdLineTaskHandler::addAction(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "type")) {
-        respond(QStringLiteral("Error: Missing action type for add-action command."));
+        client->respond(QStringLiteral("Error: Missing action type for add-action command."));
         return;
     }
     if (!db().isOpen() || !db().requiredTablesExist()) {
-        respond(QStringLiteral("Error: Could not access the actions database."));
+        client->respond(QStringLiteral("Error: Could not access the actions database."));
         return;
     }
     const QString type = str(request, "type");
     const ActionFilePtr record = ActionFileParser::shared().getActionWithType(type);
     if (!record || record->isSharingService) {
-        respond(QStringLiteral("Error: Action type '") + type +
-                QStringLiteral("' not found. Use 'sk list-action-types' to see available types."));
+        client->respond(
+            QStringLiteral("Error: Action type '") + type +
+            QStringLiteral("' not found. Use 'sk list-action-types' to see available types."));
         return;
     }
     const QVariantMap options = request.value(QStringLiteral("options")).toMap();
     if (!options.isEmpty() && record->optionsNib.isEmpty()) {
-        respond(QStringLiteral("Error: Action type '") + type +
-                QStringLiteral("' does not take configuration options."));
+        client->respond(QStringLiteral("Error: Action type '") + type +
+                        QStringLiteral("' does not take configuration options."));
         return;
     }
     const QString cwd = str(request, "cwd");
@@ -994,7 +1034,7 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
         }
         const auto outcome = ActionOptionSchemas::validate(record->optionsNib, given, cwd, type);
         if (const auto* failure = std::get_if<ActionOptionValidationError>(&outcome)) {
-            respond(QStringLiteral("Error: ") + failure->message);
+            client->respond(QStringLiteral("Error: ") + failure->message);
             return;
         }
         validated = std::get<ValidatedActionOptions>(outcome);
@@ -1002,7 +1042,7 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
     GridId gridId = db().selectedGridId();
     QString grid = gridName(gridId);
     if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
         if (!gridFound) {
             return;
         }
@@ -1013,8 +1053,8 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
     if (has(request, "category")) {
         const SqlRows categories = categoriesNamed(gridId, str(request, "category"));
         if (categories.isEmpty()) {
-            respond(QStringLiteral("Error: Category '") + str(request, "category") +
-                    QStringLiteral("' not found in grid '") + grid + QStringLiteral("'"));
+            client->respond(QStringLiteral("Error: Category '") + str(request, "category") +
+                            QStringLiteral("' not found in grid '") + grid + QStringLiteral("'"));
             return;
         }
         categoryId = categories.first().value(QStringLiteral("id")).toLongLong();
@@ -1039,37 +1079,76 @@ void CmdLineTaskHandler::addAction(const QVariantMap& request)
     if (has(request, "icon")) {
         QFile icon(absolutePath(str(request, "icon"), cwd));
         if (!icon.open(QIODevice::ReadOnly)) {
-            respond(QStringLiteral("Error: Cannot read icon image '%1'").arg(icon.fileName()));
+            client->respond(
+                QStringLiteral("Error: Cannot read icon image '%1'").arg(icon.fileName()));
             return;
         }
         action->icon = icon.readAll();
         action->usingDefaultIcon = false;
     }
-    // Secrets go to the secret store, named by the variables set above.
-    if ((validated.secret && !action->storeKeychainPassword(*validated.secret)) ||
-        (validated.secondarySecret &&
-         !action->storeSecondaryKeychainPassword(*validated.secondarySecret))) {
-        respond(
-            QStringLiteral("Error: Could not store the secret for action '%1'").arg(action->name));
-        return;
-    }
     if (!action->create()) {
-        respond(QStringLiteral("Error: Failed to add action '%1'").arg(action->name));
+        client->respond(QStringLiteral("Error: Failed to add action '%1'").arg(action->name));
         return;
     }
-    respond(QStringLiteral("Added action '%1' (%2) to grid '%3'").arg(action->name, type, grid));
+    const QString added =
+        QStringLiteral("Added action '%1' (%2) to grid '%3'").arg(action->name, type, grid);
+    if (!validated.secret && !validated.secondarySecret) {
+        client->respond(added);
+        return;
+    }
+    // Secrets go to the secret store, named by the variables of the action that now exists;
+    // an action whose secret cannot be kept is taken out again, so nothing is left half-made.
+    client->stayOpen();
+    auto failed = [client, action](const QString& error) {
+        action->remove();
+        client->respond(QStringLiteral("Error: Could not store the secret for action '%1': %2")
+                            .arg(action->name, error));
+        client->finish();
+    };
+    auto storeSecondary = [client, action, validated, added, failed] {
+        auto done = [client, action, added, failed](bool ok, const QString& error) {
+            if (!ok) {
+                failed(error);
+                return;
+            }
+            // Storing marks blank secrets in the variables.
+            if (!action->update()) {
+                failed(QStringLiteral("the action could not be saved"));
+                return;
+            }
+            client->respond(added);
+            client->finish();
+        };
+        if (validated.secondarySecret) {
+            action->storeSecondaryKeychainPassword(*validated.secondarySecret, done);
+        } else {
+            done(true, {});
+        }
+    };
+    if (validated.secret) {
+        action->storeKeychainPassword(*validated.secret,
+                                      [storeSecondary, failed](bool ok, const QString& error) {
+                                          if (ok) {
+                                              storeSecondary();
+                                          } else {
+                                              failed(error);
+                                          }
+                                      });
+    } else {
+        storeSecondary();
+    }
 }
 
-void CmdLineTaskHandler::removeAction(const QVariantMap& request)
+void CmdLineTaskHandler::removeAction(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "name")) {
-        respond(QStringLiteral("Error: Missing action name for remove-action command."));
+        client->respond(QStringLiteral("Error: Missing action name for remove-action command."));
         return;
     }
     const QString name = str(request, "name");
     std::optional<GridId> inGrid;
     if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
         if (!gridFound) {
             return;
         }
@@ -1077,30 +1156,30 @@ void CmdLineTaskHandler::removeAction(const QVariantMap& request)
     }
     const auto single = singleActionNamed(
         name, inGrid, QStringLiteral(". Use --grid to specify which one to remove."),
-        [this](const QString& text) { respond(text); });
+        [&client](const QString& text) { client->respond(text); });
     if (!single) {
         return;
     }
     single->action->remove();
-    respond(QStringLiteral("Removed action '") + name + QStringLiteral("'"));
+    client->respond(QStringLiteral("Removed action '") + name + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::setIcon(const QVariantMap& request)
+void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     if (!has(request, "name")) {
-        respond(QStringLiteral("Error: Missing action name for set-icon command."));
+        client->respond(QStringLiteral("Error: Missing action name for set-icon command."));
         return;
     }
     const bool reset = flag(request, "reset");
     if (!has(request, "icon") && !reset) {
-        respond(QStringLiteral(
+        client->respond(QStringLiteral(
             "Error: Provide an image path or use --reset to restore the default icon."));
         return;
     }
     const QString name = str(request, "name");
     std::optional<GridId> inGrid;
     if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(str(request, "grid"));
+        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
         if (!gridFound) {
             return;
         }
@@ -1108,7 +1187,7 @@ void CmdLineTaskHandler::setIcon(const QVariantMap& request)
     }
     const auto single =
         singleActionNamed(name, inGrid, QStringLiteral(". Use --grid to specify which one."),
-                          [this](const QString& text) { respond(text); });
+                          [&client](const QString& text) { client->respond(text); });
     if (!single) {
         return;
     }
@@ -1119,27 +1198,27 @@ void CmdLineTaskHandler::setIcon(const QVariantMap& request)
         action.icon.clear();
         action.usingDefaultIcon = true;
         action.update();
-        respond(QStringLiteral("Reset '") + name +
-                QStringLiteral("' to its default icon in grid '") + placed.grid +
-                QStringLiteral("'"));
+        client->respond(QStringLiteral("Reset '") + name +
+                        QStringLiteral("' to its default icon in grid '") + placed.grid +
+                        QStringLiteral("'"));
         return;
     }
     QFile icon(absolutePath(str(request, "icon"), str(request, "cwd")));
     if (!icon.open(QIODevice::ReadOnly)) {
-        respond(QStringLiteral("Error: Cannot read icon image '%1'").arg(icon.fileName()));
+        client->respond(QStringLiteral("Error: Cannot read icon image '%1'").arg(icon.fileName()));
         return;
     }
     action.icon = icon.readAll();
     action.usingDefaultIcon = false;
     if (!Icons::shared().saveIcon(action.icon, action.aId) || !action.update()) {
-        respond(QStringLiteral("Error: Failed to set the icon of '%1'").arg(name));
+        client->respond(QStringLiteral("Error: Failed to set the icon of '%1'").arg(name));
         return;
     }
-    respond(QStringLiteral("Set custom icon for '") + name + QStringLiteral("'"));
+    client->respond(QStringLiteral("Set custom icon for '") + name + QStringLiteral("'"));
 }
 
-void CmdLineTaskHandler::notAvailable(const QVariantMap& request)
+void CmdLineTaskHandler::notAvailable(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    respond(QStringLiteral("Error: '%1' is not available in this version of Skelvo.")
-                .arg(str(request, "action")));
+    client->respond(QStringLiteral("Error: '%1' is not available in this version of Skelvo.")
+                        .arg(str(request, "action")));
 }

@@ -2,20 +2,24 @@
 
 #include "core/Identifiers.h"
 #include "platform/CmdLineServer.h"
+#include "tasks/CmdLineRequest.h"
 
 #include <QHash>
 #include <QObject>
 #include <QPointer>
 #include <QVariantMap>
 
+struct Alert;
+
 #include <functional>
 
 class GridAction;
 class Task;
 
-// Answers the requests of the `sk` command-line tool: dispatches each by its command word,
-// answers with response texts and finishes it exactly once. A "run" request finishes when
-// its task does.
+// Answers the requests of the `sk` command-line tool: dispatches each by its command word
+// to a command that answers through the request's own context (CmdLineRequest) and
+// finishes it exactly once. A "run" request finishes when its task does, and hears what
+// the run reports on the way: its result, its failure, the alerts it raises.
 class CmdLineTaskHandler : public QObject {
     Q_OBJECT
 public:
@@ -46,44 +50,48 @@ public:
     void handleCmdLineTask(CmdLineServer::ConnectionId connection, const QVariantMap& userInfo);
 
 private:
-    using Handler = void (CmdLineTaskHandler::*)(const QVariantMap&);
+    using Handler = void (CmdLineTaskHandler::*)(const CmdLineRequestPtr&, const QVariantMap&);
 
     void requestReceived(CmdLineServer::ConnectionId connection, const QString& name,
                          const QVariantMap& userInfo);
     void distributedPosted(const QString& name, QObject* object, const QVariantMap& userInfo);
-    void respond(const QString& text);
+    void alertRaised(const Alert& alert);
+    // The request that what `source` reports belongs to, if any.
+    CmdLineRequestPtr requestFor(const QObject* source) const;
+    void unbind(const CmdLineRequestPtr& request);
     // The first grid of that name; answers the request and gives none when there is none.
-    std::optional<GridId> findGrid(const QString& name);
-    void finishRequest(CmdLineServer::ConnectionId connection);
+    std::optional<GridId> findGrid(const CmdLineRequestPtr& client, const QString& name);
 
-    void list(const QVariantMap& request);
-    void moveAction(const QVariantMap& request);
-    void run(const QVariantMap& request);
-    void listRunning(const QVariantMap& request);
-    void cancel(const QVariantMap& request);
-    void status(const QVariantMap& request);
-    void listGrids(const QVariantMap& request);
-    void switchGrid(const QVariantMap& request);
-    void createGrid(const QVariantMap& request);
-    void removeGrid(const QVariantMap& request);
-    void addCategory(const QVariantMap& request);
-    void removeCategory(const QVariantMap& request);
-    void listCategories(const QVariantMap& request);
-    void gridSettings(const QVariantMap& request);
-    void listActionTypes(const QVariantMap& request);
-    void actionInfo(const QVariantMap& request);
-    void addAction(const QVariantMap& request);
-    void removeAction(const QVariantMap& request);
-    void setIcon(const QVariantMap& request);
-    void notAvailable(const QVariantMap& request);
+    void list(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void moveAction(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void run(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void listRunning(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void cancel(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void status(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void listGrids(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void switchGrid(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void createGrid(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void removeGrid(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void addCategory(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void removeCategory(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void listCategories(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void gridSettings(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void listActionTypes(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void actionInfo(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void addAction(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void removeAction(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void setIcon(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void notAvailable(const CmdLineRequestPtr& client, const QVariantMap& request);
 
     CmdLineServer m_server;
     int m_observer = 0;
-    // The request being dispatched: whatever is posted meanwhile belongs to it.
-    CmdLineServer::ConnectionId m_current = 0;
-    bool m_currentFinishes = true;
+    int m_alertObserver = 0;
+    // While a command runs synchronously, what it sets off (a task or built-in action that
+    // does not know its request yet, an alert of the application) reports to its request.
+    // Nothing else is dispatched meanwhile: no engine code runs a nested event loop.
+    std::weak_ptr<CmdLineRequest> m_dispatching;
     // What a "run" request started (a task or a built-in action) and the request it answers.
-    QHash<const QObject*, CmdLineServer::ConnectionId> m_runs;
+    QHash<const QObject*, CmdLineRequestPtr> m_runs;
     RunStarter m_runStarter;
     std::function<QString(const QStringList&, const QString&)> m_handOver;
     std::function<bool()> m_isGridOpen;

@@ -17,6 +17,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QPointer>
 #include <QSaveFile>
 
 #include <utility>
@@ -66,9 +67,50 @@ std::unique_ptr<Task> Task::copy() const
 void Task::run()
 {
     ActionFileParser::shared().invalidateActionsCache();
-    const std::optional<QString> description = generateTaskDescription(false);
-    m_debugConsole->setLastRunTask(copy());
-    runWithTaskDescription(description);
+    m_waitingForSecrets = true;
+    auto returned = std::make_shared<bool>(false);
+    QPointer<Task> self(this);
+    loadSecrets([self, returned] {
+        if (!self) {
+            return;
+        }
+        self->m_waitingForSecrets = false;
+        const bool late = *returned;
+        const std::optional<QString> description = self->generateTaskDescription(false);
+        self->m_debugConsole->setLastRunTask(self->copy());
+        self->runWithTaskDescription(description);
+        // Whoever started it has moved on: a task that could not start is nobody's now.
+        if (late && self->m_taskDescriptionPath.isEmpty()) {
+            self->deleteLater();
+        }
+    });
+    *returned = true;
+}
+
+void Task::loadSecrets(std::function<void()> ready)
+{
+    m_secret.reset();
+    m_secretLoaded = false;
+    const GridActionPtr stored =
+        gridAction ? GridDatabase::sharedGridDatabase().getGridActionWithId(gridAction->aId)
+                   : nullptr;
+    const ActionFilePtr file = stored && stored->actionFile() ? stored->actionFile() : actionFile;
+    if (!stored || !file || !file->optionsNibNeedsKeychain()) {
+        m_secretLoaded = true;
+        ready();
+        return;
+    }
+    QPointer<Task> self(this);
+    stored->retrieveKeychainPasswordShowingErrors(
+        false, true,
+        [self, ready = std::move(ready)](const std::optional<QMap<QString, QString>>& secret) {
+            if (!self) {
+                return;
+            }
+            self->m_secret = secret;
+            self->m_secretLoaded = true;
+            ready();
+        });
 }
 
 void Task::runWithTaskDescription(const std::optional<QString>& description)
@@ -135,8 +177,8 @@ std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) cons
     }
 
     if (file->optionsNibNeedsKeychain() && gridAction) {
-        const auto password = gridAction->retrieveKeychainPasswordShowingErrors(false, true);
-        if (!password) {
+        const auto& password = m_secret;
+        if (!m_secretLoaded || !password) {
             // Nothing runs until the user has entered the password.
             WindowPresenter::shared().showEditWindowForAction(gridAction->aId);
             return std::nullopt;

@@ -72,7 +72,13 @@ public:
     // The same action, event, items and variables, without path, runner or completion.
     std::unique_ptr<Task> copy() const;
 
+    // Reads the action's stored login first; the secret store may answer later, so the
+    // task may start after run() returns. A task that cannot start then, with nobody left
+    // to own it, deletes itself.
     void run();
+    bool isWaitingForSecrets() const { return m_waitingForSecrets; }
+    // Reads the login that the description will carry, then calls `ready`.
+    void loadSecrets(std::function<void()> ready);
     void runWithTaskDescription(const std::optional<QString>& description);
 
     // The description file's text; none when the task must not run.
@@ -111,4 +117,7 @@ private:
     TaskRunner* m_taskRunner = nullptr;
     DebugConsoleController* m_debugConsole;
     bool m_descriptionFileRemoved = false;
+    bool m_waitingForSecrets = false;
+    std::optional<QMap<QString, QString>> m_secret;
+    bool m_secretLoaded = false;
 };

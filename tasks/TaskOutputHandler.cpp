@@ -47,6 +47,8 @@ const QStringList KnownCommands = {
     QStringLiteral("Notification_AppleScript"),
 };
 
+constexpr qsizetype ErrorOutputKeptChars = 4000;
+
 QString truncated(const QString& text, qsizetype length)
 {
     return text.size() > length ? text.left(length) + QStringLiteral("…") : text;
@@ -112,6 +114,7 @@ void TaskOutputHandler::processOutput(const QString& text)
         } else {
             // Mostly error output: standard error shares the pipe.
             console().append(item.text, Colour::Red);
+            m_errorOutput = (m_errorOutput + item.text).right(ErrorOutputKeptChars);
         }
     }
 }
@@ -152,6 +155,7 @@ void TaskOutputHandler::processCommand(const QString& command, const QString& me
         m_errorTitle = message;
     } else if (command == u"Error") {
         m_taskFailed = true;
+        m_failureReported = true; // the alert tells a command-line caller
         if (m_taskStatus) {
             m_taskStatus->cancel();
         }
@@ -184,9 +188,10 @@ void TaskOutputHandler::processCommand(const QString& command, const QString& me
         for (const QString& path : std::as_const(m_dropbarAddPaths)) {
             if (!QFileInfo::exists(path)) {
                 m_taskFailed = true;
-                console().append(
-                    QStringLiteral("Add to Drop Bar failed. Path at %1 not found\n").arg(path),
-                    Colour::Red);
+                const QString failure =
+                    QStringLiteral("Add to Drop Bar failed. Path at %1 not found").arg(path);
+                console().append(failure + u'\n', Colour::Red);
+                reportFailure(failure);
                 completeTaskWithCancel(false);
                 return;
             }
@@ -223,6 +228,7 @@ void TaskOutputHandler::completeTaskWithOutputType(int type, const QString& outp
         }
         NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
                                                {{QStringLiteral("response"), output}});
+        m_answered = true;
         QString label = m_urlTitle;
         if (label.isEmpty() && m_task) {
             const QStringList& items = m_task->items;
@@ -288,6 +294,40 @@ void TaskOutputHandler::sendFinishNotification(const QString& message)
     notification.clickScript = m_notificationScript;
     DesktopServices::shared().sendNotification(notification);
     m_hasSentFinishNotification = true;
+    if (m_taskFailed) {
+        reportFailure(message);
+    }
+}
+
+void TaskOutputHandler::reportFailure(const QString& message)
+{
+    if (m_failureReported) {
+        return;
+    }
+    m_failureReported = true;
+    m_answered = true;
+    // A terminal shows no debug console: the script's own error output goes with it.
+    QString text = QStringLiteral("Error: ") + message;
+    if (!m_errorOutput.trimmed().isEmpty()) {
+        text += u'\n' + m_errorOutput.trimmed();
+    }
+    NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
+                                           {{QStringLiteral("response"), text}});
+}
+
+void TaskOutputHandler::reportEnd(bool cancelled)
+{
+    if (cancelled) {
+        return;
+    }
+    if (m_taskFailed) {
+        reportFailure(m_finishMessage.isEmpty() ? QStringLiteral("The action failed")
+                                                : m_finishMessage);
+    } else if (!m_answered && !m_finishMessage.isEmpty()) {
+        m_answered = true;
+        NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
+                                               {{QStringLiteral("response"), m_finishMessage}});
+    }
 }
 
 void TaskOutputHandler::completeTaskWithCancel(bool cancelled)
@@ -323,13 +363,13 @@ void TaskOutputHandler::sendShowedAlertNotification()
 void TaskOutputHandler::showError(const QString& message)
 {
     sendShowedAlertNotification();
-    AlertHelper::showCriticalAlertWithTitle(m_errorTitle, message);
+    AlertHelper::showCriticalAlertWithTitle(m_errorTitle, message, m_task);
 }
 
 void TaskOutputHandler::showAlert(const QString& message)
 {
     sendShowedAlertNotification();
-    AlertHelper::showAlertWithTitle(m_alertTitle, message);
+    AlertHelper::showAlertWithTitle(m_alertTitle, message, m_task);
 }
 
 void TaskOutputHandler::playTaskCompletionSound()

@@ -45,6 +45,9 @@ public:
     TaskStatus* createTaskStatus();
     void showError(const QString& message);
     void showAlert(const QString& message);
+    // The run has ended: a command-line caller that heard neither a result nor a failure
+    // gets the finish message, or the failure when the run failed without saying why.
+    void reportEnd(bool cancelled);
 
     Task* task() const { return m_task; }
     TaskStatus* taskStatus() const { return m_taskStatus; }
@@ -61,6 +64,8 @@ private:
     void sendShowedAlertNotification();
     void playTaskCompletionSound();
     QString actionWord() const;
+    // Tells a waiting command-line caller that the run failed, once.
+    void reportFailure(const QString& message);
 
     QPointer<Task> m_task;
     QPointer<TaskRunner> m_runner;
@@ -78,4 +83,8 @@ private:
     QString m_lastCommand;
     QString m_lastMessage;
     QStringList m_dropbarAddPaths;
+    // What a command-line caller has heard; the tail of the script's error output.
+    bool m_failureReported = false;
+    bool m_answered = false;
+    QString m_errorOutput;
 };

@@ -132,7 +132,8 @@ void TaskRunner::run()
         AlertHelper::showCriticalAlertWithTitle(
             QStringLiteral("Failed to launch task"),
             QStringLiteral("Could not find runner.rb at at '%1'\n\nYou should re-install Skelvo.")
-                .arg(runnerPath));
+                .arg(runnerPath),
+            m_task);
         Log::error(QStringLiteral("runner.rb not found at %1").arg(runnerPath));
         TasksController::shared().removeTask(m_task);
         return;
@@ -151,8 +152,10 @@ void TaskRunner::run()
         }
         const QString reason = m_process->errorString();
         Log::error(QStringLiteral("Failed to launch task: %1").arg(reason));
+        const QPointer<Task> task = m_task; // the alert names the run after its removal
         TasksController::shared().removeTask(m_task);
-        AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Failed to launch task"), reason);
+        AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Failed to launch task"), reason,
+                                                task);
     });
     m_process->start();
     m_groupId = m_process->processId();
@@ -251,6 +254,9 @@ void TaskRunner::completeTask()
         {QStringLiteral("lastMessage"),
          m_outputHandler ? m_outputHandler->lastMessage() : QString()},
     };
+    if (m_outputHandler) {
+        m_outputHandler->reportEnd(m_taskCancelled);
+    }
     DebugConsoleController::shared().appendBold(QStringLiteral("\n[Task completed]\n"));
     NotificationCenter::shared().post(Notifications::TaskFinished, this, userInfo);
     TasksController::shared().removeTask(m_task);

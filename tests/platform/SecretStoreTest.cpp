@@ -7,6 +7,7 @@
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/stat.h>
 
 namespace {
@@ -18,50 +19,142 @@ mode_t modeOf(const QString& path)
     return info.st_mode & 0777;
 }
 
+QByteArray contentsOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 TEST(FileSecretStoreTest, KeepsSecretsForTheUserOnly)
 {
     TestHome home;
     FileSecretStore store;
     ASSERT_TRUE(
-        store.writeSecret(QStringLiteral("svc"), QStringLiteral("ann"), QByteArray("s\0ecret", 7))
-            .ok());
-    ASSERT_TRUE(store.writeSecret(QStringLiteral("svc"), QStringLiteral("bob"), "b").ok());
-    ASSERT_TRUE(store.writeSecret(QStringLiteral("svc"), QStringLiteral("ann"), "replaced").ok());
+        store.write(QStringLiteral("svc"), QStringLiteral("ann"), QByteArray("s\0ecret", 7)).ok());
+    ASSERT_TRUE(store.write(QStringLiteral("svc"), QStringLiteral("bob"), "b").ok());
+    ASSERT_TRUE(store.write(QStringLiteral("svc"), QStringLiteral("ann"), "replaced").ok());
 
     EXPECT_EQ(modeOf(store.filePath()), 0600u);
     EXPECT_EQ(modeOf(QFileInfo(store.filePath()).absolutePath()), 0700u);
     EXPECT_TRUE(store.filePath().startsWith(home.path()));
     EXPECT_FALSE(QFileInfo::exists(store.filePath() + QStringLiteral(".new")));
-    QFile file(store.filePath());
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_FALSE(file.readAll().contains("replaced")); // not in plain text at least
+    EXPECT_FALSE(contentsOf(store.filePath()).contains("replaced")); // not in plain text at least
 
-    EXPECT_EQ(store.readSecret(QStringLiteral("svc"), QStringLiteral("ann")).secret,
+    EXPECT_EQ(store.read(QStringLiteral("svc"), QStringLiteral("ann")).secret,
               QByteArray("replaced"));
-    EXPECT_EQ(FileSecretStore(store.filePath())
-                  .readSecret(QStringLiteral("svc"), QStringLiteral("bob"))
-                  .secret,
-              QByteArray("b"));
-    EXPECT_EQ(store.readSecret(QStringLiteral("other"), QStringLiteral("ann")).status,
+    EXPECT_EQ(
+        FileSecretStore(store.filePath()).read(QStringLiteral("svc"), QStringLiteral("bob")).secret,
+        QByteArray("b"));
+    EXPECT_EQ(store.read(QStringLiteral("other"), QStringLiteral("ann")).status,
               SecretStore::Status::NotFound);
 
-    EXPECT_TRUE(store.deleteSecret(QStringLiteral("svc"), QStringLiteral("ann")).ok());
-    EXPECT_EQ(store.deleteSecret(QStringLiteral("svc"), QStringLiteral("ann")).status,
+    EXPECT_TRUE(store.remove(QStringLiteral("svc"), QStringLiteral("ann")).ok());
+    EXPECT_EQ(store.remove(QStringLiteral("svc"), QStringLiteral("ann")).status,
               SecretStore::Status::NotFound);
-    EXPECT_TRUE(store.readSecret(QStringLiteral("svc"), QStringLiteral("bob")).ok());
+    EXPECT_TRUE(store.read(QStringLiteral("svc"), QStringLiteral("bob")).ok());
 }
 
-TEST(FileSecretStoreTest, ADamagedFileIsAFailureNotAnEmptyStore)
+TEST(FileSecretStoreTest, ADamagedFileIsKeptAsideAndWritingGoesOn)
 {
     TestHome home;
-    FileSecretStore store(home.writeFile(QStringLiteral("logins.json"), "{broken"));
-    EXPECT_EQ(store.readSecret(QStringLiteral("s"), QStringLiteral("a")).status,
+    FileSecretStore store(home.writeFile(QStringLiteral("Secrets/logins.json"), "{broken"));
+    EXPECT_EQ(store.read(QStringLiteral("s"), QStringLiteral("a")).status,
               SecretStore::Status::Failed);
-    EXPECT_EQ(store.writeSecret(QStringLiteral("s"), QStringLiteral("a"), "x").status,
-              SecretStore::Status::Failed);
-    QFile file(store.filePath());
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.readAll(), QByteArray("{broken")); // left for the user to rescue
+    ASSERT_TRUE(store.write(QStringLiteral("s"), QStringLiteral("a"), "x").ok());
+    EXPECT_EQ(store.read(QStringLiteral("s"), QStringLiteral("a")).secret, QByteArray("x"));
+    const QStringList aside = QDir(home.path() + QStringLiteral("/Secrets"))
+                                  .entryList({QStringLiteral("logins.json.damaged-*")});
+    ASSERT_EQ(aside.size(), 1);
+    EXPECT_EQ(contentsOf(home.path() + QStringLiteral("/Secrets/") + aside.first()),
+              QByteArray("{broken")); // left for the user to rescue
+}
+
+TEST(FileSecretStoreTest, WiderPermissionsAreNarrowedAndLinksAreNotFollowed)
+{
+    TestHome home;
+    FileSecretStore store;
+    ASSERT_TRUE(store.write(QStringLiteral("s"), QStringLiteral("a"), "x").ok());
+    ::chmod(QFile::encodeName(store.filePath()).constData(), 0644);
+    EXPECT_TRUE(store.read(QStringLiteral("s"), QStringLiteral("a")).ok());
+    EXPECT_EQ(modeOf(store.filePath()), 0600u);
+
+    // A link planted where the temporary file goes must not redirect the write.
+    const QString target = home.writeFile(QStringLiteral("elsewhere.txt"), "untouched");
+    ASSERT_TRUE(QFile::link(target, store.filePath() + QStringLiteral(".new")));
+    ASSERT_TRUE(store.write(QStringLiteral("s"), QStringLiteral("b"), "y").ok());
+    EXPECT_EQ(contentsOf(target), QByteArray("untouched"));
+    EXPECT_EQ(store.read(QStringLiteral("s"), QStringLiteral("b")).secret, QByteArray("y"));
+}
+
+// A secret service held in memory; while `hold` is set its answers wait in `pending`.
+class FakeSecretService : public SecretStore {
+public:
+    void readSecret(const QString& service, const QString& account, Done done) override
+    {
+        const auto found = items.find({service, account});
+        answer(found == items.end() ? Result{Status::NotFound, {}, QStringLiteral("none")}
+                                    : Result{Status::Ok, found->second, {}},
+               std::move(done));
+    }
+    void writeSecret(const QString& service, const QString& account, const QByteArray& secret,
+                     Done done) override
+    {
+        items[{service, account}] = secret;
+        answer({Status::Ok, {}, {}}, std::move(done));
+    }
+    void deleteSecret(const QString& service, const QString& account, Done done) override
+    {
+        const bool erased = items.erase({service, account}) > 0;
+        answer({erased ? Status::Ok : Status::NotFound, {}, {}}, std::move(done));
+    }
+    void answer(const Result& result, Done done)
+    {
+        if (hold) {
+            pending.push_back([result, done] { done(result); });
+        } else {
+            done(result);
+        }
+    }
+
+    std::map<std::pair<QString, QString>, QByteArray> items;
+    bool hold = false;
+    std::vector<std::function<void()>> pending;
+};
+
+TEST(QtKeychainSecretStoreTest, AServiceThatAppearsLaterIsUsedAndTakesOverTheFilesSecrets)
+{
+    TestHome home;
+    auto service = std::make_shared<FakeSecretService>();
+    auto file = std::make_shared<FileSecretStore>(home.path() + QStringLiteral("/fallback.json"));
+    bool answers = false;
+    int probes = 0;
+    QtKeychainSecretStore store(
+        service, file, [&] { return ++probes, answers; }, 0);
+
+    SecretStore::Result result;
+    auto keep = [&result](const SecretStore::Result& r) { result = r; };
+    store.writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "pw", keep);
+    ASSERT_TRUE(result.ok());
+    EXPECT_TRUE(service->items.empty());
+    EXPECT_EQ(file->read(QStringLiteral("svc"), QStringLiteral("acc")).secret, QByteArray("pw"));
+
+    // A failed probe is asked again, and the secret moves over once a service answers.
+    answers = true;
+    service->hold = true;
+    result = {};
+    store.readSecret(QStringLiteral("svc"), QStringLiteral("acc"), keep);
+    EXPECT_EQ(result.status, SecretStore::Status::Failed) << "no answer while the service waits";
+    while (!service->pending.empty()) {
+        auto next = std::move(service->pending.front());
+        service->pending.erase(service->pending.begin());
+        next();
+    }
+    EXPECT_GE(probes, 2);
+    ASSERT_TRUE(result.ok());
+    EXPECT_EQ(result.secret, QByteArray("pw"));
+    EXPECT_EQ((service->items[{QStringLiteral("svc"), QStringLiteral("acc")}]), QByteArray("pw"));
+    EXPECT_EQ(file->read(QStringLiteral("svc"), QStringLiteral("acc")).status,
+              SecretStore::Status::NotFound);
 }
 
 TEST(QtKeychainSecretStoreTest, WithoutASecretServiceUsesThePrivateFile)
@@ -69,17 +162,19 @@ TEST(QtKeychainSecretStoreTest, WithoutASecretServiceUsesThePrivateFile)
     TestHome home;
     const QByteArray bus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
     qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home.path().toUtf8() + "/no-bus");
-    auto fallback =
-        std::make_shared<FileSecretStore>(home.path() + QStringLiteral("/fallback.json"));
-    QtKeychainSecretStore store(fallback);
+    QtKeychainSecretStore store;
     EXPECT_FALSE(store.secretServiceAvailable());
-    ASSERT_TRUE(store.writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "pw").ok());
-    EXPECT_EQ(fallback->readSecret(QStringLiteral("svc"), QStringLiteral("acc")).secret,
-              QByteArray("pw"));
-    EXPECT_EQ(store.readSecret(QStringLiteral("svc"), QStringLiteral("acc")).secret,
-              QByteArray("pw"));
-    EXPECT_TRUE(store.deleteSecret(QStringLiteral("svc"), QStringLiteral("acc")).ok());
-    EXPECT_EQ(modeOf(fallback->filePath()), 0600u);
+    SecretStore::Result result;
+    auto keep = [&result](const SecretStore::Result& r) { result = r; };
+    store.writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "pw", keep);
+    ASSERT_TRUE(result.ok());
+    FileSecretStore file;
+    EXPECT_EQ(file.read(QStringLiteral("svc"), QStringLiteral("acc")).secret, QByteArray("pw"));
+    store.readSecret(QStringLiteral("svc"), QStringLiteral("acc"), keep);
+    EXPECT_EQ(result.secret, QByteArray("pw"));
+    store.deleteSecret(QStringLiteral("svc"), QStringLiteral("acc"), keep);
+    EXPECT_TRUE(result.ok());
+    EXPECT_EQ(modeOf(file.filePath()), 0600u);
     if (bus.isNull()) {
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
     } else {

@@ -55,6 +55,9 @@ protected:
         task->event = QStringLiteral("dragged");
         task->items = {QStringLiteral("/tmp/a.txt")};
         task->variables.insert(QStringLiteral("dragged_type"), QStringLiteral("files"));
+        bool loaded = false;
+        task->loadSecrets([&loaded] { loaded = true; });
+        EXPECT_TRUE(loaded) << "the file store answers at once";
         return task;
     }
 
@@ -63,7 +66,7 @@ protected:
 
 TEST_F(GridActionTaskTest, TheFileHoldsTheStoredVariablesAndTheBase64Password)
 {
-    ASSERT_TRUE(m_action->storeKeychainPassword(QStringLiteral("s3cret pw")));
+    ASSERT_TRUE(storePassword(*m_action, QStringLiteral("s3cret pw")));
     const auto task = taskFor(m_action);
     const auto description = task->generateTaskDescription(false);
     ASSERT_TRUE(description);
@@ -90,7 +93,7 @@ TEST_F(GridActionTaskTest, TheFileHoldsTheStoredVariablesAndTheBase64Password)
 
 TEST_F(GridActionTaskTest, TheStoredRecordWinsOverTheOneTheTaskWasMadeWith)
 {
-    ASSERT_TRUE(m_action->storeKeychainPassword(QStringLiteral("pw")));
+    ASSERT_TRUE(storePassword(*m_action, QStringLiteral("pw")));
     const auto task = taskFor(m_action);
     m_action->extraVariables.insert(QStringLiteral("remote_path"), QStringLiteral("/srv/new"));
     ASSERT_TRUE(m_action->update());
@@ -104,7 +107,7 @@ TEST_F(GridActionTaskTest, TheStoredRecordWinsOverTheOneTheTaskWasMadeWith)
 
 TEST_F(GridActionTaskTest, ADeletedActionDoesNotRun)
 {
-    ASSERT_TRUE(m_action->storeKeychainPassword(QStringLiteral("pw")));
+    ASSERT_TRUE(storePassword(*m_action, QStringLiteral("pw")));
     auto task = taskFor(m_action);
     bool completed = false;
     task->completion = [&] { completed = true; };

@@ -32,12 +32,12 @@ ActionInfo info(const QString& name, const QString& sheet, bool selectedItemName
 // A store whose every call fails, as a locked or broken secret service does.
 class FailingSecretStore : public SecretStore {
 public:
-    Result readSecret(const QString&, const QString&) override { return failure(); }
-    Result writeSecret(const QString&, const QString&, const QByteArray&) override
+    void readSecret(const QString&, const QString&, Done done) override { done(failure()); }
+    void writeSecret(const QString&, const QString&, const QByteArray&, Done done) override
     {
-        return failure();
+        done(failure());
     }
-    Result deleteSecret(const QString&, const QString&) override { return failure(); }
+    void deleteSecret(const QString&, const QString&, Done done) override { done(failure()); }
 
 private:
     static Result failure()
@@ -375,15 +375,13 @@ TEST_F(GridActionTest, RemovingDeletesRowVariablesIconAndLogin)
     const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"),
                                        {{QStringLiteral("server"), QStringLiteral("h")}});
     ASSERT_TRUE(Icons::shared().saveIcon("i", action->aId));
-    ASSERT_TRUE(action->storeKeychainPassword(QStringLiteral("secret")));
+    ASSERT_TRUE(storePassword(*action, QStringLiteral("secret")));
     m_saved = 0;
     action->remove();
     EXPECT_FALSE(db().getGridActionWithId(action->aId));
     EXPECT_TRUE(db().getExtraVariablesForActionId(action->aId).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(Icons::shared().iconPathForId(action->aId)));
-    EXPECT_EQ(SecretStore::shared()
-                  .readSecret(action->keychainServiceName(), action->keychainAccountName())
-                  .status,
+    EXPECT_EQ(readSecretNow(action->keychainServiceName(), action->keychainAccountName()).status,
               SecretStore::Status::NotFound);
     EXPECT_EQ(prepared, 1);
     EXPECT_EQ(positions, 1);
@@ -541,23 +539,21 @@ TEST_F(GridActionTest, APasswordComesBackAsTheSheetsVariable)
     EXPECT_EQ(action->keychainServiceName(),
               QStringLiteral("Skelvo: SFTP Upload (sftp.example.org)"));
     EXPECT_EQ(action->keychainAccountName(), QStringLiteral("ann"));
-    EXPECT_FALSE(action->retrieveKeychainPasswordShowingErrors(true, true)); // none stored yet
+    EXPECT_FALSE(retrievePassword(*action, true, true)); // none stored yet
     for (const auto& a : m_presenters->alerts().alerts) {
         ADD_FAILURE() << a.title.toStdString() << " | " << a.message.toStdString();
     }
 
-    ASSERT_TRUE(action->storeKeychainPassword(QStringLiteral("pä ss")));
-    ASSERT_TRUE(action->storeSecondaryKeychainPassword(QStringLiteral("phrase")));
-    const auto encoded = action->retrieveKeychainPasswordShowingErrors(false, true);
+    ASSERT_TRUE(storePassword(*action, QStringLiteral("pä ss")));
+    ASSERT_TRUE(storePassword(*action, QStringLiteral("phrase"), true));
+    const auto encoded = retrievePassword(*action, false, true);
     ASSERT_TRUE(encoded);
     EXPECT_EQ(*encoded, (QMap<QString, QString>{
                             {QStringLiteral("password"),
                              QString::fromLatin1(QStringLiteral("pä ss").toUtf8().toBase64())}}));
-    EXPECT_EQ(action->retrieveKeychainPasswordShowingErrors(false, false)
-                  ->value(QStringLiteral("password")),
+    EXPECT_EQ(retrievePassword(*action, false, false)->value(QStringLiteral("password")),
               QStringLiteral("pä ss"));
-    EXPECT_EQ(action->retrieveSecondaryKeychainPasswordShowingErrors(false, false)
-                  ->value(QStringLiteral("passphrase")),
+    EXPECT_EQ(retrievePassword(*action, false, false, true)->value(QStringLiteral("passphrase")),
               QStringLiteral("phrase"));
 }
 
@@ -566,7 +562,7 @@ TEST_F(GridActionTest, ABlankPasswordNeedsNoSecret)
     GridAction action;
     action.type = QStringLiteral("SFTP Upload");
     action.extraVariables.insert(QStringLiteral("blank_password"), QStringLiteral("1"));
-    const auto password = action.retrieveKeychainPasswordShowingErrors(true, true);
+    const auto password = retrievePassword(action, true, true);
     ASSERT_TRUE(password);
     EXPECT_EQ(password->value(QStringLiteral("password"), QStringLiteral("unset")), QString());
 }
@@ -576,9 +572,9 @@ TEST_F(GridActionTest, ReadErrorsAreShownOnlyWhenAsked)
     SecretStore::setShared(std::make_shared<FailingSecretStore>());
     GridAction action;
     action.type = QStringLiteral("SFTP Upload");
-    EXPECT_FALSE(action.retrieveKeychainPasswordShowingErrors(false, true));
+    EXPECT_FALSE(retrievePassword(action, false, true));
     EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
-    EXPECT_FALSE(action.retrieveKeychainPasswordShowingErrors(true, true));
+    EXPECT_FALSE(retrievePassword(action, true, true));
     ASSERT_EQ(m_presenters->alerts().alerts.size(), 1);
     EXPECT_EQ(m_presenters->alerts().alerts.first().title,
               QStringLiteral("Error retrieving item from Keychain"));
@@ -614,18 +610,18 @@ TEST_F(GridActionTest, ASharedLoginIsKeptUntilItsLastAction)
     const GridActionPtr elsewhere = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Three"),
                                           {{QStringLiteral("server"), QStringLiteral("h")},
                                            {QStringLiteral("username"), QStringLiteral("other")}});
-    ASSERT_TRUE(first->storeKeychainPassword(QStringLiteral("pw")));
+    ASSERT_TRUE(storePassword(*first, QStringLiteral("pw")));
     EXPECT_TRUE(first->isAnotherGridActionUsingKeychainItem(first->keychainServiceName(),
                                                             QStringLiteral("u")));
     EXPECT_FALSE(elsewhere->isAnotherGridActionUsingKeychainItem(elsewhere->keychainServiceName(),
                                                                  QStringLiteral("other")));
 
     first->remove();
-    EXPECT_TRUE(second->retrieveKeychainPasswordShowingErrors(false, false));
+    EXPECT_TRUE(retrievePassword(*second, false, false));
     EXPECT_FALSE(second->isAnotherGridActionUsingKeychainItem(second->keychainServiceName(),
                                                               QStringLiteral("u")));
     second->remove();
-    EXPECT_FALSE(second->retrieveKeychainPasswordShowingErrors(false, false));
+    EXPECT_FALSE(retrievePassword(*second, false, false));
     EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
 }
 

@@ -262,3 +262,38 @@ void StoreTest::loadInitialDatabase()
     ASSERT_TRUE(db().loadDatabase());
     ASSERT_TRUE(db().requiredTablesExist());
 }
+
+bool storePassword(GridAction& action, const QString& password, bool secondary)
+{
+    std::optional<bool> stored;
+    auto done = [&stored](bool ok, const QString&) { stored = ok; };
+    if (secondary) {
+        action.storeSecondaryKeychainPassword(password, done);
+    } else {
+        action.storeKeychainPassword(password, done);
+    }
+    EXPECT_TRUE(stored.has_value()) << "the file store answers at once";
+    return stored.value_or(false);
+}
+
+std::optional<QMap<QString, QString>> retrievePassword(const GridAction& action, bool showErrors,
+                                                       bool base64Encoded, bool secondary)
+{
+    std::optional<std::optional<QMap<QString, QString>>> answer;
+    auto done = [&answer](const std::optional<QMap<QString, QString>>& secret) { answer = secret; };
+    if (secondary) {
+        action.retrieveSecondaryKeychainPasswordShowingErrors(showErrors, base64Encoded, done);
+    } else {
+        action.retrieveKeychainPasswordShowingErrors(showErrors, base64Encoded, done);
+    }
+    EXPECT_TRUE(answer.has_value()) << "the file store answers at once";
+    return answer.value_or(std::nullopt);
+}
+
+SecretStore::Result readSecretNow(const QString& service, const QString& account)
+{
+    SecretStore::Result result;
+    SecretStore::shared().readSecret(service, account,
+                                     [&result](const SecretStore::Result& r) { result = r; });
+    return result;
+}

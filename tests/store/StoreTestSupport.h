@@ -1,6 +1,8 @@
 #pragma once
 
+#include "store/GridAction.h"
 #include "store/GridDatabase.h"
+#include "store/SecretStore.h"
 #include "tests/support/FakePresenters.h"
 #include "tests/support/TestHome.h"
 
@@ -33,6 +35,12 @@ public:
 
 // Lets queued steps (alerts, grid rebuilds) run.
 void processEvents();
+
+// The secret calls of the file store answer before they return; these hand the answer back.
+bool storePassword(GridAction& action, const QString& password, bool secondary = false);
+std::optional<QMap<QString, QString>> retrievePassword(const GridAction& action, bool showErrors,
+                                                       bool base64Encoded, bool secondary = false);
+SecretStore::Result readSecretNow(const QString& service, const QString& account);
 
 // Each test gets its own home, fake presenters and a fresh shared store over
 // "Actions5.skdb" in the home's support folder.

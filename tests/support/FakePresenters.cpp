@@ -1,14 +1,18 @@
 #include "tests/support/FakePresenters.h"
 
-int FakeAlertPresenter::present(const Alert& alert)
+void FakeAlertPresenter::present(const Alert& alert, Answered answered)
 {
     alerts << alert;
-    if (m_answers.empty()) {
-        return 0;
+    if (holdAnswers) {
+        pendingAnswers << std::move(answered);
+        return;
     }
-    const int answer = m_answers.front();
-    m_answers.pop_front();
-    return answer;
+    int answer = 0;
+    if (!m_answers.empty()) {
+        answer = m_answers.front();
+        m_answers.pop_front();
+    }
+    answered(answer);
 }
 
 FakePresenters::FakePresenters()

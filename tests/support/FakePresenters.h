@@ -11,12 +11,15 @@
 #include <memory>
 
 // Records alerts instead of showing them and gives queued answers (default: button 0).
+// While `holdAnswers` is set, alerts wait in `pendingAnswers` until the test answers.
 class FakeAlertPresenter : public AlertPresenter {
 public:
-    int present(const Alert& alert) override;
+    void present(const Alert& alert, Answered answered) override;
     void setNextAnswer(int buttonIndex) { m_answers.push_back(buttonIndex); }
 
     QList<Alert> alerts;
+    bool holdAnswers = false;
+    QList<Answered> pendingAnswers;
 
 private:
     std::deque<int> m_answers;

@@ -1,0 +1,30 @@
+#include "tasks/CmdLineRequest.h"
+
+CmdLineRequest::CmdLineRequest(QVariantMap userInfo, Respond respond, std::function<void()> finish)
+    : m_userInfo(std::move(userInfo))
+    , m_respond(std::move(respond))
+    , m_finish(std::move(finish))
+{}
+
+void CmdLineRequest::respond(const QString& text)
+{
+    if (m_finished) {
+        return;
+    }
+    m_answered = true;
+    m_failed = m_failed || text.startsWith(QStringLiteral("Error: "));
+    if (m_respond) {
+        m_respond(text);
+    }
+}
+
+void CmdLineRequest::finish()
+{
+    if (m_finished) {
+        return;
+    }
+    m_finished = true;
+    if (m_finish) {
+        m_finish();
+    }
+}
