@@ -3,10 +3,12 @@
 
 #include "actions/ActionFileParser.h"
 #include "actions/OptionSheets.h"
+#include "builtin/ActionOptionSchemas.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SupportPaths.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
+#include "store/SecretStore.h"
 #include "tasks/Task.h"
 #include "tasks/TasksController.h"
 #include "tests/support/EventLoop.h"
@@ -93,7 +95,213 @@ QVariantMap req(std::initializer_list<std::pair<const char*, QVariant>> pairs)
     return map;
 }
 
+// Runs each action as the script named after it, through a runner that only loads it.
+CmdLineTaskHandler::RunStarter scriptStarter(QMap<QString, QString> scripts)
+{
+    return [scripts](const GridActionPtr& action, const QString&, const QStringList&,
+                     const QString&, std::function<void()> finished) {
+        auto* task = new Task;
+        task->actionFile = std::make_shared<ActionFile>();
+        task->actionFile->actionName = action->name;
+        task->actionFile->taskPath = scripts.value(action->name);
+        task->completion = std::move(finished);
+        task->run();
+        return task;
+    };
+}
+
+void installUserAction(const QString& fileName, const QByteArray& contents)
+{
+    QDir().mkpath(SupportPaths::userActionsDirectory());
+    QFile file(QDir(SupportPaths::userActionsDirectory()).filePath(fileName));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(contents);
+    file.close();
+    ActionFileParser::shared().invalidateActionsCache();
+}
+
+void addGridAction(const QString& name, const QString& type = QStringLiteral("Copy Files"))
+{
+    auto action = std::make_shared<GridAction>();
+    action->name = name;
+    action->type = type;
+    action->categoryId = GridDatabase::sharedGridDatabase().getFirstCategoryIdForSelectedGrid();
+    ASSERT_TRUE(action->create());
+}
+
+// A secret store whose answers wait until the test releases them.
+class HeldSecretStore : public SecretStore {
+public:
+    void readSecret(const QString&, const QString&, Done done) override
+    {
+        pending.push_back([done] { done({Status::NotFound, {}, {}}); });
+    }
+    void writeSecret(const QString& service, const QString&, const QByteArray& secret,
+                     Done done) override
+    {
+        // What add-action has made by the time it stores the secret.
+        actionExisted = bool(
+            GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Uploader")));
+        written << service + u'=' + QString::fromUtf8(secret);
+        pending.push_back([done, this] {
+            done(failWrites ? Result{Status::Failed, {}, QStringLiteral("The keyring is locked.")}
+                            : Result{Status::Ok, {}, {}});
+        });
+    }
+    void deleteSecret(const QString&, const QString&, Done done) override
+    {
+        pending.push_back([done] { done({Status::NotFound, {}, {}}); });
+    }
+    void releaseAll()
+    {
+        while (!pending.empty()) {
+            auto next = std::move(pending.front());
+            pending.erase(pending.begin());
+            next();
+        }
+    }
+
+    std::vector<std::function<void()>> pending;
+    QStringList written;
+    bool actionExisted = false;
+    bool failWrites = false;
+};
+
 } // namespace
+
+TEST_F(CmdLineTest, ARunAnswersItsOutcome)
+{
+    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("res")).toUtf8());
+    m_home->writeFile(QStringLiteral("res/Actions/lib/runner.rb"),
+                      "$stdout.sync = true\nload File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
+    struct Case {
+        const char* name;
+        const char* script;
+        const char* answer;
+    };
+    const Case cases[] = {
+        {"Exits", "$stderr.puts 'boom'\nexit 2\n",
+         "Error: Check Debug Console for error output\nboom"},
+        {"Fails", "puts 'Fail: Upload refused'\nSTDIN.gets\n", "Error: Upload refused"},
+        {"Errs", "puts 'Error_Title: Upload'\nSTDIN.gets\nputs 'Error: Server down'\nSTDIN.gets\n",
+         "Error: Upload: Server down"},
+        {"Marks", "puts 'Finish_Message: Upload failed'\nSTDIN.gets\n", "Error: Upload failed"},
+        {"Links", "puts 'URL: https://example.org/x'\nSTDIN.gets\n", "https://example.org/x"},
+        {"Finishes", "puts 'Finish_Message: All done'\nSTDIN.gets\n", "All done"},
+    };
+    QMap<QString, QString> scripts;
+    for (const Case& c : cases) {
+        const QString name = QString::fromLatin1(c.name);
+        scripts.insert(name, m_home->writeFile(name + QStringLiteral(".skelvo"), c.script));
+        addGridAction(name);
+    }
+    m_handler->setRunStarter(scriptStarter(scripts));
+    for (const Case& c : cases) {
+        EXPECT_EQ(one(req({{"action", QStringLiteral("run")},
+                           {"name", QString::fromLatin1(c.name)},
+                           {"event", QStringLiteral("clicked")}})),
+                  QString::fromUtf8(c.answer))
+            << c.name;
+    }
+
+    // Without its runner nothing launches, and the request hears the alert.
+    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("none")).toUtf8());
+    EXPECT_TRUE(one(req({{"action", QStringLiteral("run")},
+                         {"name", QStringLiteral("Links")},
+                         {"event", QStringLiteral("clicked")}}))
+                    .startsWith(QStringLiteral(
+                        "Error: Failed to launch task: Could not find runner.rb at at '")));
+
+    // An action whose header fails validation says so, not that it takes no text.
+    installUserAction(QStringLiteral("Broken.skelvo"), "# Skelvo Action Info\n# Name: Broken\n");
+    addGridAction(QStringLiteral("Broken"), QStringLiteral("Broken"));
+    EXPECT_TRUE(one(req({{"action", QStringLiteral("run")},
+                         {"name", QStringLiteral("Broken")},
+                         {"text", QStringLiteral("hello")}}))
+                    .startsWith(QStringLiteral(
+                        "Error: Action 'Broken' cannot run: its header has problems:\n-")));
+}
+
+TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
+{
+    ActionOptionSchemas::registerOptionSheets();
+    installUserAction(QStringLiteral("Uploader.skelvo"),
+                      "# Skelvo Action Info\n# Name: Uploader\n# Description: d\n"
+                      "# Handles: Files\n# Creator: c\n# URL: u\n# OptionsNIB: AmazonS3Login\n");
+    auto secrets = std::make_shared<HeldSecretStore>();
+    SecretStore::setShared(secrets);
+    const QVariantMap addUploader =
+        req({{"action", QStringLiteral("add-action")},
+             {"type", QStringLiteral("Uploader")},
+             {"options", QVariantMap{{QStringLiteral("username"), QStringLiteral("ann")},
+                                     {QStringLiteral("password"), QStringLiteral("pw")},
+                                     {QStringLiteral("bucket"), QStringLiteral("b")}}}});
+    auto adding = std::async(std::launch::async, [&] {
+        return CmdLineServer::sendRequest(runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
+                                          addUploader, 10000);
+    });
+    ASSERT_TRUE(waitUntil([&] { return !secrets->pending.empty(); }));
+    EXPECT_TRUE(secrets->actionExisted) << "the secret is stored for an action that exists";
+    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+    secrets->releaseAll();
+    ASSERT_TRUE(waitUntil(
+        [&] { return adding.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+    EXPECT_EQ(adding.get().value_or(QStringList{}).join(u'|'),
+              QStringLiteral("Added action 'Uploader' (Uploader) to grid 'Main Grid'"));
+
+    // A secret that cannot be kept takes the new action out again.
+    secrets->failWrites = true;
+    secrets->written.clear();
+    auto failing = std::async(std::launch::async, [&] {
+        return CmdLineServer::sendRequest(
+            runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
+            [&] {
+                QVariantMap second = addUploader;
+                second.insert(QStringLiteral("name"), QStringLiteral("Second"));
+                return second;
+            }(),
+            10000);
+    });
+    ASSERT_TRUE(waitUntil([&] { return !secrets->pending.empty(); }));
+    secrets->releaseAll();
+    ASSERT_TRUE(waitUntil([&] {
+        secrets->releaseAll();
+        return failing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }));
+    EXPECT_TRUE(
+        failing.get()
+            .value_or(QStringList{})
+            .join(u'|')
+            .startsWith(QStringLiteral(
+                "Error: Could not store the secret for action 'Second': The keyring is locked.")));
+    EXPECT_FALSE(
+        GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Second")));
+    SecretStore::setShared(nullptr);
+
+    // A run whose script raised an alert the user has not answered yet.
+    m_presenters->alerts().holdAnswers = true;
+    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("res")).toUtf8());
+    m_home->writeFile(QStringLiteral("res/Actions/lib/runner.rb"),
+                      "$stdout.sync = true\nload File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
+    const QString script = m_home->writeFile(
+        QStringLiteral("alerting.skelvo"),
+        "puts 'Alert: Look'\nSTDIN.gets\nsleep 0.5\nputs 'Text: done'\nSTDIN.gets\n");
+    m_handler->setRunStarter(scriptStarter({{QStringLiteral("Alerting"), script}}));
+    addGridAction(QStringLiteral("Alerting"));
+    auto running = std::async(std::launch::async, [&] {
+        return CmdLineServer::sendRequest(runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
+                                          req({{"action", QStringLiteral("run")},
+                                               {"name", QStringLiteral("Alerting")},
+                                               {"event", QStringLiteral("clicked")}}),
+                                          20000);
+    });
+    ASSERT_TRUE(waitUntil([&] { return !m_presenters->alerts().pendingAnswers.isEmpty(); }));
+    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+    ASSERT_TRUE(waitUntil(
+        [&] { return running.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+        20000));
+    EXPECT_EQ(running.get().value_or(QStringList{}).join(u'|'), QStringLiteral("Look|done"));
+}
 
 TEST_F(CmdLineTest, UnknownInvalidAndMissingArguments)
 {
