@@ -39,7 +39,7 @@ protected:
         m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
         ASSERT_TRUE(m_app.waitForStarted());
-        for (int i = 0; i < 100 && sk({QStringLiteral("status")}).status != 0; ++i) {
+        for (int i = 0; i < 100 && trySk({QStringLiteral("status")}).status != 0; ++i) {
             QThread::msleep(100);
         }
         ASSERT_EQ(sk({QStringLiteral("status")}).out, QStringLiteral("closed\n"));
@@ -52,7 +52,17 @@ protected:
         EXPECT_EQ(m_app.exitCode(), 0);
     }
 
-    Outcome sk(const QStringList& arguments, int timeoutMs = 30000)
+    // Runs sk and checks that it ends with `expectedStatus`.
+    Outcome sk(const QStringList& arguments, int expectedStatus = 0, int timeoutMs = 30000)
+    {
+        const Outcome outcome = trySk(arguments, timeoutMs);
+        EXPECT_EQ(outcome.status, expectedStatus)
+            << "sk " << arguments.join(u' ').toStdString() << "\n"
+            << outcome.err.toStdString();
+        return outcome;
+    }
+    // Runs sk whatever its exit status (waiting for the application to listen).
+    Outcome trySk(const QStringList& arguments, int timeoutMs = 30000)
     {
         QProcess process;
         process.setProcessEnvironment(m_environment);
@@ -109,7 +119,7 @@ TEST_F(EndToEndTest, GridsCategoriesAndACopyFilesActionThatRuns)
     EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("out/docs/b.txt"))));
     EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("a.txt"))));
 
-    const Outcome missing = sk({QStringLiteral("run"), QStringLiteral("Nope")});
+    const Outcome missing = sk({QStringLiteral("run"), QStringLiteral("Nope")}, 1);
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.err, QStringLiteral("Error: Action 'Nope' not found\n"));
 }
@@ -130,7 +140,7 @@ TEST_F(EndToEndTest, ASlowScriptActionIsCancelledFromTheCommandLine)
     QString running;
     for (int i = 0; i < 100 && !running.contains(QStringLiteral("Waiting a while")); ++i) {
         QThread::msleep(100);
-        running = sk({QStringLiteral("list-running")}).out;
+        running = trySk({QStringLiteral("list-running")}).out;
     }
     EXPECT_TRUE(running.contains(QStringLiteral("0: Slow - Waiting a while")))
         << running.toStdString();
@@ -142,13 +152,27 @@ TEST_F(EndToEndTest, ASlowScriptActionIsCancelledFromTheCommandLine)
     EXPECT_EQ(run.exitCode(), 0);
     Outcome after;
     for (int i = 0; i < 50; ++i) {
-        after = sk({QStringLiteral("list-running")});
+        after = trySk({QStringLiteral("list-running")});
         if (after.out.contains(QStringLiteral("No actions"))) {
             break;
         }
         QThread::msleep(100);
     }
     EXPECT_EQ(after.out, QStringLiteral("No actions are currently running.\n"));
+}
+
+TEST_F(EndToEndTest, AScriptActionThatFailsMakesSkFail)
+{
+    home.writeFile(QStringLiteral("data/Skelvo/Actions/Exits.skbundle/action.rb"),
+                   "# Skelvo Action Info\n# Name: Exits\n# Description: Fails\n# Events: Clicked\n"
+                   "# Creator: Tests\n# URL: https://example.org\n\n"
+                   "def clicked(variables, helper)\n  $stderr.puts 'disk full'\n  exit 2\nend\n");
+    sk({QStringLiteral("add-action"), QStringLiteral("Exits")});
+    const Outcome run = sk({QStringLiteral("run"), QStringLiteral("Exits")}, 1);
+    EXPECT_EQ(run.out, QString());
+    EXPECT_TRUE(run.err.startsWith(QStringLiteral("Error: Check Debug Console for error output\n")))
+        << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains(QStringLiteral("disk full"))) << run.err.toStdString();
 }
 
 TEST_F(EndToEndTest, QuittingEndsRunningTasks)
@@ -184,7 +208,7 @@ TEST_F(EndToEndTest, QuittingEndsRunningTasks)
     // TearDown expects a running application.
     m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
     ASSERT_TRUE(m_app.waitForStarted());
-    for (int i = 0; i < 100 && sk({QStringLiteral("status")}).status != 0; ++i) {
+    for (int i = 0; i < 100 && trySk({QStringLiteral("status")}).status != 0; ++i) {
         QThread::msleep(100);
     }
 }
@@ -215,7 +239,7 @@ TEST_F(EndToEndTest, ImageActionsResizeAndConvertRealFilesThroughSk)
                         QStringLiteral("keep_originals=yes")});
     ASSERT_EQ(added.status, 0) << added.err.toStdString();
     const Outcome resized =
-        sk(QStringList{QStringLiteral("run"), QStringLiteral("Resize Images")} + files, 120000);
+        sk(QStringList{QStringLiteral("run"), QStringLiteral("Resize Images")} + files, 0, 120000);
     EXPECT_EQ(resized.status, 0) << resized.err.toStdString();
     for (const QString& format : formats) {
         const QString written = QDir(out).filePath(QStringLiteral("photo-%1.%1").arg(format));
@@ -234,7 +258,7 @@ TEST_F(EndToEndTest, ImageActionsResizeAndConvertRealFilesThroughSk)
                 QStringLiteral("--options"), QStringLiteral("output_format=webp")});
     ASSERT_EQ(added.status, 0) << added.err.toStdString();
     const Outcome converted =
-        sk({QStringLiteral("run"), QStringLiteral("Convert Images"), files.first()}, 60000);
+        sk({QStringLiteral("run"), QStringLiteral("Convert Images"), files.first()}, 0, 60000);
     EXPECT_EQ(converted.status, 0) << converted.err.toStdString();
     EXPECT_TRUE(QFileInfo::exists(QDir(in).filePath(QStringLiteral("photo-png.webp"))))
         << QDir(in).entryList(QDir::Files).join(u' ').toStdString() << converted.out.toStdString();
@@ -257,7 +281,13 @@ TEST_F(EndToEndTest, RunScriptAndMoveToTrashThroughSk)
     const QStringList files = {home.writeFile(QStringLiteral("one.txt"), "1"),
                                home.writeFile(QStringLiteral("two.txt"), "2"),
                                home.writeFile(QStringLiteral("three.txt"), "3")};
-    sk(QStringList{QStringLiteral("run"), QStringLiteral("Run Script")} + files);
+    // The script exits 2: a failure for sk, told on standard error.
+    const Outcome ran =
+        sk(QStringList{QStringLiteral("run"), QStringLiteral("Run Script")} + files, 1);
+    EXPECT_EQ(ran.out, QString());
+    EXPECT_EQ(ran.err,
+              QStringLiteral("Error: Script exited with status 2. Check the Action Console "
+                             "for details.\n"));
     QFile recorded(record);
     ASSERT_TRUE(recorded.open(QIODevice::ReadOnly));
     EXPECT_EQ(QString::fromUtf8(recorded.readAll()),
@@ -266,8 +296,8 @@ TEST_F(EndToEndTest, RunScriptAndMoveToTrashThroughSk)
     const Outcome missing =
         sk({QStringLiteral("add-action"), QStringLiteral("Run Script"), QStringLiteral("--name"),
             QStringLiteral("Gone"), QStringLiteral("--options"),
-            QStringLiteral("path=/no/such/script.sh")});
-    EXPECT_EQ(missing.status, 1);
+            QStringLiteral("path=/no/such/script.sh")},
+           1);
     EXPECT_TRUE(missing.err.startsWith(QStringLiteral("Error: "))) << missing.err.toStdString();
 
     ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Move to Trash")}).status, 0);
@@ -302,12 +332,10 @@ TEST_F(EndToEndTest, ApplicationMessagesForBadRequests)
         {R"({})", "Error: Invalid command line task notification"},
     };
     for (const auto& [request, message] : rows) {
-        const Outcome outcome = sk({QStringLiteral("request"), QString::fromUtf8(request)});
-        EXPECT_EQ(outcome.status, 1) << request;
+        const Outcome outcome = sk({QStringLiteral("request"), QString::fromUtf8(request)}, 1);
         EXPECT_EQ(outcome.err, QString::fromUtf8(message) + u'\n') << request;
     }
-    const Outcome unknown = sk({QStringLiteral("frobnicate")});
-    EXPECT_EQ(unknown.status, 2);
+    sk({QStringLiteral("frobnicate")}, 2);
 }
 
 TEST_F(EndToEndTest, ASecondInstanceHandsOverItsArguments)
