@@ -265,7 +265,8 @@ TEST_F(BuiltInTest, RunScriptLeavesWhatItStartedRunningAfterANormalEnd)
     EXPECT_EQ(notificationBodies(), QStringList{QStringLiteral("Run Script completed.")});
     ASSERT_EQ(readLines(pids).size(), 1);
     const qint64 sleeper = readLines(pids).first().toLongLong();
-    EXPECT_FALSE(processGone(sleeper));
+    // A kill takes a moment to land: give it one.
+    EXPECT_FALSE(waitUntil([&] { return processGone(sleeper); }, 1000));
     ::kill(static_cast<pid_t>(sleeper), SIGKILL);
 }
 
