@@ -78,6 +78,9 @@ bool CmdLineServer::listen(const QString& runtimeFolder, QString* error)
         }
         return false;
     };
+    if (runtimeFolder.isEmpty()) {
+        return fail(QStringLiteral("No private runtime folder"));
+    }
     QDir().mkpath(runtimeFolder);
     const QString lockPath =
         QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::LockName));
@@ -324,7 +327,8 @@ std::optional<QStringList> CmdLineServer::sendRequest(const QString& runtimeFold
                                                       const QVariantMap& userInfo, int timeoutMs)
 {
     sockaddr_un address{};
-    if (!fillAddress(QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::SocketName)),
+    if (runtimeFolder.isEmpty() ||
+        !fillAddress(QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::SocketName)),
                      address)) {
         return std::nullopt;
     }
