@@ -9,6 +9,9 @@
 
 namespace {
 
+// A killed child ends at once unless the kernel is stuck on its behalf (a dead NFS server).
+constexpr int QuitWaitMs = 1000;
+
 // Runs in the child between fork and exec.
 void prepareChild()
 {
@@ -41,7 +44,8 @@ ChildProcess::~ChildProcess()
         return;
     }
     kill();
-    // QProcess would wait for the end in its destructor; the application reaps it instead.
+    // Still not ended: QProcess would wait again in its destructor; the application reaps
+    // it instead.
     if (QCoreApplication* app = QCoreApplication::instance()) {
         m_process->disconnect();
         m_process->setParent(app);
@@ -82,6 +86,7 @@ void ChildProcess::kill()
     m_cancelled = true;
     if (isRunning()) {
         signalGroup(SIGKILL);
+        m_process->waitForFinished(QuitWaitMs);
     }
 }
 

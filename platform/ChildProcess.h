@@ -28,7 +28,8 @@ public:
 
     // Asks the group to end and kills what is left of it after the grace period.
     void cancel();
-    // Kills the group at once (quitting). The child is reaped later, without waiting.
+    // Kills the group at once and reaps the child (quitting: the event loop that would
+    // report its end has stopped, and no zombie may be left).
     void kill();
 
     // The locale children run in: "en_US.UTF-8" where it is installed, else "C.UTF-8"

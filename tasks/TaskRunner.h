@@ -37,7 +37,7 @@ public:
     void run();
     // Terminates the child's process group (and kills it after a grace period).
     void cancelTask();
-    // Kills the process group without a grace period (quitting); does not wait.
+    // Kills the process group without a grace period and reaps the child (quitting).
     void terminateNow();
     bool isCancelled() const { return m_taskCancelled; }
     bool isRunning() const;
