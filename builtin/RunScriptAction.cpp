@@ -9,16 +9,10 @@
 #include <QFileInfo>
 #include <QProcessEnvironment>
 #include <QRegularExpression>
-#include <QTimer>
-
-#include <csignal>
-#include <unistd.h>
 
 namespace {
 
 using Colour = DebugConsoleController::Colour;
-
-constexpr int KillGraceMs = 2000;
 
 const QString ConfigurationErrorTitle = QStringLiteral("Run Script configuration error");
 
@@ -33,14 +27,8 @@ QString quotedCommandLine(const QString& program, const QStringList& arguments)
 
 } // namespace
 
-RunScriptAction::~RunScriptAction()
-{
-    if (m_process && m_process->state() != QProcess::NotRunning) {
-        m_process->disconnect(this);
-        killGroup(SIGKILL);
-        m_process->waitForFinished(1000);
-    }
-}
+// A script still running goes with its action (the child process kills its group).
+RunScriptAction::~RunScriptAction() = default;
 
 QStringList RunScriptAction::shebangCommand(const QString& scriptPath)
 {
@@ -63,7 +51,7 @@ QStringList RunScriptAction::shebangCommand(const QString& scriptPath)
 
 qint64 RunScriptAction::processId() const
 {
-    return m_pid;
+    return m_child && m_child->isRunning() ? m_child->processId() : 0;
 }
 
 void RunScriptAction::runWithClick()
@@ -131,18 +119,23 @@ void RunScriptAction::run(const QStringList& filePaths, bool dragged)
     environment.insert(QStringLiteral("SKELVO_KEY_MODIFIER"), keyModifier());
     environment.insert(QStringLiteral("SKELVO_TMP_FOLDER"), QDir::tempPath());
 
-    m_process = new QProcess(this);
-    m_process->setProgram(interpreter);
-    m_process->setArguments(arguments);
-    m_process->setProcessEnvironment(environment);
-    m_process->setWorkingDirectory(script.absolutePath());
-    m_process->setStandardInputFile(QProcess::nullDevice());
-    m_process->setChildProcessModifier(ChildProcess::prepareChild);
-    connect(m_process, &QProcess::readyReadStandardOutput, this,
+    m_child = new ChildProcess(this);
+    QProcess* process = m_child->process();
+    process->setProgram(interpreter);
+    process->setArguments(arguments);
+    process->setProcessEnvironment(environment);
+    process->setWorkingDirectory(script.absolutePath());
+    process->setStandardInputFile(QProcess::nullDevice());
+    connect(process, &QProcess::readyReadStandardOutput, this,
             [this] { readOutput(QProcess::StandardOutput); });
-    connect(m_process, &QProcess::readyReadStandardError, this,
+    connect(process, &QProcess::readyReadStandardError, this,
             [this] { readOutput(QProcess::StandardError); });
-    connect(m_process, &QProcess::finished, this, &RunScriptAction::processFinished);
+    connect(process, &QProcess::finished, this, &RunScriptAction::processFinished);
+    connect(process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart) {
+            failedToStart();
+        }
+    });
 
     bridge->createTaskStatus();
     bridge->beginProgress(false);
@@ -151,26 +144,27 @@ void RunScriptAction::run(const QStringList& filePaths, bool dragged)
         QStringLiteral("\n[Launching script with command line: %1]\n")
             .arg(quotedCommandLine(interpreter, arguments)));
 
-    m_process->start();
-    if (!m_process->waitForStarted(5000)) {
-        const QString error = m_process->errorString();
-        DebugConsoleController::shared().append(
-            QStringLiteral("Failed to launch script: %1\n").arg(error), Colour::Red);
-        m_process->disconnect(this);
-        m_process->deleteLater();
-        failWithMessage(QStringLiteral("The script could not be launched: %1").arg(error));
-        return;
-    }
-    m_pid = m_process->processId();
+    m_child->start();
+}
+
+void RunScriptAction::failedToStart()
+{
+    const QString error = m_child->process()->errorString();
+    DebugConsoleController::shared().append(
+        QStringLiteral("Failed to launch script: %1\n").arg(error), Colour::Red);
+    m_child->process()->disconnect(this);
+    m_child->deleteLater();
+    failWithMessage(QStringLiteral("The script could not be launched: %1").arg(error));
 }
 
 void RunScriptAction::readOutput(QProcess::ProcessChannel channel)
 {
-    if (!m_process) {
+    if (!m_child) {
         return;
     }
-    m_process->setReadChannel(channel);
-    const QByteArray data = m_process->readAll();
+    QProcess* process = m_child->process();
+    process->setReadChannel(channel);
+    const QByteArray data = process->readAll();
     if (channel == QProcess::StandardError) {
         DebugConsoleController::shared().append(m_stderrDecoder.decode(data), Colour::Red);
     } else {
@@ -182,13 +176,9 @@ void RunScriptAction::processFinished(int exitCode, QProcess::ExitStatus status)
 {
     readOutput(QProcess::StandardOutput);
     readOutput(QProcess::StandardError);
-    // Whatever the script left behind in its group goes with it.
-    killGroup(SIGKILL);
-    m_pid = 0;
     DebugConsoleController::shared().append(QStringLiteral("\n[Task completed]\n"));
-    if (m_process) {
-        m_process->deleteLater();
-    }
+    const QString errorText = m_child->process()->errorString();
+    m_child->deleteLater();
     if (m_cancelled) {
         finish();
         return;
@@ -198,33 +188,17 @@ void RunScriptAction::processFinished(int exitCode, QProcess::ExitStatus status)
         succeedWithMessage(QStringLiteral("%1 completed.").arg(actionName()));
         return;
     }
-    const QString exitText =
-        status == QProcess::NormalExit ? QString::number(exitCode) : m_process->errorString();
+    const QString exitText = status == QProcess::NormalExit ? QString::number(exitCode) : errorText;
     failWithMessage(
         QStringLiteral("Script exited with status %1. Check the Action Console for details.")
             .arg(exitText));
 }
 
-void RunScriptAction::killGroup(int signal)
-{
-    if (m_pid > 0) {
-        ::kill(-static_cast<pid_t>(m_pid), signal);
-    }
-}
-
 void RunScriptAction::cancel()
 {
-    if (!m_process || m_process->state() == QProcess::NotRunning || m_cancelled) {
+    if (!m_child || !m_child->isRunning() || m_cancelled) {
         return;
     }
     m_cancelled = true;
-    killGroup(SIGTERM);
-    // A group that ignores the polite request is ended after a short grace period.
-    QPointer<QProcess> process = m_process;
-    const qint64 pid = m_pid;
-    QTimer::singleShot(KillGraceMs, this, [process, pid] {
-        if (process && process->state() != QProcess::NotRunning && pid > 0) {
-            ::kill(-static_cast<pid_t>(pid), SIGKILL);
-        }
-    });
+    m_child->cancel();
 }

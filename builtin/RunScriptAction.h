@@ -4,6 +4,8 @@
 
 #include <QPointer>
 #include <QProcess>
+
+class ChildProcess;
 #include <QStringDecoder>
 
 // "Run Script": runs the chosen script under the interpreter its shebang names, with the
@@ -26,11 +28,10 @@ private:
     void run(const QStringList& filePaths, bool dragged);
     void readOutput(QProcess::ProcessChannel channel);
     void processFinished(int exitCode, QProcess::ExitStatus status);
-    void killGroup(int signal);
+    void failedToStart();
 
-    QPointer<QProcess> m_process;
+    QPointer<ChildProcess> m_child;
     QStringDecoder m_stdoutDecoder{QStringDecoder::Utf8};
     QStringDecoder m_stderrDecoder{QStringDecoder::Utf8};
-    qint64 m_pid = 0;
     bool m_cancelled = false;
 };

@@ -166,15 +166,14 @@ AppRun runApp(const std::vector<std::string>& arguments)
     return run;
 }
 
-DetachedApp startAppDetached(const std::vector<std::string>& arguments, const std::string& logPath)
+DetachedApp startAppDetached(const std::vector<std::string>& arguments, int logFd)
 {
     DetachedApp app;
     AppCommand command = appCommand(arguments);
 
     SpawnActions actions;
     posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, logPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_adddup2(actions.get(), logFd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(actions.get(), STDOUT_FILENO, STDERR_FILENO);
 
     // A session of its own: the terminal's Ctrl-C and hang-up do not reach it.

@@ -30,7 +30,8 @@ struct DetachedApp {
 
 // Starts `skelvo ARGUMENTS` (found as runApp finds it) in a session of its own, so that it
 // outlives sk and the terminal's signals, with standard input from /dev/null and its output
-// appended to `logPath`; does not wait for it. The caller may reap it with waitpid.
-DetachedApp startAppDetached(const std::vector<std::string>& arguments, const std::string& logPath);
+// going to `logFd` (opened for appending); does not wait for it. The caller may reap it with
+// waitpid.
+DetachedApp startAppDetached(const std::vector<std::string>& arguments, int logFd);
 
 } // namespace sk

@@ -3,6 +3,7 @@
 #include "cli/AppProcess.h"
 #include "cli/Request.h"
 #include "core/CmdLineProtocol.h"
+#include "core/PrivateFolder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -166,12 +167,16 @@ class Connector {
 public:
     explicit Connector(const Session& session)
         : m_session(session)
-        , m_folder(runtimeFolder())
+        , m_folder(runtimeFolder(&m_folderProblem))
         , m_path(joinPath(m_folder, CmdLineProtocol::SocketName))
     {}
 
     Waited connect()
     {
+        if (m_folder.empty()) {
+            std::fprintf(stderr, "sk: refusing the runtime folder %s\n", m_folderProblem.c_str());
+            return {Socket(), ExitNotRunning};
+        }
         int error = 0;
         Socket socket = connectTo(m_path, error);
         if (socket.valid()) {
@@ -208,7 +213,16 @@ private:
         std::filesystem::create_directories(m_folder, error);
         ::chmod(m_folder.c_str(), 0700);
         const std::string log = joinPath(m_folder, StartLogName);
-        const DetachedApp app = startAppDetached({"--headless"}, log);
+        // Never through a link someone else put there.
+        const int logFd =
+            ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (logFd < 0) {
+            std::fprintf(stderr, "sk: cannot open the log %s: %s\n", log.c_str(),
+                         std::strerror(errno));
+            return {Socket(), ExitAppNotStarted};
+        }
+        const DetachedApp app = startAppDetached({"--headless"}, logFd);
+        ::close(logFd);
         if (app.pid < 0) {
             std::fprintf(stderr,
                          "sk: cannot start the Skelvo application (skelvo beside sk or on PATH): "
@@ -261,6 +275,7 @@ private:
     }
 
     const Session& m_session;
+    std::string m_folderProblem;
     std::string m_folder;
     std::string m_path;
 };
@@ -276,6 +291,24 @@ bool sendAll(int fd, std::string_view data)
             return false;
         }
         data.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
+// The socket's owner is the user who listens on it; anyone else may have put it there.
+bool serverIsThisUser(int fd, const std::string& path)
+{
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        std::fprintf(stderr, "sk: cannot check who listens at %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return false;
+    }
+    if (peer.uid != ::getuid()) {
+        std::fprintf(stderr, "sk: %s belongs to user %u, not to you; nothing was sent\n",
+                     path.c_str(), static_cast<unsigned>(peer.uid));
+        return false;
     }
     return true;
 }
@@ -377,7 +410,7 @@ private:
 
 } // namespace
 
-std::string runtimeFolder()
+std::string runtimeFolder(std::string* problem)
 {
     std::string root;
     if (const std::string home = environment("SKELVO_HOME"); !home.empty()) {
@@ -394,7 +427,14 @@ std::string runtimeFolder()
         char* resolved = ::realpath(temp.c_str(), nullptr);
         temp = resolved ? resolved : ".";
         std::free(resolved);
-        root = joinPath(temp, "skelvo-runtime-" + environment("USER"));
+        root = PrivateFolder::fallbackRuntimeRoot(temp);
+        std::string why;
+        if (!PrivateFolder::ensure(root, &why)) {
+            if (problem) {
+                *problem = why;
+            }
+            return {};
+        }
     }
     return joinPath(root, "skelvo");
 }
@@ -413,6 +453,9 @@ int sendRequest(const nlohmann::json& userInfo, const Session& session)
     Waited connection = Connector(session).connect();
     if (!connection.socket.valid()) {
         return connection.status;
+    }
+    if (!serverIsThisUser(connection.socket.fd(), socketPath())) {
+        return ExitNotRunning;
     }
     if (!sendAll(connection.socket.fd(), *line)) {
         return connectionLost();

@@ -9,8 +9,9 @@ namespace sk {
 
 // The application's runtime folder, found as the application finds it:
 // $SKELVO_HOME/runtime/skelvo, else $XDG_RUNTIME_DIR/skelvo, else
-// ${TMPDIR:-/tmp}/skelvo-runtime-$USER/skelvo.
-std::string runtimeFolder();
+// ${TMPDIR:-/tmp}/skelvo-runtime-<uid>/skelvo, which must be a private folder of this user
+// (empty, with `problem` saying why, when it is not).
+std::string runtimeFolder(std::string* problem = nullptr);
 
 // The socket the application listens on.
 std::string socketPath();

@@ -1,6 +1,7 @@
 #include "core/SupportPaths.h"
 
 #include "core/Log.h"
+#include "core/PrivateFolder.h"
 
 #include <QDir>
 #include <QFile>
@@ -102,9 +103,16 @@ QString runtimeDirectory()
     } else if (!env("XDG_RUNTIME_DIR").isEmpty()) {
         root = env("XDG_RUNTIME_DIR");
     } else {
-        // No session runtime folder (cron, ssh without logind): a per-user folder in /tmp.
-        root = QDir::temp().filePath(
-            QStringLiteral("skelvo-runtime-%1").arg(qEnvironmentVariable("USER")));
+        // No session runtime folder (cron, ssh without logind): a per-user folder in /tmp,
+        // used only when it is really ours.
+        root = QString::fromStdString(
+            PrivateFolder::fallbackRuntimeRoot(QFile::encodeName(QDir::tempPath()).toStdString()));
+        std::string problem;
+        if (!PrivateFolder::ensure(QFile::encodeName(root).toStdString(), &problem)) {
+            Log::error(QStringLiteral("Refusing the runtime folder %1")
+                           .arg(QString::fromStdString(problem)));
+            return {};
+        }
     }
     const QString path = QDir(root).filePath(QStringLiteral("skelvo"));
     ensureFolder(path, QStringLiteral("Error creating runtime directory at %1\n%2"));

@@ -12,8 +12,10 @@ namespace SupportPaths {
 
 QString applicationSupportDirectory(); // $XDG_DATA_HOME/Skelvo
 QString configDirectory();             // $XDG_CONFIG_HOME/Skelvo
-QString runtimeDirectory();            // $XDG_RUNTIME_DIR/skelvo, private to the user
-QString logsDirectory();               // "Logs" in the support folder
+// $XDG_RUNTIME_DIR/skelvo, private to the user; empty when the fallback in the temporary
+// folder is not safe to use.
+QString runtimeDirectory();
+QString logsDirectory(); // "Logs" in the support folder
 
 QString resourcesDirectory();       // <prefix>/share/skelvo beside the executable
 QString internalActionsDirectory(); // "Actions" in the resources (read-only)

@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <cerrno>
 #include <cstring>
@@ -77,6 +78,9 @@ bool CmdLineServer::listen(const QString& runtimeFolder, QString* error)
         }
         return false;
     };
+    if (runtimeFolder.isEmpty()) {
+        return fail(QStringLiteral("No private runtime folder"));
+    }
     QDir().mkpath(runtimeFolder);
     const QString lockPath =
         QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::LockName));
@@ -120,14 +124,13 @@ void CmdLineServer::acceptConnections()
     for (;;) {
         const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0) {
+            // A client that gave up while waiting in the queue does not end the others.
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
             return;
         }
-        ucred peer{};
-        socklen_t length = sizeof(peer);
-        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 ||
-            peer.uid != ::getuid()) {
-            Log::warning(
-                QStringLiteral("Refused a command-line connection from user %1").arg(peer.uid));
+        if (!peerIsThisUser(fd)) {
             ::close(fd);
             continue;
         }
@@ -141,7 +144,36 @@ void CmdLineServer::acceptConnections()
         connection.writeNotifier->setEnabled(false);
         connect(connection.writeNotifier, &QSocketNotifier::activated, this,
                 [this, id] { flush(id); });
+        // A client that connects and says nothing must not hold a connection for ever.
+        connection.requestTimer = new QTimer(this);
+        connection.requestTimer->setSingleShot(true);
+        connect(connection.requestTimer, &QTimer::timeout, this, [this, id] {
+            Log::warning(QStringLiteral("Dropped a command-line connection that sent no "
+                                        "request within %1 ms")
+                             .arg(m_requestTimeoutMs));
+            close(id);
+        });
+        connection.requestTimer->start(m_requestTimeoutMs);
     }
+}
+
+bool CmdLineServer::peerIsThisUser(int fd) const
+{
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        Log::warning(QStringLiteral("Refused a command-line connection whose credentials cannot "
+                                    "be read: %1")
+                         .arg(errnoText()));
+        return false;
+    }
+    if (peer.uid != ::getuid()) {
+        Log::warning(QStringLiteral("Refused a command-line connection from user %1 (process %2)")
+                         .arg(peer.uid)
+                         .arg(peer.pid));
+        return false;
+    }
+    return true;
 }
 
 void CmdLineServer::readFrom(ConnectionId id)
@@ -151,6 +183,7 @@ void CmdLineServer::readFrom(ConnectionId id)
         return;
     }
     char buffer[65536];
+    bool ended = false;
     for (;;) {
         const ssize_t got = ::read(it->fd, buffer, sizeof buffer);
         if (got > 0) {
@@ -164,14 +197,15 @@ void CmdLineServer::readFrom(ConnectionId id)
             }
             continue;
         }
-        if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0 && errno == EAGAIN) {
             break;
         }
-        // The client went away before or after its request.
-        if (!it->requestSeen) {
-            close(id);
-            return;
-        }
+        // End of input (a client may half-close after its request) or an error: nothing
+        // more will come, but what came may still be a request to answer.
+        ended = true;
         it->readNotifier->setEnabled(false);
         break;
     }
@@ -180,9 +214,13 @@ void CmdLineServer::readFrom(ConnectionId id)
     }
     const qsizetype newline = it->input.indexOf('\n');
     if (newline < 0) {
+        if (ended) {
+            close(id);
+        }
         return;
     }
     it->requestSeen = true;
+    it->requestTimer->stop();
     const QByteArray line = it->input.left(newline);
     it->input.clear();
     QJsonParseError parseError{};
@@ -205,6 +243,7 @@ void CmdLineServer::rejectRequest(ConnectionId id, const QString& message)
         return;
     }
     it->requestSeen = true;
+    it->requestTimer->stop();
     it->input.clear();
     send(id, QString::fromLatin1(CmdLineProtocol::Running));
     respond(id, message);
@@ -250,7 +289,10 @@ void CmdLineServer::flush(ConnectionId id)
             it->output.remove(0, written);
             continue;
         }
-        if (written < 0 && (errno == EAGAIN || errno == EINTR)) {
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written < 0 && errno == EAGAIN) {
             // The client reads slowly: go on when the socket can take more.
             it->writeNotifier->setEnabled(true);
             return;
@@ -272,6 +314,9 @@ void CmdLineServer::close(ConnectionId id)
     }
     delete it->readNotifier;
     delete it->writeNotifier;
+    // This may run from the timer's own time-out.
+    it->requestTimer->stop();
+    it->requestTimer->deleteLater();
     ::close(it->fd);
     m_connections.erase(it);
     Q_EMIT connectionClosed(id);
@@ -282,38 +327,59 @@ std::optional<QStringList> CmdLineServer::sendRequest(const QString& runtimeFold
                                                       const QVariantMap& userInfo, int timeoutMs)
 {
     sockaddr_un address{};
-    if (!fillAddress(QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::SocketName)),
+    if (runtimeFolder.isEmpty() ||
+        !fillAddress(QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::SocketName)),
                      address)) {
         return std::nullopt;
     }
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return std::nullopt;
-    }
     QDeadlineTimer deadline(timeoutMs);
-    // The running instance may still be starting: try again for a moment.
-    while (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    int fd = -1;
+    // The running instance may still be starting: try again for a moment, on a fresh
+    // socket each time (a failed connect leaves the old one in no state to retry).
+    for (;;) {
+        fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+            break;
+        }
+        ::close(fd);
         if (deadline.hasExpired()) {
-            ::close(fd);
             return std::nullopt;
         }
         ::usleep(50000);
     }
     const QByteArray request = encodeMessage(name, userInfo);
-    if (::send(fd, request.constData(), static_cast<size_t>(request.size()), MSG_NOSIGNAL) !=
-        request.size()) {
-        ::close(fd);
-        return std::nullopt;
+    for (qsizetype sent = 0; sent < request.size();) {
+        const ssize_t written = ::send(fd, request.constData() + sent,
+                                       static_cast<size_t>(request.size() - sent), MSG_NOSIGNAL);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            ::close(fd);
+            return std::nullopt;
+        }
+        sent += written;
     }
     QByteArray input;
     QStringList responses;
     char buffer[4096];
     for (;;) {
         pollfd poller{fd, POLLIN, 0};
-        if (::poll(&poller, 1, static_cast<int>(qMax<qint64>(0, deadline.remainingTime()))) <= 0) {
+        const int ready =
+            ::poll(&poller, 1, static_cast<int>(qMax<qint64>(0, deadline.remainingTime())));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
             break;
         }
         const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
         if (got <= 0) {
             break;
         }

@@ -9,6 +9,7 @@
 #include <optional>
 
 class QSocketNotifier;
+class QTimer;
 
 // The application's end of the command-line socket: one instance per user (a lock file in
 // the runtime folder), only processes of the same user served, one newline-terminated JSON
@@ -17,6 +18,8 @@ class CmdLineServer : public QObject {
     Q_OBJECT
 public:
     using ConnectionId = quint64;
+    // How long a client may take from connecting to the end of its request.
+    static constexpr int DefaultRequestTimeoutMs = 10000;
 
     explicit CmdLineServer(QObject* parent = nullptr);
     ~CmdLineServer() override;
@@ -32,6 +35,7 @@ public:
     void respond(ConnectionId connection, const QString& response);
     void finish(ConnectionId connection);
     bool isOpen(ConnectionId connection) const { return m_connections.contains(connection); }
+    void setRequestTimeout(int milliseconds) { m_requestTimeoutMs = milliseconds; }
 
     // Sends a request to the running instance and waits for its finish (a second instance
     // handing over its arguments). Returns the responses, or none when nobody answered.
@@ -54,6 +58,7 @@ private:
         bool closing = false;
         QSocketNotifier* readNotifier = nullptr;
         QSocketNotifier* writeNotifier = nullptr;
+        QTimer* requestTimer = nullptr;
     };
 
     void acceptConnections();
@@ -61,6 +66,7 @@ private:
     void flush(ConnectionId id);
     void close(ConnectionId id);
     void rejectRequest(ConnectionId id, const QString& message);
+    bool peerIsThisUser(int fd) const;
 
     int m_listenFd = -1;
     int m_lockFd = -1;
@@ -69,4 +75,5 @@ private:
     QSocketNotifier* m_acceptNotifier = nullptr;
     QHash<ConnectionId, Connection> m_connections;
     ConnectionId m_nextId = 1;
+    int m_requestTimeoutMs = DefaultRequestTimeoutMs;
 };

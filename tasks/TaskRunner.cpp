@@ -18,8 +18,6 @@
 #include <QStandardPaths>
 #include <QTimer>
 
-#include <csignal>
-#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -58,10 +56,8 @@ TaskRunner::~TaskRunner()
 void TaskRunner::terminateNow()
 {
     m_taskCancelled = true;
-    if (isRunning()) {
-        // Nothing may outlive the application's interest in it.
-        killGroup(SIGKILL);
-        m_process->waitForFinished(1000);
+    if (m_child) {
+        m_child->kill();
     }
 }
 
@@ -89,12 +85,12 @@ QString TaskRunner::launchPath() const
 
 bool TaskRunner::isRunning() const
 {
-    return m_process && m_process->state() != QProcess::NotRunning;
+    return m_child && m_child->isRunning();
 }
 
 qint64 TaskRunner::processId() const
 {
-    return m_process ? m_process->processId() : 0;
+    return m_child ? m_child->processId() : 0;
 }
 
 void TaskRunner::run()
@@ -103,14 +99,15 @@ void TaskRunner::run()
         return;
     }
     m_outputHandler = new TaskOutputHandler(m_task, this, this);
-    m_process = new QProcess(this);
+    m_child = new ChildProcess(this);
+    m_process = m_child->process();
     // Standard error shares the pipe, so error text reaches the console among the output.
     m_process->setProcessChannelMode(QProcess::MergedChannels);
     m_process->setProgram(launchPath());
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("NSUnbufferedIO"), QStringLiteral("NO"));
-    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("en_US.UTF-8"));
+    environment.insert(QStringLiteral("LC_ALL"), ChildProcess::utf8Locale());
     environment.insert(QStringLiteral("RUBYOPT"), QStringLiteral("-Ku"));
     const ActionFile& action = *m_task->actionFile;
     if (action.isPythonAction) {
@@ -140,7 +137,6 @@ void TaskRunner::run()
     }
     m_process->setWorkingDirectory(m_libPath);
     m_process->setArguments({runnerPath, m_task->taskDescriptionPath()});
-    m_process->setChildProcessModifier(ChildProcess::prepareChild);
 
     connect(m_process, &QProcess::readyReadStandardOutput, this, &TaskRunner::taskDataAvailable);
     m_partialLineTimer.setSingleShot(true);
@@ -157,8 +153,7 @@ void TaskRunner::run()
         AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Failed to launch task"), reason,
                                                 task);
     });
-    m_process->start();
-    m_groupId = m_process->processId();
+    m_child->start();
 }
 
 void TaskRunner::taskDataAvailable()
@@ -166,8 +161,9 @@ void TaskRunner::taskDataAvailable()
     m_pending += m_process->readAllStandardOutput();
     // A long line can arrive in several reads; wait a moment for its end so that it is
     // processed (and acknowledged) once. A script that prints without a line break and
-    // waits is answered when the moment has passed.
-    if (!m_pending.endsWith('\n') && isRunning()) {
+    // waits is answered when the moment has passed, and endless output without line breaks
+    // once it has piled up.
+    if (!m_pending.endsWith('\n') && isRunning() && m_pending.size() <= PartialLineLimitBytes) {
         m_partialLineTimer.start(PartialLineWaitMs);
         return;
     }
@@ -197,30 +193,14 @@ void TaskRunner::writeToChild(const QByteArray& bytes)
 {
     if (isRunning()) {
         m_process->write(bytes);
-        // The script is waiting for this byte: hand it over now rather than on the next
-        // turn of the event loop.
-        m_process->waitForBytesWritten(0);
     }
 }
 
 void TaskRunner::cancelTask()
 {
     m_taskCancelled = true;
-    if (!isRunning()) {
-        return;
-    }
-    killGroup(SIGTERM);
-    QTimer::singleShot(CancelGracePeriodMs, this, [this] {
-        if (isRunning()) {
-            killGroup(SIGKILL);
-        }
-    });
-}
-
-void TaskRunner::killGroup(int signal)
-{
-    if (m_groupId > 0) {
-        ::kill(static_cast<pid_t>(-m_groupId), signal);
+    if (m_child) {
+        m_child->cancel();
     }
 }
 
@@ -228,8 +208,6 @@ void TaskRunner::taskCompleted(int exitCode, QProcess::ExitStatus status)
 {
     m_pending += m_process->readAllStandardOutput();
     processPendingOutput();
-    // Whatever the script left running in its group goes with it.
-    killGroup(SIGKILL);
     const bool failed = status == QProcess::CrashExit || exitCode != 0;
     if (failed && !m_taskCancelled && m_outputHandler) {
         m_outputHandler->setTaskFailed(true);

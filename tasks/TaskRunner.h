@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/ChildProcess.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QProcess>
@@ -17,11 +19,12 @@ class TaskOutputHandler;
 class TaskRunner : public QObject {
     Q_OBJECT
 public:
-    // How long a cancelled process group has to end before it is killed.
-    static constexpr int CancelGracePeriodMs = 2000;
+    static constexpr int CancelGracePeriodMs = ChildProcess::CancelGracePeriodMs;
     static constexpr int CompletionDelayMs = 200;
     // How long a line without its end may wait for the rest.
     static constexpr int PartialLineWaitMs = 50;
+    // How much of a line without its end is kept before it is processed anyway.
+    static constexpr qsizetype PartialLineLimitBytes = 64 * 1024;
 
     explicit TaskRunner(Task* task, QObject* parent = nullptr);
     ~TaskRunner() override;
@@ -34,7 +37,7 @@ public:
     void run();
     // Terminates the child's process group (and kills it after a grace period).
     void cancelTask();
-    // Kills the process group without a grace period and reaps the child.
+    // Kills the process group without a grace period and reaps the child (quitting).
     void terminateNow();
     bool isCancelled() const { return m_taskCancelled; }
     bool isRunning() const;
@@ -55,9 +58,9 @@ private:
     void processPendingOutput();
     void taskCompleted(int exitCode, QProcess::ExitStatus status);
     void completeTask();
-    void killGroup(int signal);
 
     QPointer<Task> m_task;
+    ChildProcess* m_child = nullptr;
     QProcess* m_process = nullptr;
     TaskOutputHandler* m_outputHandler = nullptr;
     QString m_libPath;
@@ -66,5 +69,4 @@ private:
     QTimer m_partialLineTimer;
     bool m_taskCancelled = false;
     bool m_completed = false;
-    qint64 m_groupId = 0;
 };

@@ -249,6 +249,27 @@ TEST_F(BuiltInTest, CancellingRunScriptEndsItsWholeProcessGroup)
     }
 }
 
+TEST_F(BuiltInTest, RunScriptLeavesWhatItStartedRunningAfterANormalEnd)
+{
+    const QString pids = homePath() + QStringLiteral("/background.txt");
+    const QString script =
+        writeFile(QStringLiteral("background.sh"),
+                  QByteArray("#!/bin/sh\nsleep 30 &\necho $! > '") + pids.toUtf8() + "'\n");
+    auto* action = static_cast<RunScriptAction*>(runner->runActionWithClickWithGridAction(
+        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}})));
+    ASSERT_NE(action, nullptr);
+    // The parent made the group too: a cancel at once would reach it.
+    const auto group = static_cast<pid_t>(action->processId());
+    EXPECT_EQ(::getpgid(group), group);
+    ASSERT_TRUE(waitForIdle());
+    EXPECT_EQ(notificationBodies(), QStringList{QStringLiteral("Run Script completed.")});
+    ASSERT_EQ(readLines(pids).size(), 1);
+    const qint64 sleeper = readLines(pids).first().toLongLong();
+    // A kill takes a moment to land: give it one.
+    EXPECT_FALSE(waitUntil([&] { return processGone(sleeper); }, 1000));
+    ::kill(static_cast<pid_t>(sleeper), SIGKILL);
+}
+
 // --- Open URL, Open File, Open Application
 
 TEST(OpenUrlResolver, CompletesAndRefusesAsDocumented)

@@ -22,6 +22,8 @@
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -83,7 +85,8 @@ class FakeServer {
 public:
     using Script = std::function<void(int fd)>;
 
-    explicit FakeServer(std::string path)
+    // `listenAs`: the user the kernel reports as the listener (needs root to differ).
+    explicit FakeServer(std::string path, uid_t listenAs = ::geteuid())
         : m_path(std::move(path))
     {
         QDir().mkpath(QFileInfo(QString::fromStdString(m_path)).absolutePath());
@@ -93,7 +96,11 @@ public:
         std::strncpy(address.sun_path, m_path.c_str(), sizeof address.sun_path - 1);
         EXPECT_EQ(::bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
             << std::strerror(errno);
+        // For this thread only, as the raw system call does it.
+        const uid_t self = ::geteuid();
+        EXPECT_EQ(::syscall(SYS_setresuid, -1, listenAs, -1), 0);
         EXPECT_EQ(::listen(m_listener, 4), 0);
+        EXPECT_EQ(::syscall(SYS_setresuid, -1, self, -1), 0);
     }
 
     ~FakeServer()
@@ -395,6 +402,65 @@ TEST(SkClient, NotRunningExitsWithThree)
     EXPECT_EQ(stale.err, NotRunning);
 }
 
+TEST(SkClient, RuntimeFallbackIsUsedOnlyWhenItIsAPrivateFolderNamedByUid)
+{
+    TestHome home;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("SKELVO_HOME"));
+    environment.remove(QStringLiteral("XDG_RUNTIME_DIR"));
+    environment.insert(QStringLiteral("TMPDIR"), home.path());
+    const std::string root = QStringLiteral("%1/skelvo-runtime-%2")
+                                 .arg(QFileInfo(home.path()).canonicalFilePath())
+                                 .arg(::getuid())
+                                 .toStdString();
+    for (const mode_t mode : {0700, 0755}) {
+        FakeServer server(root + "/skelvo/" + CmdLineProtocol::SocketName);
+        ASSERT_EQ(::chmod(root.c_str(), mode), 0);
+        server.serve([](int fd) {
+            running(fd);
+            respond(fd, "open");
+            finish(fd);
+        });
+        const SkRun result = runSk({QStringLiteral("status")}, {}, skBinary(), environment);
+        if (mode == 0700) {
+            EXPECT_EQ(result.exitCode, sk::ExitSuccess) << result.err.toStdString();
+            EXPECT_EQ(result.out, "open\n");
+        } else {
+            EXPECT_EQ(result.exitCode, sk::ExitNotRunning);
+            EXPECT_EQ(result.err.toStdString(),
+                      "sk: refusing the runtime folder " + root + ": its mode is not 0700\n");
+            // Unblock the server's wait: connect once as the test.
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            const std::string path = root + "/skelvo/" + CmdLineProtocol::SocketName;
+            std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+            ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+            ::close(fd);
+            EXPECT_EQ(server.request(), "") << "sk sent a request into an unsafe folder";
+        }
+    }
+}
+
+TEST(SkClient, ServerOfAnotherUserIsToldNothing)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to listen as another user";
+    }
+    TestHome home;
+    FakeServer server(socketPath(home), 65534);
+    server.serve([](int fd) {
+        running(fd);
+        finish(fd);
+    });
+    const SkRun result = runSk({QStringLiteral("status")});
+    EXPECT_EQ(result.exitCode, sk::ExitNotRunning);
+    EXPECT_EQ(result.err.toStdString(), socketPath(home).insert(0, "sk: ") +
+                                            " belongs to user 65534, not to you; nothing "
+                                            "was sent\n");
+    EXPECT_EQ(server.request(), "");
+}
+
 TEST(SkClient, LockThatNobodyHoldsDoesNotMakeItWait)
 {
     TestHome home;
@@ -565,6 +631,27 @@ TEST(SkStart, StartsTheApplicationHeadlessInItsOwnSessionAndWaitsForIt)
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));
     EXPECT_TRUE(log.readAll().contains("fake skelvo starting"));
     awaitEnd(started["pid"].get<qint64>());
+}
+
+TEST(SkStart, LogIsNeverOpenedThroughALink)
+{
+    TestHome home;
+    Installation installation(FakeSkelvo);
+    const QString target = home.writeFile(QStringLiteral("elsewhere.txt"), {});
+    QDir().mkpath(QString::fromStdString(runtimeFolder(home)));
+    const QString log = QString::fromStdString(runtimeFolder(home) + "/skelvo-headless.log");
+    ASSERT_TRUE(QFile::link(target, log));
+    const SkRun result =
+        runSk({QStringLiteral("--start"), QStringLiteral("status")}, {}, installation.program());
+    EXPECT_EQ(result.exitCode, sk::ExitAppNotStarted);
+    EXPECT_EQ(result.err.toStdString(), "sk: cannot open the log " + log.toStdString() +
+                                            ": Too many levels of symbolic links\n");
+    EXPECT_EQ(QFileInfo(target).size(), 0);
+    const nlohmann::json started =
+        readJson(QDir(home.path()).filePath(QStringLiteral("started.json")));
+    if (started.is_object()) {
+        awaitEnd(started["pid"].get<qint64>());
+    }
 }
 
 TEST(SkStart, RunningApplicationIsUsedAsItIs)

@@ -17,6 +17,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -488,7 +489,7 @@ TEST(Client, FindsTheSocketWhereTheApplicationListens)
     QTemporaryDir dir;
     const std::string root = dir.path().toStdString();
     Environment environment;
-    environment.set("USER", "tester");
+    environment.set("USER", "tester"); // the fallback is named by uid, not by this
 
     environment.set("SKELVO_HOME", (root + "/home/").c_str());
     environment.set("XDG_RUNTIME_DIR", (root + "/xdg").c_str());
@@ -504,14 +505,16 @@ TEST(Client, FindsTheSocketWhereTheApplicationListens)
     environment.set("XDG_RUNTIME_DIR", "");
     ASSERT_TRUE(QDir(dir.path()).mkpath(QStringLiteral("tmp")));
     environment.set("TMPDIR", (root + "/tmp/").c_str());
-    EXPECT_EQ(sk::runtimeFolder(), root + "/tmp/skelvo-runtime-tester/skelvo");
+    EXPECT_EQ(sk::runtimeFolder(),
+              root + "/tmp/skelvo-runtime-" + std::to_string(::getuid()) + "/skelvo");
     EXPECT_EQ(sk::runtimeFolder(), SupportPaths::runtimeDirectory().toStdString());
 
     // The temporary folder is taken with its links resolved.
     ASSERT_TRUE(
         QFile::link(dir.path() + QStringLiteral("/tmp"), dir.path() + QStringLiteral("/link")));
     environment.set("TMPDIR", (root + "/link").c_str());
-    EXPECT_EQ(sk::runtimeFolder(), root + "/tmp/skelvo-runtime-tester/skelvo");
+    EXPECT_EQ(sk::runtimeFolder(),
+              root + "/tmp/skelvo-runtime-" + std::to_string(::getuid()) + "/skelvo");
     EXPECT_EQ(sk::runtimeFolder(), SupportPaths::runtimeDirectory().toStdString());
 }
 

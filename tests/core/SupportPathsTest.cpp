@@ -6,7 +6,10 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <functional>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 TEST(SupportPaths, SkelvoHomeReplacesEveryRoot)
 {
@@ -40,6 +43,62 @@ TEST(SupportPaths, XdgVariablesAreHonouredAndRelativeOnesIgnored)
     EXPECT_EQ(SupportPaths::applicationSupportDirectory().left(QDir::homePath().size()),
               QDir::homePath());
     qputenv("XDG_DATA_HOME", previous);
+}
+
+TEST(SupportPaths, RuntimeFallbackIsAPrivateFolderNamedByUid)
+{
+    TestHome home;
+    qunsetenv("SKELVO_HOME");
+    const QByteArray previousRuntime = qgetenv("XDG_RUNTIME_DIR");
+    const QByteArray previousTemp = qgetenv("TMPDIR");
+    qunsetenv("XDG_RUNTIME_DIR");
+    const QString temp = QDir(home.path()).filePath(QStringLiteral("tmp"));
+    qputenv("TMPDIR", temp.toUtf8());
+    const QString root = QStringLiteral("%1/skelvo-runtime-%2").arg(temp).arg(::getuid());
+    const QString elsewhere = QDir(home.path()).filePath(QStringLiteral("elsewhere"));
+    struct Case {
+        const char* what;
+        std::function<void()> prepare;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {"missing: created", [] {}, true},
+        {"open to others",
+         [&] {
+             QDir().mkpath(root);
+             ::chmod(QFile::encodeName(root), 0755);
+         },
+         false},
+        {"a link to a private folder",
+         [&] {
+             QDir().mkpath(elsewhere);
+             ::chmod(QFile::encodeName(elsewhere), 0700);
+             QFile::link(elsewhere, root);
+         },
+         false},
+        {"another user's",
+         [&] {
+             QDir().mkpath(root);
+             ::chown(QFile::encodeName(root), 65534, 65534);
+         },
+         ::getuid() != 0},
+    };
+    for (const Case& c : cases) {
+        QDir(temp).removeRecursively();
+        QDir().mkpath(temp);
+        c.prepare();
+        const QString runtime = SupportPaths::runtimeDirectory();
+        if (c.accepted) {
+            EXPECT_EQ(runtime, root + QStringLiteral("/skelvo")) << c.what;
+            struct stat info {};
+            ASSERT_EQ(::lstat(QFile::encodeName(root), &info), 0) << c.what;
+            EXPECT_EQ(info.st_mode & 07777, 0700u) << c.what;
+        } else {
+            EXPECT_TRUE(runtime.isEmpty()) << c.what << ": " << runtime.toStdString();
+        }
+    }
+    qputenv("XDG_RUNTIME_DIR", previousRuntime);
+    qputenv("TMPDIR", previousTemp);
 }
 
 TEST(SupportPaths, UniqueFoldersAreFreshAndNamedByKind)

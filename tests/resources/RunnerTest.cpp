@@ -237,6 +237,17 @@ const Script ExitingAction{"def clicked(variables, helper)\n  helper.begin_messa
                            "import sys\n\n\ndef clicked(variables, helper):\n"
                            "    helper.begin_message(\"leaving\")\n    sys.exit(3)\n"};
 
+// A program the action starts reads its standard input: it must find the end at once, not
+// the acknowledgements.
+const Script ChildReadsInputAction{
+    "def clicked(variables, helper)\n  helper.begin_message(\"before\")\n"
+    "  got = IO.popen([\"cat\"], &:read)\n"
+    "  helper.begin_message(\"child read #{got.bytesize} bytes\")\nend\n",
+    "import subprocess\n\n\ndef clicked(variables, helper):\n"
+    "    helper.begin_message(\"before\")\n"
+    "    got = subprocess.run([\"cat\"], stdout=subprocess.PIPE, check=True).stdout\n"
+    "    helper.begin_message(f\"child read {len(got)} bytes\")\n"};
+
 class RunnerTest : public testing::TestWithParam<Language> {
 protected:
     void SetUp() override
@@ -514,6 +525,21 @@ TEST_P(RunnerTest, OutputNeverUpsetsTheAcknowledgements)
                                                // for the folder.
                                                "Begin_Message: picked /data/picked\nText: ") +
                                  QByteArray(300000, 'y') + '\n');
+}
+
+TEST_P(RunnerTest, ProgramsTheActionStartsDoNotGetTheAcknowledgements)
+{
+    const QString taskFile =
+        task(taskDescription(bundle(ChildReadsInputAction), QStringLiteral("clicked"), {}));
+    RunnerChild child;
+    ASSERT_TRUE(child.start(taskFile, options()));
+
+    const Transcript transcript = child.runToEnd({}, 15000);
+
+    EXPECT_EQ(transcript.exitCode, 0) << transcript.standardError().toStdString();
+    EXPECT_EQ(transcript.lines(),
+              (QStringList{QStringLiteral("Begin_Message: before"),
+                           QStringLiteral("Begin_Message: child read 0 bytes")}));
 }
 
 TEST_P(RunnerTest, ExceptionGoesToStandardErrorWithBacktraceAndFails)

@@ -19,9 +19,13 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QTimer>
 
+#include <csignal>
 #include <future>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -593,6 +597,7 @@ TEST_F(CmdLineTest, OneInstancePerUserAndOtherUsersAreRefused)
     QFile::setPermissions(m_home->path(), QFileDevice::Permissions(0x7777));
     ::chmod(QDir(runtime()).filePath(QStringLiteral("skelvo.sock")).toUtf8().constData(), 0777);
     const QByteArray path = QDir(runtime()).filePath(QStringLiteral("skelvo.sock")).toUtf8();
+    LogCapture log;
     auto outcome = std::async(std::launch::async, [&] {
         const pid_t child = fork();
         if (child == 0) {
@@ -620,5 +625,122 @@ TEST_F(CmdLineTest, OneInstancePerUserAndOtherUsersAreRefused)
         [&] { return outcome.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
         10000);
     EXPECT_EQ(outcome.get(), 0) << "another user's request must get no answer";
+    EXPECT_TRUE(log.contains(QStringLiteral("Refused a command-line connection from user 65534")))
+        << log.lines().join(u'\n').toStdString();
     EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+}
+
+// The socket server alone, answering every request 100 ms later with its action word.
+class CmdLineServerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ensureCoreApplication();
+        server.setRequestTimeout(300);
+        ASSERT_TRUE(server.listen(runtime()));
+        QObject::connect(
+            &server, &CmdLineServer::requestReceived, &server,
+            [this](CmdLineServer::ConnectionId id, const QString&, const QVariantMap& userInfo) {
+                QTimer::singleShot(100, &server, [this, id, userInfo] {
+                    server.respond(id, userInfo.value(QStringLiteral("action")).toString());
+                    server.finish(id);
+                });
+            });
+    }
+    QString runtime() const { return QDir(home.path()).filePath(QStringLiteral("rt")); }
+
+    // Runs `client` in another thread while this one serves.
+    template <typename Client> auto whileServing(Client client)
+    {
+        auto reply = std::async(std::launch::async, client);
+        waitUntil(
+            [&] { return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+            15000);
+        return reply.get();
+    }
+
+    TestHome home;
+    CmdLineServer server;
+};
+
+TEST_F(CmdLineServerTest, HalfClosedRequestIsServedAndSilentClientsAreDropped)
+{
+    const QByteArray status = R"({"name":"SkelvoRunCmdLineTask","userInfo":{"action":"status"}})";
+    struct Case {
+        const char* what;
+        QByteArray sent;
+        bool halfClose;
+        QByteArray answerEnd; // what the answer ends with before the server closes
+    };
+    const Case cases[] = {
+        {"request, then half-close", status + '\n', true,
+         R"({"name":"SkelvoRunCmdLineFinish"})"
+         "\n"},
+        {"nothing at all", {}, false, {}},
+        {"a request without its end", status, false, {}},
+    };
+    const QByteArray path = QDir(runtime()).filePath(QStringLiteral("skelvo.sock")).toUtf8();
+    for (const Case& c : cases) {
+        const std::optional<QByteArray> answer = whileServing([&]() -> std::optional<QByteArray> {
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
+            if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+                ::send(fd, c.sent.constData(), static_cast<size_t>(c.sent.size()), MSG_NOSIGNAL) !=
+                    c.sent.size() ||
+                (c.halfClose && ::shutdown(fd, SHUT_WR) != 0)) {
+                ::close(fd);
+                return std::nullopt;
+            }
+            QByteArray received;
+            char buffer[4096];
+            pollfd readable{fd, POLLIN, 0};
+            while (::poll(&readable, 1, 5000) == 1) {
+                const ssize_t got = ::read(fd, buffer, sizeof buffer);
+                if (got <= 0) {
+                    ::close(fd);
+                    return received; // the server closed the connection
+                }
+                received.append(buffer, got);
+            }
+            ::close(fd);
+            return std::nullopt;
+        });
+        ASSERT_TRUE(answer.has_value()) << c.what << ": the server never closed";
+        EXPECT_TRUE(answer->endsWith(c.answerEnd)) << c.what << ": " << answer->constData();
+        EXPECT_EQ(answer->isEmpty(), c.answerEnd.isEmpty()) << c.what;
+    }
+}
+
+void ignoreSignal(int) {}
+
+TEST_F(CmdLineServerTest, InterruptedCallsOfTheRequestingSideAreRetried)
+{
+    struct sigaction action {};
+    action.sa_handler = ignoreSignal; // without SA_RESTART: calls fail with EINTR
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
+    std::atomic<bool> done = false;
+    std::atomic<pthread_t> requester{};
+    auto reply = std::async(std::launch::async, [&] {
+        requester = ::pthread_self();
+        auto responses = CmdLineServer::sendRequest(
+            runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
+            {{QStringLiteral("action"), QStringLiteral("status")}}, 10000);
+        done = true;
+        return responses;
+    });
+    // Signals keep arriving while the requester waits for the delayed answer.
+    waitUntil(
+        [&] {
+            if (!done && requester.load() != pthread_t{}) {
+                ::pthread_kill(requester.load(), SIGUSR1);
+            }
+            return done.load();
+        },
+        15000);
+    const std::optional<QStringList> responses = reply.get();
+    ::sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_EQ(responses, QStringList{QStringLiteral("status")});
 }

@@ -16,6 +16,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 
 #include <cerrno>
 #include <csignal>
@@ -100,6 +101,13 @@ private:
     int m_responses = 0;
     int m_count = 0;
 };
+
+bool processRunning(pid_t pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    return ::kill(pid, 0) == 0 && stat.open(QIODevice::ReadOnly) &&
+           !stat.readAll().contains(") Z ");
+}
 
 } // namespace
 
@@ -215,6 +223,45 @@ sleep 60
     EXPECT_NE(::kill(grandchild, 0), 0);
 }
 
+TEST_F(TaskRunnerTest, ProgramStartedByTheScriptOutlivesANormalEnd)
+{
+    const QPointer<Task> task = start(R"RUBY(
+$stdout.sync = true
+pid = spawn("sleep", "30")
+Process.detach(pid)
+print "Text: #{pid}\n"
+STDIN.gets
+)RUBY");
+    // The parent made the group too: a cancel at once would reach it.
+    ASSERT_TRUE(task && task->taskRunner());
+    const auto group = static_cast<pid_t>(task->taskRunner()->processId());
+    EXPECT_EQ(::getpgid(group), group);
+    ASSERT_TRUE(waitForFinish());
+    ASSERT_EQ(presenters.desktop().clipboard.size(), 1);
+    const auto sleeper = static_cast<pid_t>(presenters.desktop().clipboard[0].mid(5).toLongLong());
+    ASSERT_GT(sleeper, 0);
+    EXPECT_TRUE(processRunning(sleeper));
+    ::kill(sleeper, SIGKILL);
+}
+
+TEST_F(TaskRunnerTest, EndlessOutputWithoutLineBreaksIsProcessedOnceItPilesUp)
+{
+    // Writes without pause, so only the size limit can make the runner process the output.
+    start(R"RUBY(
+$stdout.sync = true
+deadline = Time.now + 20
+acknowledged = false
+until acknowledged || Time.now > deadline
+  $stdout.write("z" * 4096)
+  acknowledged = !IO.select([STDIN], nil, nil, 0.002).nil?
+end
+print "\nText: #{acknowledged ? 'acknowledged' : 'never acknowledged'}\n"
+STDIN.gets
+)RUBY");
+    ASSERT_TRUE(waitForFinish(1, 30000));
+    EXPECT_EQ(presenters.desktop().clipboard, QStringList{QStringLiteral("text:acknowledged")});
+}
+
 TEST_F(TaskRunnerTest, SplitCharactersArriveWholeAndFloodsDoNotStall)
 {
     start(R"RUBY(
@@ -242,8 +289,15 @@ STDIN.gets
     ASSERT_TRUE(waitForFinish());
     ASSERT_EQ(presenters.desktop().clipboard.size(), 1);
     const QString lib = QDir(home.path()).filePath(QStringLiteral("res/Actions/lib"));
+    // Only a locale that is installed: a missing one makes shells print warnings.
+    QProcess locales;
+    locales.start(QStringLiteral("locale"), {QStringLiteral("-a")});
+    ASSERT_TRUE(locales.waitForFinished(10000));
+    const QString locale = locales.readAllStandardOutput().split('\n').contains("en_US.utf8")
+                               ? QStringLiteral("en_US.UTF-8")
+                               : QStringLiteral("C.UTF-8");
     EXPECT_EQ(presenters.desktop().clipboard[0],
-              QStringLiteral("text:en_US.UTF-8|-Ku|NO|%1|runner.rb|task-|true").arg(lib));
+              QStringLiteral("text:%1|-Ku|NO|%2|runner.rb|task-|true").arg(locale, lib));
 }
 
 TEST_F(TaskRunnerTest, MissingRunnerScriptAlertsAndRunsNothing)

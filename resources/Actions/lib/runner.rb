@@ -33,12 +33,16 @@ module Skelvo
 
     def main(argv)
       argv = argv.dup
-      channel = Channel.new
+      # The acknowledgements arrive on descriptor 0. Neither the action nor a
+      # program it starts may read them: the channel keeps a private copy
+      # (Ruby's descriptors are closed on exec) and 0 becomes /dev/null.
+      acknowledgements = STDIN.dup
+      STDIN.reopen(File::NULL)
+      channel = Channel.new(input: acknowledgements)
       $stdout = channel.stdout_stream
       $stderr = channel.stderr_stream
-      # The action must not read standard input: the acknowledgements arrive
-      # there. Kernel#gets would read the files named in ARGV.
-      $stdin = File.open(File::NULL)
+      # Kernel#gets would read the files named in ARGV.
+      $stdin = STDIN
       ARGV.clear
       # Runs after the action's own exit handlers, which may still print.
       at_exit do
@@ -140,8 +144,8 @@ module Skelvo
 
     # The Python runner gets the parsed task through an unlinked temporary
     # file on descriptor 3, so the task is parsed in one place only, and takes
-    # over this process (same process id and group, standard input and output
-    # passed on as they are).
+    # over this process (same process id and group, standard output passed on
+    # as it is, the acknowledgements back on standard input).
     def exec_python(task, script, channel)
       require "json"
       require "tempfile"
@@ -156,7 +160,8 @@ module Skelvo
 
       channel.flush_streams
       begin
-        exec([python, python], "-B", "-X", "utf8", PYTHON_RUNNER, "--task-fd", "3", 3 => handoff)
+        exec([python, python], "-B", "-X", "utf8", PYTHON_RUNNER, "--task-fd", "3",
+             3 => handoff, 0 => channel.input)
       rescue SystemCallError => e
         raise CannotRun, "Cannot start the Python interpreter #{python} (#{e.message})"
       ensure

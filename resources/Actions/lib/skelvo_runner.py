@@ -6,8 +6,9 @@ interpreter in PYTHON_PATH:
     python -B -X utf8 skelvo_runner.py --task-fd FD
 
 FD is an open file holding the task as JSON: {"action", "event", "script",
-"variables", "items"}. Standard input and output are passed through unchanged,
-so the helper speaks the protocol exactly as the Ruby one does.
+"variables", "items"}. Standard input (the acknowledgements) and output are
+passed through unchanged, so the helper speaks the protocol exactly as the Ruby
+one does.
 
 Exit status: 0 when the action returned, 1 when it raised (the traceback is on
 standard error), 2 when the action could not be run at all.
@@ -88,11 +89,20 @@ def run(argv, helper):
     return 0
 
 
+def private_acknowledgements():
+    """Moves the acknowledgements off descriptor 0, so that neither the action nor a
+    program it starts reads them: a copy that is not inherited, and /dev/null on 0."""
+    acknowledgements = os.dup(0)
+    null = os.open(os.devnull, os.O_RDONLY)
+    os.dup2(null, 0)
+    os.close(null)
+    return acknowledgements
+
+
 def main(argv):
-    channel = skelvo_helper.Channel()
+    channel = skelvo_helper.Channel(input_fd=private_acknowledgements())
     sys.stdout = channel.stdout
     sys.stderr = channel.stderr
-    # The action must not read standard input: the acknowledgements arrive there.
     sys.stdin = open(os.devnull, encoding="utf-8")
     try:
         status = run(argv, skelvo_helper.Helper(channel))

@@ -20,7 +20,7 @@ module Skelvo
     PLAIN_PIECE_SIZE = 32 * 1024
     READ_SIZE = 4096
 
-    attr_reader :pipe_capacity
+    attr_reader :pipe_capacity, :input
 
     def initialize(input: IO.for_fd(0, autoclose: false), output: IO.for_fd(1, autoclose: false),
                    error: IO.for_fd(2, autoclose: false))
