@@ -1,5 +1,6 @@
 #include "core/SupportPaths.h"
 
+#include "core/FileOperations.h"
 #include "core/Identifiers.h"
 #include "tests/support/TestHome.h"
 
@@ -7,6 +8,7 @@
 #include <QFileInfo>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 TEST(SupportPaths, SkelvoHomeReplacesEveryRoot)
 {
@@ -76,4 +78,43 @@ TEST(Identifiers, TileIds)
     EXPECT_TRUE(Identifiers::isDropbarId(100001));
     EXPECT_FALSE(Identifiers::isDropbarId(99999));
     EXPECT_FALSE(Identifiers::isDropbarId(Identifiers::AddToGridTileId));
+}
+
+TEST(FileOperations, LinksAreCopiedAsTheyAre)
+{
+    TestHome home;
+    const QDir root(home.path());
+    home.writeFile(QStringLiteral("source/deeper/one.txt"), "one");
+    struct Link {
+        const char* name;
+        const char* target;
+    };
+    const Link links[] = {{"relative", "deeper/one.txt"},
+                          {"deeper/up", "../deeper"},
+                          {"absolute", "/etc/hostname"},
+                          {"dangling", "gone/away"}};
+    for (const Link& link : links) {
+        ASSERT_EQ(::symlink(link.target, QFile::encodeName(
+                                             root.filePath(QStringLiteral("source/") + link.name))),
+                  0);
+    }
+    ASSERT_TRUE(FileOperations::copyRecursively(root.filePath(QStringLiteral("source")),
+                                                root.filePath(QStringLiteral("copy"))));
+    ASSERT_TRUE(FileOperations::copyRecursively(root.filePath(QStringLiteral("source/relative")),
+                                                root.filePath(QStringLiteral("copy/alone"))));
+    for (const Link& link : links) {
+        const QString copied = root.filePath(QStringLiteral("copy/") + link.name);
+        char text[256] = {};
+        ASSERT_GT(::readlink(QFile::encodeName(copied).constData(), text, sizeof text - 1), 0)
+            << link.name;
+        EXPECT_STREQ(text, link.target);
+    }
+    char alone[256] = {};
+    ASSERT_GT(::readlink(QFile::encodeName(root.filePath(QStringLiteral("copy/alone"))).constData(),
+                         alone, sizeof alone - 1),
+              0);
+    EXPECT_STREQ(alone, "deeper/one.txt");
+    QFile through(root.filePath(QStringLiteral("copy/relative")));
+    ASSERT_TRUE(through.open(QIODevice::ReadOnly));
+    EXPECT_EQ(through.readAll(), QByteArray("one"));
 }
