@@ -6,6 +6,8 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -69,6 +71,38 @@ TEST(SupportPaths, UnwritableSupportFolderIsLoggedAndStillReturned)
         log.contains(QStringLiteral("Unable to find or create application support directory:\n")));
     EXPECT_TRUE(SupportPaths::tasksDirectory().isEmpty());
     EXPECT_TRUE(log.contains(QStringLiteral("Error creating folder at ")));
+}
+
+// A package upgrade replaces the binary under a running instance: the resources found at
+// start stay found. A copy of this program, beside its own share/skelvo, deletes itself
+// and runs the check below.
+TEST(SupportPaths, ResourcesStayFoundWhenTheExecutableIsReplaced)
+{
+    if (qEnvironmentVariableIsSet("SKELVO_TEST_REPLACED_BINARY")) {
+        SupportPaths::locateResources();
+        ASSERT_TRUE(QFile::remove(qEnvironmentVariable("SKELVO_TEST_REPLACED_BINARY")));
+        EXPECT_EQ(QDir(SupportPaths::resourcesDirectory()).canonicalPath(),
+                  qEnvironmentVariable("SKELVO_TEST_RESOURCES"));
+        return;
+    }
+    TestHome home;
+    const QDir root(home.path());
+    ASSERT_TRUE(root.mkpath(QStringLiteral("share/skelvo")) && root.mkpath(QStringLiteral("bin")));
+    const QString copy = root.filePath(QStringLiteral("bin/core_tests"));
+    ASSERT_TRUE(QFile::copy(QStringLiteral("/proc/self/exe"), copy));
+    QProcess child;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("SKELVO_RESOURCES"));
+    environment.insert(QStringLiteral("SKELVO_TEST_REPLACED_BINARY"), copy);
+    environment.insert(QStringLiteral("SKELVO_TEST_RESOURCES"),
+                       QDir(root.filePath(QStringLiteral("share/skelvo"))).canonicalPath());
+    child.setProcessEnvironment(environment);
+    child.setProcessChannelMode(QProcess::ForwardedChannels);
+    child.start(copy, {QStringLiteral("--gtest_filter=SupportPaths.ResourcesStayFound*")});
+    ASSERT_TRUE(child.waitForFinished(60000));
+    EXPECT_EQ(child.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(child.exitCode(), 0);
+    EXPECT_FALSE(QFileInfo::exists(copy));
 }
 
 TEST(Identifiers, TileIds)
