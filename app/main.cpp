@@ -56,6 +56,7 @@ int inspectAction(const char* path)
 
 int main(int argc, char* argv[])
 {
+    SupportPaths::locateResources();
     bool headless = false;
     QStringList arguments;
     for (int i = 1; i < argc; ++i) {

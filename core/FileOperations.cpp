@@ -4,13 +4,37 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <optional>
+#include <unistd.h>
+
 namespace {
+
+// The link's own text: QFileInfo::symLinkTarget() makes a relative target absolute, which
+// would tie a copied link to the original's folder.
+std::optional<QByteArray> linkText(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    QByteArray buffer(256, Qt::Uninitialized);
+    for (;;) {
+        const ssize_t length = ::readlink(name.constData(), buffer.data(), buffer.size());
+        if (length < 0) {
+            return std::nullopt;
+        }
+        if (length < buffer.size()) {
+            buffer.truncate(length);
+            return buffer;
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+}
 
 bool copyInto(const QString& source, const QString& destination, QString* error)
 {
     const QFileInfo info(source);
     if (info.isSymLink()) {
-        if (!QFile::link(info.symLinkTarget(), destination)) {
+        const std::optional<QByteArray> target = linkText(source);
+        if (!target ||
+            ::symlink(target->constData(), QFile::encodeName(destination).constData()) != 0) {
             *error = QStringLiteral("Could not create link %1").arg(destination);
             return false;
         }

@@ -126,6 +126,18 @@ QString logsDirectory()
                         QStringLiteral("Error creating logs directory at %1\n%2"));
 }
 
+QString executableDirectory()
+{
+    static const QString folder =
+        QFileInfo(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()).absolutePath();
+    return folder;
+}
+
+void locateResources()
+{
+    executableDirectory();
+}
+
 QString resourcesDirectory()
 {
     const QString overridden = env("SKELVO_RESOURCES");
@@ -133,8 +145,7 @@ QString resourcesDirectory()
         return overridden;
     }
     // Installed and build trees share the layout bin/<exe> beside share/skelvo.
-    const QString exe = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
-    return QDir(QFileInfo(exe).absolutePath()).absoluteFilePath(QStringLiteral("../share/skelvo"));
+    return QDir(executableDirectory()).absoluteFilePath(QStringLiteral("../share/skelvo"));
 }
 
 QString internalActionsDirectory()

@@ -17,6 +17,13 @@ QString configDirectory();             // $XDG_CONFIG_HOME/Skelvo
 QString runtimeDirectory();
 QString logsDirectory(); // "Logs" in the support folder
 
+// The running executable's folder, found once: a package upgrade that replaces the binary
+// under a running process turns /proc/self/exe into "... (deleted)".
+QString executableDirectory();
+// Finds the executable's folder, and so the resources beside it, now; called at start-up
+// before anything can replace the binary.
+void locateResources();
+
 QString resourcesDirectory();       // <prefix>/share/skelvo beside the executable
 QString internalActionsDirectory(); // "Actions" in the resources (read-only)
 QString internalLibDirectory();     // "lib" in the internal actions folder

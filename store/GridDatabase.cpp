@@ -223,8 +223,7 @@ QString GridDatabase::initialDatabaseResourcePath()
     QStringList candidates;
     candidates << QDir(SupportPaths::resourcesDirectory()).filePath(DatabaseFileName);
     // A build tree generates the file beside its resources link rather than into the sources.
-    const QString exe = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
-    candidates << QDir(QFileInfo(exe).absolutePath())
+    candidates << QDir(SupportPaths::executableDirectory())
                       .absoluteFilePath(QStringLiteral("../share/skelvo-generated/") +
                                         DatabaseFileName);
     for (const QString& candidate : candidates) {

@@ -65,6 +65,8 @@ public:
     bool requiredTablesExist();
     bool vacuum();
     SqlRows runQuery(const QString& sql, const QVariantList& arguments = {});
+    // Makes the writes until its commit() one transaction: if any of them fails, none stays.
+    SqliteWriteTransaction writeTransaction() { return SqliteWriteTransaction(m_connection); }
     bool didCopyInitialDb() const { return m_didCopyInitialDb; }
     QString journalMode(); // "wal" or "delete", as the open file reports it
     // Where the copy made before migrating from `version` is kept.

@@ -87,6 +87,66 @@ SqlRow rowOf(sqlite3_stmt* statement)
 
 } // namespace
 
+SqlRow::SqlRow(std::initializer_list<Column> columns)
+{
+    for (const Column& column : columns) {
+        insert(column.first, column.second);
+    }
+}
+
+qsizetype SqlRow::indexOf(const QString& name) const
+{
+    for (qsizetype i = 0; i < m_columns.size(); ++i) {
+        if (m_columns.at(i).first == name) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+QVariant SqlRow::value(const QString& name, const QVariant& fallback) const
+{
+    const qsizetype index = indexOf(name);
+    return index < 0 ? fallback : m_columns.at(index).second;
+}
+
+void SqlRow::insert(const QString& name, const QVariant& value)
+{
+    const qsizetype index = indexOf(name);
+    if (index < 0) {
+        m_columns.append({name, value});
+    } else {
+        m_columns[index].second = value;
+    }
+}
+
+QStringList SqlRow::keys() const
+{
+    QStringList names;
+    for (const Column& column : m_columns) {
+        names << column.first;
+    }
+    return names;
+}
+
+QVariantList SqlRow::values() const
+{
+    QVariantList list;
+    for (const Column& column : m_columns) {
+        list << column.second;
+    }
+    return list;
+}
+
+QVariantMap SqlRow::toMap() const
+{
+    QVariantMap map;
+    for (const Column& column : m_columns) {
+        map.insert(column.first, column.second);
+    }
+    return map;
+}
+
 SqliteConnection::~SqliteConnection()
 {
     close();
@@ -258,7 +318,6 @@ std::optional<QVariant> SqliteConnection::scalar(const QString& sql, const QVari
     if (!rows || rows->isEmpty() || rows->first().isEmpty()) {
         return std::nullopt;
     }
-    // Columns come back in a map; the first column of a one-column query is its only value.
     return rows->first().first();
 }
 
@@ -279,16 +338,23 @@ bool SqliteConnection::inTransaction() const
 
 bool SqliteConnection::beginImmediate()
 {
+    m_transactionFailed = false;
     return execute(QStringLiteral("BEGIN IMMEDIATE"));
 }
 
 bool SqliteConnection::commit()
 {
+    if (m_transactionFailed) {
+        rollback();
+        m_lastMessage = QStringLiteral("a part of the transaction failed");
+        return false;
+    }
     return execute(QStringLiteral("COMMIT"));
 }
 
 bool SqliteConnection::rollback()
 {
+    m_transactionFailed = false;
     if (!inTransaction()) {
         return true; // SQLite may already have rolled back after an I/O error
     }
@@ -302,7 +368,7 @@ SqliteWriteTransaction::SqliteWriteTransaction(SqliteConnection& connection)
         return;
     }
     if (connection.inTransaction()) {
-        m_active = true;
+        m_active = !connection.transactionFailed();
         return;
     }
     m_owner = connection.beginImmediate();
@@ -311,8 +377,13 @@ SqliteWriteTransaction::SqliteWriteTransaction(SqliteConnection& connection)
 
 SqliteWriteTransaction::~SqliteWriteTransaction()
 {
-    if (m_owner && m_active) {
+    if (!m_active) {
+        return;
+    }
+    if (m_owner) {
         m_connection.rollback();
+    } else {
+        m_connection.failTransaction();
     }
 }
 
@@ -321,15 +392,13 @@ bool SqliteWriteTransaction::commit()
     if (!m_active) {
         return false;
     }
+    m_active = false;
     if (!m_owner) {
-        m_active = false;
-        return true;
+        return !m_connection.transactionFailed();
     }
     if (!m_connection.commit()) {
         m_connection.rollback();
-        m_active = false;
         return false;
     }
-    m_active = false;
     return true;
 }

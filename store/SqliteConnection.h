@@ -2,16 +2,47 @@
 
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <QVariantList>
 #include <QVariantMap>
 
 #include <functional>
+#include <initializer_list>
 #include <optional>
+#include <utility>
 
 struct sqlite3;
 
-using SqlRow = QVariantMap;
+// One result row: its values by column name, kept in the query's column order.
+class SqlRow {
+public:
+    using Column = std::pair<QString, QVariant>;
+
+    SqlRow() = default;
+    SqlRow(std::initializer_list<Column> columns);
+
+    bool isEmpty() const { return m_columns.isEmpty(); }
+    qsizetype size() const { return m_columns.size(); }
+    bool contains(const QString& name) const { return indexOf(name) >= 0; }
+    QVariant value(const QString& name, const QVariant& fallback = {}) const;
+    // Replaces the value of a column the row has; otherwise appends the column.
+    void insert(const QString& name, const QVariant& value);
+    // The value of the first column; none without columns.
+    QVariant first() const { return isEmpty() ? QVariant() : m_columns.first().second; }
+    QStringList keys() const;
+    QVariantList values() const;
+    QVariantMap toMap() const;
+
+    QList<Column>::const_iterator begin() const { return m_columns.cbegin(); }
+    QList<Column>::const_iterator end() const { return m_columns.cend(); }
+    bool operator==(const SqlRow& other) const { return m_columns == other.m_columns; }
+
+private:
+    qsizetype indexOf(const QString& name) const;
+
+    QList<Column> m_columns;
+};
 using SqlRows = QList<SqlRow>;
 
 // One connection to an SQLite file, closed when the object goes. Values cross as QVariant:
@@ -52,8 +83,12 @@ public:
     // Write transactions take the write lock at once, so two writers queue up behind the
     // busy timeout instead of one of them failing half way with "database is locked".
     bool beginImmediate();
+    // Rolls back instead, and fails, when a part of the transaction failed.
     bool commit();
     bool rollback();
+    // Marks the open transaction as failed: it can only end in a rollback.
+    void failTransaction() { m_transactionFailed = inTransaction(); }
+    bool transactionFailed() const { return m_transactionFailed; }
 
     void setBusyTimeout(int milliseconds);
 
@@ -70,10 +105,12 @@ private:
     QString m_path;
     int m_lastError = 0;
     QString m_lastMessage;
+    bool m_transactionFailed = false;
 };
 
-// Scope of one write transaction. Inside a transaction that is already open it does nothing,
-// so operations compose: the outermost scope commits. Leaving without commit() rolls back.
+// Scope of one write transaction. Inside a transaction that is already open it joins it, so
+// operations compose: the outermost scope commits. Leaving without commit() rolls back, and
+// an inner scope left that way makes the whole transaction roll back.
 class SqliteWriteTransaction {
 public:
     explicit SqliteWriteTransaction(SqliteConnection& connection);

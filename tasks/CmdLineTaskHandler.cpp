@@ -890,29 +890,39 @@ void CmdLineTaskHandler::gridSettings(const CmdLineRequestPtr& client, const QVa
         return;
     }
     QStringList changes;
+    // All changes or none: a failed write rolls back the ones before it.
+    SqliteWriteTransaction together = db().writeTransaction();
+    bool saved = together.isActive();
     if (size) {
-        db().setGridSize(static_cast<double>(*size), gridId);
+        saved = saved && db().setGridSize(static_cast<double>(*size), gridId);
         changes << QStringLiteral("size %1").arg(*size);
     }
     if (cols) {
-        db().setNumCols(static_cast<int>(*cols), gridId);
+        saved = saved && db().setNumCols(static_cast<int>(*cols), gridId);
         changes << (*cols == 0 ? QStringLiteral("columns auto")
                                : QStringLiteral("columns %1").arg(*cols));
     }
     if (changesDropBar) {
-        db().setSpecialActionsVisible(flag(request, "dropBar"), gridId);
+        saved = saved && db().setSpecialActionsVisible(flag(request, "dropBar"), gridId);
         changes << (flag(request, "dropBar") ? QStringLiteral("Drop Bar shown")
                                              : QStringLiteral("Drop Bar hidden"));
     }
     if (request.contains(QStringLiteral("switcher"))) {
-        db().setGridSwitcherVisible(flag(request, "switcher"), gridId);
+        saved = saved && db().setGridSwitcherVisible(flag(request, "switcher"), gridId);
         changes << (flag(request, "switcher") ? QStringLiteral("switcher shown")
                                               : QStringLiteral("switcher hidden"));
     }
     if (renames && newName != grid) {
-        db().updateGrid(gridId, newName,
-                        gridsNamed(grid).first().value(QStringLiteral("display_order")).toInt());
+        saved =
+            saved && db().updateGrid(
+                         gridId, newName,
+                         gridsNamed(grid).first().value(QStringLiteral("display_order")).toInt());
         changes << QStringLiteral("renamed to '%1'").arg(newName);
+    }
+    if (!changes.isEmpty() && !(saved && together.commit())) {
+        client->respond(
+            QStringLiteral("Error: Could not save the settings of grid '%1'").arg(grid));
+        return;
     }
     if (!changes.isEmpty()) {
         NotificationCenter::shared().post(Notifications::GridsChanged);
@@ -1194,10 +1204,12 @@ void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariant
     const PlacedAction& placed = *single;
     GridAction& action = *placed.action;
     if (reset) {
-        Icons::shared().deleteIcon(action.aId);
         action.icon.clear();
         action.usingDefaultIcon = true;
-        action.update();
+        if (!action.update() || !Icons::shared().deleteIcon(action.aId)) {
+            client->respond(QStringLiteral("Error: Failed to reset the icon of '%1'").arg(name));
+            return;
+        }
         client->respond(QStringLiteral("Reset '") + name +
                         QStringLiteral("' to its default icon in grid '") + placed.grid +
                         QStringLiteral("'"));

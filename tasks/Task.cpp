@@ -1,6 +1,7 @@
 #include "tasks/Task.h"
 
 #include "actions/ActionFileParser.h"
+#include "core/AlertHelper.h"
 #include "core/Log.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
@@ -18,8 +19,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPointer>
-#include <QSaveFile>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -36,6 +41,12 @@ Task::RunnerStarter& runnerStarter()
 {
     static Task::RunnerStarter starter;
     return starter;
+}
+
+std::function<QString()>& idDrawer()
+{
+    static std::function<QString()> drawer;
+    return drawer;
 }
 
 QString quoted(const QString& text)
@@ -238,27 +249,28 @@ std::optional<QString> Task::writeTaskDescriptionFile(const std::optional<QStrin
     if (!text) {
         return std::nullopt;
     }
-    const QString path = generateTaskDescriptionPath();
-    auto failed = [&path](const QString& error) {
+    QFile file;
+    QString path;
+    QString error;
+    auto failed = [&path, &error] {
         Log::error(QStringLiteral("Error writing task description file %1\n%2").arg(path, error));
         return std::nullopt;
     };
-    if (path.isEmpty()) {
-        return failed(QStringLiteral("The Tasks folder is not available"));
-    }
-
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        return failed(file.errorString());
-    }
-    // Private before any secret is written into it.
-    if (!file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
-        file.cancelWriting();
-        return failed(file.errorString());
+    if (!createTaskDescriptionFile(file, &path, &error, idSource())) {
+        if (error == NoFreeNameError) {
+            AlertHelper::showCriticalAlertWithTitle(
+                QStringLiteral("Failed to launch task"),
+                QStringLiteral("Could not create a task description file in %1: %2")
+                    .arg(QFileInfo(path).absolutePath(), error));
+        }
+        return failed();
     }
     const QByteArray bytes = text->toUtf8();
-    if (file.write(bytes) != bytes.size() || !file.commit()) {
-        return failed(file.errorString());
+    if (file.write(bytes) != bytes.size() || !file.flush()) {
+        error = file.errorString();
+        file.close();
+        QFile::remove(path);
+        return failed();
     }
     return path;
 }
@@ -316,24 +328,42 @@ QString Task::tasksDirectory()
     return path;
 }
 
-QString Task::generateTaskDescriptionPath()
-{
-    return generateTaskDescriptionPath([] { return randomId(); });
-}
-
-QString Task::generateTaskDescriptionPath(const std::function<QString()>& drawId)
+bool Task::createTaskDescriptionFile(QFile& file, QString* path, QString* error,
+                                     const std::function<QString()>& drawId)
 {
     const QString directory = tasksDirectory();
     if (directory.isEmpty()) {
-        return {};
+        *path = QDir(SupportPaths::applicationSupportDirectory()).filePath(QStringLiteral("Tasks"));
+        *error = QStringLiteral("The Tasks folder is not available");
+        return false;
     }
-    QString path;
-    QFileInfo info;
-    do {
-        path = QDir(directory).filePath(QStringLiteral("task-") + drawId());
-        info.setFile(path);
-    } while (info.exists() || info.isSymLink());
-    return path;
+    for (int draw = 0; draw < MaxNameDraws; ++draw) {
+        *path = QDir(directory).filePath(QStringLiteral("task-") + drawId());
+        // Claiming the name and creating the file are one step, so a concurrent run (or
+        // anything planted at the name, links included) is never written through.
+        const int fd = ::open(QFile::encodeName(*path).constData(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0 && errno == EEXIST) {
+            continue;
+        }
+        if (fd < 0) {
+            *error = QString::fromLocal8Bit(std::strerror(errno));
+            return false;
+        }
+        // Private whatever the umask, before any secret is written into it.
+        if (::fchmod(fd, 0600) != 0) {
+            *error = QString::fromLocal8Bit(std::strerror(errno));
+        } else if (!file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle)) {
+            *error = file.errorString();
+        } else {
+            return true;
+        }
+        ::close(fd);
+        QFile::remove(*path);
+        return false;
+    }
+    *error = NoFreeNameError;
+    return false;
 }
 
 QString Task::randomId()
@@ -406,6 +436,17 @@ TaskVariables Task::obfuscateVariables(const TaskVariables& variables)
 TaskVariables Task::constantVariablesForActionFile(const ActionFile& actionFile)
 {
     return actionFile.constantVariables();
+}
+
+std::function<QString()> Task::idSource()
+{
+    const std::function<QString()>& drawer = idDrawer();
+    return drawer ? drawer : [] { return randomId(); };
+}
+
+void Task::setIdSource(std::function<QString()> drawId)
+{
+    idDrawer() = std::move(drawId);
 }
 
 void Task::setRunnerStarter(RunnerStarter starter)

@@ -4,6 +4,7 @@
 #include "platform/ProxySettings.h"
 #include "store/GridAction.h"
 
+#include <QFile>
 #include <QMap>
 #include <QObject>
 #include <QRandomGenerator>
@@ -93,9 +94,14 @@ public:
 
     // "Tasks" in the support folder, private to the user; empty when it cannot be created.
     static QString tasksDirectory();
-    // A path in the Tasks folder where no file exists yet; empty without a Tasks folder.
-    static QString generateTaskDescriptionPath();
-    static QString generateTaskDescriptionPath(const std::function<QString()>& drawId);
+    // Creates a new private file "task-<id>" in the Tasks folder and opens it in `file`;
+    // `path` is the file's (or, on failure, the last tried) path. Fails without a Tasks
+    // folder, or with NoFreeNameError when MaxNameDraws drawn ids were all taken.
+    static bool createTaskDescriptionFile(QFile& file, QString* path, QString* error,
+                                          const std::function<QString()>& drawId);
+    static constexpr int MaxNameDraws = 100;
+    static inline const QString NoFreeNameError =
+        QStringLiteral("every drawn task file name was taken");
     // Five characters, each drawn uniformly from "123456789".
     static QString randomId();
     static QString randomId(QRandomGenerator& generator);
@@ -107,6 +113,9 @@ public:
     static TaskVariables obfuscateVariables(const TaskVariables& variables);
     static TaskVariables constantVariablesForActionFile(const ActionFile& actionFile);
 
+    // Where the ids of description files come from; an empty source restores randomId().
+    static std::function<QString()> idSource();
+    static void setIdSource(std::function<QString()> drawId);
     // Replaces how tasks are started; an empty starter restores the real runner.
     static void setRunnerStarter(RunnerStarter starter);
 

@@ -1,10 +1,13 @@
 #include "core/SupportPaths.h"
 
+#include "core/FileOperations.h"
 #include "core/Identifiers.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -128,6 +131,38 @@ TEST(SupportPaths, UnwritableSupportFolderIsLoggedAndStillReturned)
     EXPECT_TRUE(log.contains(QStringLiteral("Error creating folder at ")));
 }
 
+// A package upgrade replaces the binary under a running instance: the resources found at
+// start stay found. A copy of this program, beside its own share/skelvo, deletes itself
+// and runs the check below.
+TEST(SupportPaths, ResourcesStayFoundWhenTheExecutableIsReplaced)
+{
+    if (qEnvironmentVariableIsSet("SKELVO_TEST_REPLACED_BINARY")) {
+        SupportPaths::locateResources();
+        ASSERT_TRUE(QFile::remove(qEnvironmentVariable("SKELVO_TEST_REPLACED_BINARY")));
+        EXPECT_EQ(QDir(SupportPaths::resourcesDirectory()).canonicalPath(),
+                  qEnvironmentVariable("SKELVO_TEST_RESOURCES"));
+        return;
+    }
+    TestHome home;
+    const QDir root(home.path());
+    ASSERT_TRUE(root.mkpath(QStringLiteral("share/skelvo")) && root.mkpath(QStringLiteral("bin")));
+    const QString copy = root.filePath(QStringLiteral("bin/core_tests"));
+    ASSERT_TRUE(QFile::copy(QStringLiteral("/proc/self/exe"), copy));
+    QProcess child;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("SKELVO_RESOURCES"));
+    environment.insert(QStringLiteral("SKELVO_TEST_REPLACED_BINARY"), copy);
+    environment.insert(QStringLiteral("SKELVO_TEST_RESOURCES"),
+                       QDir(root.filePath(QStringLiteral("share/skelvo"))).canonicalPath());
+    child.setProcessEnvironment(environment);
+    child.setProcessChannelMode(QProcess::ForwardedChannels);
+    child.start(copy, {QStringLiteral("--gtest_filter=SupportPaths.ResourcesStayFound*")});
+    ASSERT_TRUE(child.waitForFinished(60000));
+    EXPECT_EQ(child.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(child.exitCode(), 0);
+    EXPECT_FALSE(QFileInfo::exists(copy));
+}
+
 TEST(Identifiers, TileIds)
 {
     EXPECT_EQ(Identifiers::AddToGridTileId, 0x7FFFFFFFFFFFFFFELL);
@@ -135,4 +170,43 @@ TEST(Identifiers, TileIds)
     EXPECT_TRUE(Identifiers::isDropbarId(100001));
     EXPECT_FALSE(Identifiers::isDropbarId(99999));
     EXPECT_FALSE(Identifiers::isDropbarId(Identifiers::AddToGridTileId));
+}
+
+TEST(FileOperations, LinksAreCopiedAsTheyAre)
+{
+    TestHome home;
+    const QDir root(home.path());
+    home.writeFile(QStringLiteral("source/deeper/one.txt"), "one");
+    struct Link {
+        const char* name;
+        const char* target;
+    };
+    const Link links[] = {{"relative", "deeper/one.txt"},
+                          {"deeper/up", "../deeper"},
+                          {"absolute", "/etc/hostname"},
+                          {"dangling", "gone/away"}};
+    for (const Link& link : links) {
+        ASSERT_EQ(::symlink(link.target, QFile::encodeName(
+                                             root.filePath(QStringLiteral("source/") + link.name))),
+                  0);
+    }
+    ASSERT_TRUE(FileOperations::copyRecursively(root.filePath(QStringLiteral("source")),
+                                                root.filePath(QStringLiteral("copy"))));
+    ASSERT_TRUE(FileOperations::copyRecursively(root.filePath(QStringLiteral("source/relative")),
+                                                root.filePath(QStringLiteral("copy/alone"))));
+    for (const Link& link : links) {
+        const QString copied = root.filePath(QStringLiteral("copy/") + link.name);
+        char text[256] = {};
+        ASSERT_GT(::readlink(QFile::encodeName(copied).constData(), text, sizeof text - 1), 0)
+            << link.name;
+        EXPECT_STREQ(text, link.target);
+    }
+    char alone[256] = {};
+    ASSERT_GT(::readlink(QFile::encodeName(root.filePath(QStringLiteral("copy/alone"))).constData(),
+                         alone, sizeof alone - 1),
+              0);
+    EXPECT_STREQ(alone, "deeper/one.txt");
+    QFile through(root.filePath(QStringLiteral("copy/relative")));
+    ASSERT_TRUE(through.open(QIODevice::ReadOnly));
+    EXPECT_EQ(through.readAll(), QByteArray("one"));
 }

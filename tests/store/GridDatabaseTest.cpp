@@ -583,3 +583,57 @@ TEST_F(SeparateItemTest, AFailingLaterStepUndoesTheInsert)
 }
 
 } // namespace
+
+// --- The connection
+
+TEST(SqliteConnectionTest, RowsKeepTheQuerysColumnOrder)
+{
+    SqliteConnection connection;
+    ASSERT_TRUE(connection.open(QStringLiteral(":memory:"), true));
+    const auto rows = connection.query(QStringLiteral("SELECT 3 AS zeta, 1 AS alpha, 2 AS mid"));
+    ASSERT_TRUE(rows && rows->size() == 1);
+    EXPECT_EQ(rows->first().keys(), (QStringList{QStringLiteral("zeta"), QStringLiteral("alpha"),
+                                                 QStringLiteral("mid")}));
+    EXPECT_EQ(rows->first().values(), (QVariantList{qint64(3), qint64(1), qint64(2)}));
+    EXPECT_EQ(connection.scalar(QStringLiteral("SELECT 'b' AS b, 'a' AS a"))->toString(),
+              QStringLiteral("b"));
+}
+
+TEST(SqliteConnectionTest, AFailedInnerScopeRollsTheWholeTransactionBack)
+{
+    SqliteConnection connection;
+    ASSERT_TRUE(connection.open(QStringLiteral(":memory:"), true));
+    ASSERT_TRUE(connection.execute(QStringLiteral("CREATE TABLE t (v INTEGER)")));
+    auto insert = [&](int value) {
+        return connection.update(QStringLiteral("INSERT INTO t VALUES (?)"), {value});
+    };
+    auto count = [&] {
+        return connection.scalar(QStringLiteral("SELECT COUNT(*) FROM t"))->toInt();
+    };
+    struct Row {
+        bool innerCommits;
+        int rowsAfter;
+    };
+    for (const Row row : {Row{true, 3}, Row{false, 0}}) {
+        ASSERT_TRUE(connection.execute(QStringLiteral("DELETE FROM t")));
+        SqliteWriteTransaction outer(connection);
+        ASSERT_TRUE(outer.ownsTransaction());
+        insert(1);
+        {
+            SqliteWriteTransaction inner(connection);
+            ASSERT_TRUE(inner.isActive());
+            insert(2);
+            if (row.innerCommits) {
+                EXPECT_TRUE(inner.commit());
+            }
+        }
+        // Nothing joins a transaction that can only roll back.
+        if (!row.innerCommits) {
+            EXPECT_FALSE(SqliteWriteTransaction(connection).isActive());
+        }
+        insert(3);
+        EXPECT_EQ(outer.commit(), row.innerCommits);
+        EXPECT_FALSE(connection.inTransaction());
+        EXPECT_EQ(count(), row.rowsAfter) << row.innerCommits;
+    }
+}

@@ -429,6 +429,35 @@ TEST_F(CmdLineTest, GridSettingsAreCheckedBeforeAnyChange)
               QStringLiteral("\nAvailable Skelvo Grids:\n---------------------------\n* Home\n"));
 }
 
+TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
+{
+    GridDatabase& db = GridDatabase::sharedGridDatabase();
+    ASSERT_EQ(one(req({{"action", QStringLiteral("add-action")},
+                       {"type", QStringLiteral("Copy Files")},
+                       {"options", QVariantMap{{QStringLiteral("path"), m_home->path()}}}})),
+              QStringLiteral("Added action 'Copy Files' (Copy Files) to grid 'Main Grid'"));
+    // The column count is refused after the size was written: neither may stay.
+    db.runQuery(QStringLiteral("CREATE TRIGGER refuseCols BEFORE UPDATE OF num_cols ON grids "
+                               "BEGIN SELECT RAISE(ABORT, 'refused'); END"));
+    db.runQuery(QStringLiteral("CREATE TRIGGER refuseActions BEFORE UPDATE ON actions "
+                               "BEGIN SELECT RAISE(ABORT, 'refused'); END"));
+    const std::pair<QVariantMap, const char*> rows[] = {
+        {req({{"action", QStringLiteral("grid-settings")},
+              {"grid", QStringLiteral("Main Grid")},
+              {"size", 90},
+              {"cols", 4}}),
+         "Error: Could not save the settings of grid 'Main Grid'"},
+        {req({{"action", QStringLiteral("set-icon")},
+              {"name", QStringLiteral("Copy Files")},
+              {"reset", true}}),
+         "Error: Failed to reset the icon of 'Copy Files'"},
+    };
+    for (const auto& [request, expected] : rows) {
+        EXPECT_EQ(one(request), QString::fromUtf8(expected));
+    }
+    EXPECT_DOUBLE_EQ(db.gridSizeForGrid(1), 70.0);
+}
+
 TEST_F(CmdLineTest, AddRunAndRemoveACopyFilesAction)
 {
     const QString destination = QDir(m_home->path()).filePath(QStringLiteral("dest"));

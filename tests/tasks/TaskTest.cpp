@@ -160,6 +160,7 @@ protected:
         DebugConsoleController::shared().clear();
         DebugConsoleController::shared().setLastRunTask(nullptr);
         Task::setRunnerStarter({});
+        Task::setIdSource({});
     }
 
     static std::unique_ptr<Task> makeTask()
@@ -542,24 +543,59 @@ TEST_F(TaskTest, RandomIdsAreFiveDigitsFromOneToNine)
         QRegularExpression(QStringLiteral("^[1-9]{5}$")).match(Task::randomId()).hasMatch());
 }
 
-TEST_F(TaskTest, AnIdWhoseFileExistsIsDrawnAgain)
+TEST_F(TaskTest, AnIdWhoseNameIsTakenIsDrawnAgain)
 {
-    QStringList ids = {QStringLiteral("11111"), QStringLiteral("11111"), QStringLiteral("22222"),
-                       QStringLiteral("33333")};
+    ASSERT_TRUE(QDir().mkpath(tasksFolder()));
+    const QString taken = QDir(tasksFolder()).filePath(QStringLiteral("task-11111"));
+    QFile existing(taken);
+    ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
+    existing.write("theirs");
+    existing.close();
+    // A link planted at a name is taken too, never written through.
+    const QString planted = QDir(m_home.path()).filePath(QStringLiteral("planted"));
+    ASSERT_TRUE(QFile::link(planted, QDir(tasksFolder()).filePath(QStringLiteral("task-22222"))));
+
+    const QStringList ids = {QStringLiteral("11111"), QStringLiteral("22222"),
+                             QStringLiteral("33333")};
     int draws = 0;
-    auto draw = [&] { return ids.at(draws++); };
+    QFile file;
+    QString path;
+    QString error;
+    ASSERT_TRUE(
+        Task::createTaskDescriptionFile(file, &path, &error, [&] { return ids.at(draws++); }));
+    EXPECT_EQ(path, QDir(tasksFolder()).filePath(QStringLiteral("task-33333")));
+    EXPECT_EQ(draws, 3);
+    EXPECT_TRUE(file.isOpen());
+    ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
+    EXPECT_EQ(existing.readAll(), QByteArray("theirs"));
+    EXPECT_FALSE(QFileInfo::exists(planted));
+}
 
-    const QString first = Task::generateTaskDescriptionPath(draw);
-    EXPECT_EQ(first, QDir(tasksFolder()).filePath(QStringLiteral("task-11111")));
-    EXPECT_EQ(draws, 1);
-
-    QFile existing(first);
+TEST_F(TaskTest, NoFreeNameStopsTheRunAndTellsTheUser)
+{
+    ASSERT_TRUE(QDir().mkpath(tasksFolder()));
+    QFile existing(QDir(tasksFolder()).filePath(QStringLiteral("task-11111")));
     ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
     existing.close();
-    draws = 1;
-    EXPECT_EQ(Task::generateTaskDescriptionPath(draw),
-              QDir(tasksFolder()).filePath(QStringLiteral("task-22222")));
-    EXPECT_EQ(draws, 3);
+    int draws = 0;
+    Task::setIdSource([&] {
+        ++draws;
+        return QStringLiteral("11111");
+    });
+    auto task = makeTask();
+    int completions = 0;
+    task->completion = [&] { ++completions; };
+    bool started = false;
+    Task::setRunnerStarter([&](Task&) { return started = true; });
+
+    task->run();
+    EXPECT_EQ(draws, Task::MaxNameDraws);
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(task->taskDescriptionPath().isEmpty());
+    EXPECT_TRUE(m_log.contains(QStringLiteral("Failed to launch task")));
+    EXPECT_TRUE(m_log.contains(Task::NoFreeNameError));
+    processPostedEvents();
+    EXPECT_EQ(completions, 1);
 }
 
 TEST_F(TaskTest, DescriptionFilesArePrivateUtf8AndNew)
