@@ -544,23 +544,40 @@ void CmdLineTaskHandler::run(const CmdLineRequestPtr& client, const QVariantMap&
     client->stayOpen();
     const QList<BuiltInAction*> before = BuiltInActionRunner::shared()->runningBuiltInActions();
     QPointer<CmdLineTaskHandler> self(this);
+    // Why a run could not start is only logged by dispatch; the caller hears it too.
+    QStringList problems;
+    const int sink = Log::addSink([&problems](Log::Level level, const QString& message) {
+        if (level >= Log::Level::Warning) {
+            problems << message;
+        }
+    });
     Task* task = m_runStarter(action, event, files, text, [self, client] {
         if (self) {
             self->unbind(client);
         }
         client->finish();
     });
+    Log::removeSink(sink);
     if (client->isFinished()) {
         return; // it ended while it started
     }
+    bool started = task != nullptr;
     if (task) {
         m_runs.insert(task, client);
     }
     // A built-in action answers through its own object.
-    for (BuiltInAction* started : BuiltInActionRunner::shared()->runningBuiltInActions()) {
-        if (!before.contains(started)) {
-            m_runs.insert(started, client);
+    for (BuiltInAction* builtIn : BuiltInActionRunner::shared()->runningBuiltInActions()) {
+        if (!before.contains(builtIn)) {
+            m_runs.insert(builtIn, client);
+            started = true;
         }
+    }
+    const ActionFilePtr file = action->actionFile();
+    if (!started && !client->hasFailed() && !(file && file->isSharingService)) {
+        client->respond(QStringLiteral("Error: Action '") + name +
+                        QStringLiteral("' could not be started") +
+                        (problems.isEmpty() ? QStringLiteral(".")
+                                            : QStringLiteral(": ") + problems.join(u'\n')));
     }
 }
 

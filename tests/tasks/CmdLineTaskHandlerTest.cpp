@@ -6,6 +6,7 @@
 #include "builtin/ActionOptionSchemas.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SupportPaths.h"
+#include "events/EventsHandler.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
 #include "store/SecretStore.h"
@@ -224,6 +225,19 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
                          {"text", QStringLiteral("hello")}}))
                     .startsWith(QStringLiteral(
                         "Error: Action 'Broken' cannot run: its header has problems:\n-")));
+
+    // An action whose bundle is gone starts nothing, and the caller hears why.
+    addGridAction(QStringLiteral("Gone"), QStringLiteral("Gone"));
+    m_handler->setRunStarter([](const GridActionPtr& action, const QString&,
+                                const QStringList& files, const QString&,
+                                std::function<void()> finished) {
+        return EventsHandler::shared().runGridAction(action, files, true, std::move(finished));
+    });
+    EXPECT_EQ(one(req({{"action", QStringLiteral("run")},
+                       {"name", QStringLiteral("Gone")},
+                       {"files", QStringList{m_home->path()}}})),
+              QStringLiteral("Error: Action 'Gone' could not be started: Cannot find action with "
+                             "type 'Gone' in runGridAction"));
 }
 
 TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
