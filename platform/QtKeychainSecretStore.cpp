@@ -147,6 +147,18 @@ void QtKeychainSecretStore::markUnavailable()
     m_probedAt = QDateTime::currentMSecsSinceEpoch();
 }
 
+QtKeychainSecretStore::Guard QtKeychainSecretStore::guard()
+{
+    return {m_service, m_fallback, this, m_alive};
+}
+
+void QtKeychainSecretStore::Guard::markUnavailable() const
+{
+    if (!alive.expired()) {
+        store->markUnavailable();
+    }
+}
+
 void QtKeychainSecretStore::readSecret(const QString& service, const QString& account, Done done)
 {
     if (!secretServiceAvailable()) {
@@ -154,10 +166,11 @@ void QtKeychainSecretStore::readSecret(const QString& service, const QString& ac
         return;
     }
     m_service->readSecret(
-        service, account, [this, service, account, done = std::move(done)](const Result& result) {
+        service, account,
+        [self = guard(), service, account, done = std::move(done)](const Result& result) {
             if (noBackend(result)) {
-                markUnavailable();
-                m_fallback->readSecret(service, account, done);
+                self.markUnavailable();
+                self.fallback->readSecret(service, account, done);
                 return;
             }
             if (result.status != Status::NotFound) {
@@ -165,17 +178,17 @@ void QtKeychainSecretStore::readSecret(const QString& service, const QString& ac
                 return;
             }
             // Kept in the file while no secret service answered: move it over now.
-            m_fallback->readSecret(
-                service, account, [this, service, account, done](const Result& kept) {
+            self.fallback->readSecret(
+                service, account, [self, service, account, done](const Result& kept) {
                     if (!kept.ok()) {
                         done({Status::NotFound, {}, kept.errorString});
                         return;
                     }
-                    m_service->writeSecret(
+                    self.service->writeSecret(
                         service, account, kept.secret,
-                        [this, service, account, kept, done](const Result& moved) {
+                        [self, service, account, kept, done](const Result& moved) {
                             if (moved.ok()) {
-                                m_fallback->deleteSecret(service, account, [](const Result&) {});
+                                self.fallback->deleteSecret(service, account, [](const Result&) {});
                             } else {
                                 Log::warning(QStringLiteral("Could not move a login into the "
                                                             "secret service: %1")
@@ -196,15 +209,15 @@ void QtKeychainSecretStore::writeSecret(const QString& service, const QString& a
     }
     m_service->writeSecret(
         service, account, secret,
-        [this, service, account, secret, done = std::move(done)](const Result& result) {
+        [self = guard(), service, account, secret, done = std::move(done)](const Result& result) {
             if (noBackend(result)) {
-                markUnavailable();
-                m_fallback->writeSecret(service, account, secret, done);
+                self.markUnavailable();
+                self.fallback->writeSecret(service, account, secret, done);
                 return;
             }
             if (result.ok()) {
                 // An older copy in the file would come back if the service went away.
-                m_fallback->deleteSecret(service, account, [](const Result&) {});
+                self.fallback->deleteSecret(service, account, [](const Result&) {});
             }
             done(result);
         });
@@ -217,13 +230,14 @@ void QtKeychainSecretStore::deleteSecret(const QString& service, const QString& 
         return;
     }
     m_service->deleteSecret(
-        service, account, [this, service, account, done = std::move(done)](const Result& result) {
+        service, account,
+        [self = guard(), service, account, done = std::move(done)](const Result& result) {
             if (noBackend(result)) {
-                markUnavailable();
-                m_fallback->deleteSecret(service, account, done);
+                self.markUnavailable();
+                self.fallback->deleteSecret(service, account, done);
                 return;
             }
-            m_fallback->deleteSecret(service, account, [result, done](const Result& kept) {
+            self.fallback->deleteSecret(service, account, [result, done](const Result& kept) {
                 if (result.status == Status::NotFound && kept.status != Status::NotFound) {
                     done(kept);
                     return;

@@ -33,9 +33,20 @@ public:
     static bool probeSessionBus();
 
 private:
+    // What a continuation holds: the stores it still needs, and this store only while it
+    // lives (a store replaced while a job waits must not be touched afterwards).
+    struct Guard {
+        std::shared_ptr<SecretStore> service;
+        std::shared_ptr<SecretStore> fallback;
+        QtKeychainSecretStore* store = nullptr;
+        std::weak_ptr<const bool> alive;
+        void markUnavailable() const;
+    };
+    Guard guard();
     // The service turned out to be gone (no backend): ask the bus again later.
     void markUnavailable();
 
+    std::shared_ptr<const bool> m_alive = std::make_shared<const bool>(true);
     std::shared_ptr<SecretStore> m_service;
     std::shared_ptr<SecretStore> m_fallback;
     Probe m_probe;

@@ -155,6 +155,17 @@ TEST(QtKeychainSecretStoreTest, AServiceThatAppearsLaterIsUsedAndTakesOverTheFil
     EXPECT_EQ((service->items[{QStringLiteral("svc"), QStringLiteral("acc")}]), QByteArray("pw"));
     EXPECT_EQ(file->read(QStringLiteral("svc"), QStringLiteral("acc")).status,
               SecretStore::Status::NotFound);
+
+    // A store replaced while its job waits still answers, and touches nothing of its own
+    // (a memory checker sees the freed store otherwise).
+    result = {};
+    auto replaced = std::make_unique<QtKeychainSecretStore>(
+        service, file, [] { return true; }, 0);
+    replaced->writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "new", keep);
+    replaced.reset();
+    ASSERT_EQ(service->pending.size(), 1u);
+    service->pending.front()();
+    EXPECT_TRUE(result.ok());
 }
 
 TEST(QtKeychainSecretStoreTest, WithoutASecretServiceUsesThePrivateFile)
