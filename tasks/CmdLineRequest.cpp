@@ -1,8 +1,7 @@
 #include "tasks/CmdLineRequest.h"
 
-CmdLineRequest::CmdLineRequest(QVariantMap userInfo, Respond respond, std::function<void()> finish)
-    : m_userInfo(std::move(userInfo))
-    , m_respond(std::move(respond))
+CmdLineRequest::CmdLineRequest(Respond respond, std::function<void()> finish)
+    : m_respond(std::move(respond))
     , m_finish(std::move(finish))
 {}
 
@@ -11,7 +10,6 @@ void CmdLineRequest::respond(const QString& text)
     if (m_finished) {
         return;
     }
-    m_answered = true;
     m_failed = m_failed || text.startsWith(QStringLiteral("Error: "));
     if (m_respond) {
         m_respond(text);

@@ -1,12 +1,11 @@
 #pragma once
 
 #include <QString>
-#include <QVariantMap>
 
 #include <functional>
 #include <memory>
 
-// One command-line request: its arguments, where its answers go and whether it is over.
+// One command-line request: where its answers go and whether it is over.
 // The command serving it answers through it. The request is finished when its dispatch
 // returns unless the command keeps it open (a run until its task ends, a command waiting
 // for a secret or an alert); whoever then holds it finishes it, exactly once.
@@ -14,9 +13,7 @@ class CmdLineRequest {
 public:
     using Respond = std::function<void(const QString& response)>;
 
-    CmdLineRequest(QVariantMap userInfo, Respond respond, std::function<void()> finish);
-
-    const QVariantMap& userInfo() const { return m_userInfo; }
+    CmdLineRequest(Respond respond, std::function<void()> finish);
 
     // Ignored once the request is finished.
     void respond(const QString& text);
@@ -25,18 +22,15 @@ public:
 
     bool staysOpen() const { return m_staysOpen; }
     bool isFinished() const { return m_finished; }
-    // Whether an answer began "Error: ", or any answer was given at all.
+    // Whether an answer began "Error: ".
     bool hasFailed() const { return m_failed; }
-    bool hasAnswered() const { return m_answered; }
 
 private:
-    QVariantMap m_userInfo;
     Respond m_respond;
     std::function<void()> m_finish;
     bool m_staysOpen = false;
     bool m_finished = false;
     bool m_failed = false;
-    bool m_answered = false;
 };
 
 using CmdLineRequestPtr = std::shared_ptr<CmdLineRequest>;

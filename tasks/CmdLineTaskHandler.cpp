@@ -273,7 +273,6 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
     };
     QPointer<CmdLineServer> server(&m_server);
     auto client = std::make_shared<CmdLineRequest>(
-        userInfo,
         [server, connection](const QString& text) {
             if (server && server->isOpen(connection)) {
                 server->respond(connection, text);

@@ -9,10 +9,9 @@
 #include <QPointer>
 #include <QVariantMap>
 
-struct Alert;
-
 #include <functional>
 
+struct Alert;
 class GridAction;
 class Task;
 
