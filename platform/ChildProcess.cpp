@@ -29,6 +29,16 @@ void prepareChild()
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+bool localeInstalled(const char* name)
+{
+    const locale_t locale = ::newlocale(LC_ALL_MASK, name, static_cast<locale_t>(nullptr));
+    if (locale == static_cast<locale_t>(nullptr)) {
+        return false;
+    }
+    ::freelocale(locale);
+    return true;
+}
+
 } // namespace
 
 ChildProcess::ChildProcess(QObject* parent)
@@ -66,7 +76,6 @@ void ChildProcess::start()
 
 void ChildProcess::cancel()
 {
-    m_cancelled = true;
     if (!isRunning()) {
         return;
     }
@@ -83,7 +92,6 @@ void ChildProcess::cancel()
 
 void ChildProcess::kill()
 {
-    m_cancelled = true;
     if (isRunning()) {
         signalGroup(SIGKILL);
         m_process->waitForFinished(QuitWaitMs);
@@ -95,16 +103,6 @@ void ChildProcess::signalGroup(int signal)
     if (m_groupId > 0) {
         ::kill(static_cast<pid_t>(-m_groupId), signal);
     }
-}
-
-bool ChildProcess::localeInstalled(const char* name)
-{
-    const locale_t locale = ::newlocale(LC_ALL_MASK, name, static_cast<locale_t>(nullptr));
-    if (locale == static_cast<locale_t>(nullptr)) {
-        return false;
-    }
-    ::freelocale(locale);
-    return true;
 }
 
 QString ChildProcess::utf8Locale()

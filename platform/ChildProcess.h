@@ -24,7 +24,6 @@ public:
     bool isRunning() const { return m_process->state() != QProcess::NotRunning; }
     // The child's process id, which is also its group's id; 0 before the start.
     qint64 processId() const { return m_groupId; }
-    bool isCancelled() const { return m_cancelled; }
 
     // Asks the group to end and kills what is left of it after the grace period.
     void cancel();
@@ -35,12 +34,10 @@ public:
     // The locale children run in: "en_US.UTF-8" where it is installed, else "C.UTF-8"
     // (a missing locale makes shells print warnings into the output). Checked once.
     static QString utf8Locale();
-    static bool localeInstalled(const char* name);
 
 private:
     void signalGroup(int signal);
 
     QProcess* m_process;
     qint64 m_groupId = 0;
-    bool m_cancelled = false;
 };
