@@ -1,7 +1,6 @@
 #include "actions/ActionFile.h"
 
 #include "actions/OptionSheets.h"
-#include "builtin/ActionInfo.h"
 #include "core/AlertHelper.h"
 #include "core/SupportPaths.h"
 
@@ -335,43 +334,4 @@ int ActionFile::compareVersion(const QString& minimumVersion, const QString& app
         }
     }
     return 0;
-}
-
-ActionFile ActionFile::fromBuiltInActionInfo(const ActionInfo& info)
-{
-    ActionFile record;
-    record.isBuiltInAction = true;
-    record.metaDataNotFound = false;
-    record.actionName = info.name;
-    record.actionDescription = info.actionDescription;
-    record.optionsNib = info.optionsNib;
-    record.defaultPort = info.defaultPort;
-    record.builtInIcon = info.iconPath;
-    record.skipConfig = info.skipConfig;
-    record.useSelectedItemNameAndIcon = info.usesSelectedItemNameAndIcon;
-    record.isUserScript = !info.menuCategory.value_or(0);
-    QStringList types;
-    if (info.acceptsFiles()) {
-        types << DragTypes::Files;
-    }
-    if (info.acceptsText()) {
-        types << DragTypes::Text;
-    }
-    record.setHandles(types);
-    if (!info.keyModifiers.isEmpty()) {
-        record.applyHeaderField(QStringLiteral("KeyModifiers"), info.keyModifiers);
-    }
-    QString eventsText;
-    if (info.acceptsDrags() && info.acceptsClicks()) {
-        eventsText = QStringLiteral("Dragged,Clicked");
-    } else if (info.acceptsClicks()) {
-        eventsText = QStringLiteral("Clicked");
-    } else if (info.acceptsDrags()) {
-        eventsText = QStringLiteral("Dragged");
-    }
-    if (info.supportsConnectionTest()) {
-        eventsText += QStringLiteral(",TestConnection");
-    }
-    record.applyHeaderField(QStringLiteral("Events"), eventsText);
-    return record;
 }

@@ -6,8 +6,6 @@
 
 #include <memory>
 
-struct ActionInfo;
-
 // Drag-type tokens: what an action's Handles line maps to.
 namespace DragTypes {
 inline const QString Files = QStringLiteral("SKFilesDragType");
@@ -101,8 +99,6 @@ public:
     // -1 when appVersion is older than minimumVersion, 1 when newer, 0 when equal.
     // Only the indexes that both versions have are compared.
     static int compareVersion(const QString& minimumVersion, const QString& appVersion);
-
-    static ActionFile fromBuiltInActionInfo(const ActionInfo& info);
 
     bool operator==(const ActionFile& other) const { return taskPath == other.taskPath; }
 

@@ -1,6 +1,5 @@
 #include "actions/ActionFileParser.h"
 
-#include "builtin/ActionInfo.h"
 #include "core/AlertHelper.h"
 #include "core/Log.h"
 #include "core/SupportPaths.h"
@@ -139,8 +138,8 @@ ActionFileList ActionFileParser::actionFiles()
     if (m_sharingServices) {
         records << m_sharingServices();
     }
-    for (const ActionInfo& info : std::as_const(m_builtInInfos)) {
-        records << std::make_shared<ActionFile>(ActionFile::fromBuiltInActionInfo(info));
+    if (m_builtInActions) {
+        records << m_builtInActions();
     }
     if (!m_skipDuplicatesCheck) {
         checkForDuplicates(records);
@@ -287,8 +286,8 @@ void ActionFileParser::setSharingServiceProvider(std::function<ActionFileList()>
     invalidateActionsCache();
 }
 
-void ActionFileParser::setBuiltInActionInfos(QList<ActionInfo> infos)
+void ActionFileParser::setBuiltInActionProvider(std::function<ActionFileList()> provider)
 {
-    m_builtInInfos = std::move(infos);
+    m_builtInActions = std::move(provider);
     invalidateActionsCache();
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "actions/ActionFile.h"
-#include "builtin/ActionInfo.h"
 
 #include <QString>
 #include <QStringList>
@@ -46,9 +45,10 @@ public:
     bool skipDuplicatesCheck() const { return m_skipDuplicatesCheck; }
     void setSkipDuplicatesCheck(bool skip) { m_skipDuplicatesCheck = skip; }
 
-    // Records that stand for the desktop's sharing services and for the built-in actions.
+    // Records that stand for the desktop's sharing services and for the built-in actions,
+    // listed after the bundles; the catalogues above this layer provide them.
     void setSharingServiceProvider(std::function<ActionFileList()> provider);
-    void setBuiltInActionInfos(QList<ActionInfo> infos);
+    void setBuiltInActionProvider(std::function<ActionFileList()> provider);
 
 private:
     void checkForDuplicates(const ActionFileList& records);
@@ -60,5 +60,5 @@ private:
     QStringList m_lastDuplicates;
     bool m_skipDuplicatesCheck = false;
     std::function<ActionFileList()> m_sharingServices;
-    QList<ActionInfo> m_builtInInfos;
+    std::function<ActionFileList()> m_builtInActions;
 };

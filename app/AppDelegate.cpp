@@ -2,8 +2,10 @@
 
 #include "actions/ActionFileParser.h"
 #include "actions/OptionSheets.h"
+#include "builtin/ActionInfo.h"
 #include "builtin/ActionOptionSchemas.h"
 #include "builtin/BuiltInActionRunner.h"
+#include "cmdline/CmdLineTaskHandler.h"
 #include "core/Log.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
@@ -11,7 +13,6 @@
 #include "events/EventsHandler.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
-#include "tasks/CmdLineTaskHandler.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/Task.h"
 #include "tasks/TasksController.h"
@@ -95,8 +96,8 @@ void AppDelegate::applicationDidFinishLaunching()
     OptionSheets::registerStandardSheets();
     ActionOptionSchemas::registerOptionSheets();
     // Built-in actions: listed by the parser like bundles, run by the shared runner.
-    ActionFileParser::shared().setBuiltInActionInfos(
-        BuiltInActionRunner::shared()->builtInActionCatalog().availableActions());
+    provideBuiltInActions(ActionFileParser::shared(),
+                          BuiltInActionRunner::shared()->builtInActionCatalog().availableActions());
     BuiltInDispatcher::install(BuiltInActionRunner::shared());
     DebugConsoleController::shared().setLogFile(
         QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("debug-console.log")));

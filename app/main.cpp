@@ -3,14 +3,14 @@
 #include "actions/ActionFileJson.h"
 #include "app/AppDelegate.h"
 #include "app/DesktopAlertPresenter.h"
+#include "cmdline/CmdLineTaskHandler.h"
 #include "core/CmdLineProtocol.h"
+#include "core/SecretStore.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
 #include "platform/CmdLineServer.h"
 #include "platform/QtKeychainSecretStore.h"
 #include "platform/UnixSignals.h"
-#include "store/SecretStore.h"
-#include "tasks/CmdLineTaskHandler.h"
 
 #include <QApplication>
 #include <QCoreApplication>

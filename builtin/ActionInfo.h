@@ -1,11 +1,14 @@
 #pragma once
 
+#include "actions/ActionFile.h"
+
 #include <QList>
 #include <QString>
 
 #include <functional>
 #include <optional>
 
+class ActionFileParser;
 class BuiltInAction;
 
 // One entry of the built-in action catalogue: what the action accepts and how it is set up.
@@ -34,3 +37,8 @@ struct ActionInfo {
     bool acceptsDrags() const { return events.contains(Event::Dragged); }
     bool supportsConnectionTest() const { return events.contains(Event::TestConnection); }
 };
+
+// The record the parser lists for a built-in action, as if its header said the same.
+ActionFile builtInActionFile(const ActionInfo& info);
+// Lets the parser list these built-in actions after the bundles.
+void provideBuiltInActions(ActionFileParser& parser, QList<ActionInfo> infos);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "builtin/ActionOptionSpec.h"
+#include "actions/ActionOptionSpec.h"
 
 #include <QList>
 #include <QMap>

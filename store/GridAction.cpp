@@ -4,12 +4,12 @@
 #include "core/AlertHelper.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
+#include "core/SecretStore.h"
 #include "platform/ApplicationFiles.h"
 #include "platform/FileBookmark.h"
 #include "platform/FileSystemInfo.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
-#include "store/SecretStore.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>

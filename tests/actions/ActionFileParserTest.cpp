@@ -2,6 +2,7 @@
 
 #include "actions/DevelopActionController.h"
 #include "actions/OptionSheets.h"
+#include "builtin/ActionInfo.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "tests/support/FakePresenters.h"
@@ -345,7 +346,7 @@ TEST(BuiltInRecords, CopyTheCatalogueEntry)
     info.defaultPort = QStringLiteral("22");
     info.keyModifiers = QStringLiteral("option");
     info.iconPath = QStringLiteral("/icons/sftp.png");
-    const ActionFile r = ActionFile::fromBuiltInActionInfo(info);
+    const ActionFile r = builtInActionFile(info);
     EXPECT_TRUE(r.isBuiltInAction);
     EXPECT_FALSE(r.isUserScript);
     EXPECT_EQ(r.events, (QStringList{QStringLiteral("Dragged"), QStringLiteral("TestConnection")}));
@@ -361,7 +362,7 @@ TEST(BuiltInRecords, CopyTheCatalogueEntry)
     both.name = QStringLiteral("Run Shortcut");
     both.handles = {ActionInfo::Handles::Text, ActionInfo::Handles::Files};
     both.events = {ActionInfo::Event::Clicked, ActionInfo::Event::Dragged};
-    const ActionFile b = ActionFile::fromBuiltInActionInfo(both);
+    const ActionFile b = builtInActionFile(both);
     EXPECT_EQ(b.events, (QStringList{QStringLiteral("Dragged"), QStringLiteral("Clicked")}));
     EXPECT_EQ(b.handles(), (QStringList{DragTypes::Files, DragTypes::Text}));
     EXPECT_TRUE(b.isUserScript); // no menu category
@@ -434,7 +435,7 @@ TEST_F(ParserTest, ScanKeepsInvalidRecordsDropsNamelessAndCaches)
     builtIn.name = QStringLiteral("Open File");
     builtIn.events = {ActionInfo::Event::Clicked};
     builtIn.menuCategory = 1;
-    parser.setBuiltInActionInfos({builtIn});
+    provideBuiltInActions(parser, {builtIn});
     ActionFile service;
     service.isSharingService = true;
     service.actionName = QStringLiteral("Share");

@@ -1,4 +1,5 @@
 #include "actions/ActionFile.h"
+#include "builtin/ActionInfo.h"
 #include "builtin/BuiltInActionCatalog.h"
 #include "builtin/RunAppleScriptAction.h"
 #include "tests/support/TestHome.h"
@@ -125,7 +126,7 @@ TEST(BuiltInActionCatalog, PresentsEachEntryAsABuiltInActionFile)
         const ActionInfo& info = catalog.availableActions().at(i);
         const Expected& expected = ExpectedCatalogue.at(i);
         SCOPED_TRACE(expected.name);
-        const ActionFile record = ActionFile::fromBuiltInActionInfo(info);
+        const ActionFile record = builtInActionFile(info);
         EXPECT_TRUE(record.isBuiltInAction);
         EXPECT_EQ(record.actionName, info.name);
         EXPECT_EQ(record.actionDescription, info.actionDescription);
@@ -134,17 +135,16 @@ TEST(BuiltInActionCatalog, PresentsEachEntryAsABuiltInActionFile)
         EXPECT_EQ(record.optionsNib, info.optionsNib);
         EXPECT_EQ(record.iconPath(), info.iconPath.isEmpty() ? record.iconPath() : info.iconPath);
     }
-    const ActionFile trash = ActionFile::fromBuiltInActionInfo(
-        *catalog.getActionWithName(QStringLiteral("Move to Trash")));
+    const ActionFile trash =
+        builtInActionFile(*catalog.getActionWithName(QStringLiteral("Move to Trash")));
     EXPECT_TRUE(trash.skipConfig);
     EXPECT_TRUE(trash.handlesClicked());
-    const ActionFile sftp = ActionFile::fromBuiltInActionInfo(
-        *catalog.getActionWithName(QStringLiteral("SFTP Upload")));
+    const ActionFile sftp =
+        builtInActionFile(*catalog.getActionWithName(QStringLiteral("SFTP Upload")));
     EXPECT_EQ(sftp.defaultPort, QStringLiteral("22"));
     EXPECT_TRUE(sftp.optionKeyModifierEnabled());
     EXPECT_TRUE(sftp.handlesTestConnection());
-    EXPECT_TRUE(ActionFile::fromBuiltInActionInfo(
-                    *catalog.getActionWithName(QStringLiteral("Open Application")))
+    EXPECT_TRUE(builtInActionFile(*catalog.getActionWithName(QStringLiteral("Open Application")))
                     .useSelectedItemNameAndIcon);
 }
 

@@ -1,12 +1,13 @@
 // `sk add-action` and `sk action-info` for built-in actions, over the handler's real socket.
 #include "actions/ActionFileParser.h"
+#include "builtin/ActionInfo.h"
 #include "builtin/ActionOptionSchemas.h"
 #include "builtin/BuiltInActionCatalog.h"
+#include "cmdline/CmdLineTaskHandler.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SupportPaths.h"
 #include "platform/CmdLineServer.h"
 #include "store/GridDatabase.h"
-#include "tasks/CmdLineTaskHandler.h"
 #include "tests/support/EventLoop.h"
 #include "tests/support/FakePresenters.h"
 #include "tests/support/TestHome.h"
@@ -30,14 +31,15 @@ protected:
         ActionOptionSchemas::registerOptionSheets();
         ActionFileParser::shared() = ActionFileParser(SupportPaths::internalActionsDirectory(),
                                                       SupportPaths::userActionsDirectory());
-        ActionFileParser::shared().setBuiltInActionInfos(BuiltInActionCatalog().availableActions());
+        provideBuiltInActions(ActionFileParser::shared(),
+                              BuiltInActionCatalog().availableActions());
         m_handler = std::make_unique<CmdLineTaskHandler>();
         ASSERT_TRUE(m_handler->setup(runtime()));
     }
     void TearDown() override
     {
         m_handler.reset();
-        ActionFileParser::shared().setBuiltInActionInfos({});
+        provideBuiltInActions(ActionFileParser::shared(), {});
         GridDatabase::reopenShared();
         m_presenters.reset();
         m_home.reset();

@@ -30,7 +30,7 @@ ActionFilePtr actionOf(Kind kind)
     if (kind == Kind::AppleScript) {
         ActionInfo info;
         info.name = QStringLiteral("Run AppleScript");
-        return std::make_shared<ActionFile>(ActionFile::fromBuiltInActionInfo(info));
+        return std::make_shared<ActionFile>(builtInActionFile(info));
     }
     QString lines = QStringLiteral("# Skelvo Action Info\n# Name: A\n# Description: d\n");
     if (kind != Kind::Invalid) {

@@ -149,7 +149,7 @@ public:
         resize.optionsNib = QStringLiteral("ResizeImages");
         resize.menuCategory = 1;
         ActionFileParser& parser = ActionFileParser::shared();
-        parser.setBuiltInActionInfos({openFile, appleScript, resize});
+        provideBuiltInActions(parser, {openFile, appleScript, resize});
         parser.setSharingServiceProvider([] {
             return ActionFileList{sharingService(AirDrop, {}), sharingService(Email, {}),
                                   sharingService(ShareOnDrop, QStringLiteral("Dragged"))};
@@ -158,7 +158,7 @@ public:
     }
     void TearDown() override
     {
-        ActionFileParser::shared().setBuiltInActionInfos({});
+        provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().setSharingServiceProvider({});
         ActionFileParser::shared().invalidateActionsCache();
         qputenv("SKELVO_RESOURCES", m_previousResources);

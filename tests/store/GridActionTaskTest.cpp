@@ -22,7 +22,7 @@ protected:
         ActionInfo plain = upload;
         plain.name = QStringLiteral("Plain");
         plain.optionsNib = QStringLiteral("ChooseFolder");
-        ActionFileParser::shared().setBuiltInActionInfos({upload, plain});
+        provideBuiltInActions(ActionFileParser::shared(), {upload, plain});
         ActionFileParser::shared().invalidateActionsCache();
         OptionSheets::registerSheet(
             {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}});
@@ -43,7 +43,7 @@ protected:
     void TearDown() override
     {
         OptionSheets::unregisterSheet(QStringLiteral("ExtendedLogin"));
-        ActionFileParser::shared().setBuiltInActionInfos({});
+        provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
         StoreTest::TearDown();
     }

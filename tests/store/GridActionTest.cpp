@@ -4,10 +4,10 @@
 #include "actions/OptionSheets.h"
 #include "builtin/ActionInfo.h"
 #include "core/NotificationCenter.h"
+#include "core/SecretStore.h"
 #include "platform/FileBookmark.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
-#include "store/SecretStore.h"
 #include "tests/store/StoreTestSupport.h"
 
 #include <QDir>
@@ -54,17 +54,19 @@ protected:
         loadInitialDatabase();
         m_actionIcon = m_home->writeFile(QStringLiteral("res/action-icon.png"),
                                          QByteArrayLiteral("PNG action"));
-        ActionFileParser::shared().setBuiltInActionInfos({
-            info(QStringLiteral("Open Application"), QStringLiteral("ChooseApplication"), true),
-            info(QStringLiteral("Move Files"), QStringLiteral("ChooseFolder"), true),
-            info(QStringLiteral("Copy Files"), QStringLiteral("ChooseFolder"), true),
-            info(QStringLiteral("Open File"), QStringLiteral("ChooseFile"), true),
-            info(QStringLiteral("Resize Images"), QStringLiteral("ResizeImages"), false,
-                 m_actionIcon),
-            info(QStringLiteral("SFTP Upload"), QStringLiteral("ExtendedLogin"), false,
-                 m_actionIcon),
-            info(QStringLiteral("Drop Bar Text"), {}, false),
-        });
+        provideBuiltInActions(
+            ActionFileParser::shared(),
+            {
+                info(QStringLiteral("Open Application"), QStringLiteral("ChooseApplication"), true),
+                info(QStringLiteral("Move Files"), QStringLiteral("ChooseFolder"), true),
+                info(QStringLiteral("Copy Files"), QStringLiteral("ChooseFolder"), true),
+                info(QStringLiteral("Open File"), QStringLiteral("ChooseFile"), true),
+                info(QStringLiteral("Resize Images"), QStringLiteral("ResizeImages"), false,
+                     m_actionIcon),
+                info(QStringLiteral("SFTP Upload"), QStringLiteral("ExtendedLogin"), false,
+                     m_actionIcon),
+                info(QStringLiteral("Drop Bar Text"), {}, false),
+            });
         ActionFileParser::shared().invalidateActionsCache();
         OptionSheets::registerSheet(
             {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}});
@@ -76,7 +78,7 @@ protected:
     {
         NotificationCenter::shared().removeObserver(m_counter);
         OptionSheets::unregisterSheet(QStringLiteral("ExtendedLogin"));
-        ActionFileParser::shared().setBuiltInActionInfos({});
+        provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
         Icons::shared().setPreviewProvider({});
         StoreTest::TearDown();

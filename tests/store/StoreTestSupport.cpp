@@ -1,11 +1,12 @@
 #include "tests/store/StoreTestSupport.h"
 
 #include "actions/ActionFileParser.h"
+#include "core/SecretStore.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
+#include "platform/FileSecretStore.h"
 #include "platform/FileSystemInfo.h"
 #include "store/GridStoreHooks.h"
-#include "store/SecretStore.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -233,7 +234,7 @@ void StoreTest::SetUp()
     m_presenters = std::make_unique<FakePresenters>();
     GridDatabase::reopenShared();
     GridStoreHooks::shared() = GridStoreHooks{};
-    SecretStore::setShared(nullptr);
+    SecretStore::setShared(std::make_shared<FileSecretStore>());
 }
 
 void StoreTest::TearDown()

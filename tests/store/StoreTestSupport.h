@@ -1,8 +1,8 @@
 #pragma once
 
+#include "core/SecretStore.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
-#include "store/SecretStore.h"
 #include "tests/support/FakePresenters.h"
 #include "tests/support/TestHome.h"
 

@@ -1,7 +1,9 @@
 #include "tests/support/TestHome.h"
 
 #include "core/Log.h"
+#include "core/SecretStore.h"
 #include "core/Settings.h"
+#include "platform/FileSecretStore.h"
 
 #include <QDir>
 #include <QFile>
@@ -13,10 +15,12 @@ TestHome::TestHome()
     m_previousHome = qgetenv("SKELVO_HOME");
     qputenv("SKELVO_HOME", m_dir.path().toUtf8());
     Settings::reopenShared();
+    SecretStore::setShared(std::make_shared<FileSecretStore>());
 }
 
 TestHome::~TestHome()
 {
+    SecretStore::setShared(nullptr);
     if (m_hadHome) {
         qputenv("SKELVO_HOME", m_previousHome);
     } else {

@@ -1,4 +1,4 @@
-#include "tasks/CmdLineRequest.h"
+#include "cmdline/CmdLineRequest.h"
 
 CmdLineRequest::CmdLineRequest(Respond respond, std::function<void()> finish)
     : m_respond(std::move(respond))

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "cmdline/CmdLineRequest.h"
 #include "core/Identifiers.h"
 #include "platform/CmdLineServer.h"
-#include "tasks/CmdLineRequest.h"
 
 #include <QHash>
 #include <QObject>

@@ -1,12 +1,10 @@
-#include "store/SecretStore.h"
-
-#include "platform/FileSecretStore.h"
+#include "core/SecretStore.h"
 
 namespace {
 
 std::shared_ptr<SecretStore>& current()
 {
-    static std::shared_ptr<SecretStore> store = std::make_shared<FileSecretStore>();
+    static std::shared_ptr<SecretStore> store;
     return store;
 }
 
@@ -14,6 +12,7 @@ std::shared_ptr<SecretStore>& current()
 
 SecretStore& SecretStore::shared()
 {
+    Q_ASSERT(current());
     return *current();
 }
 
@@ -24,5 +23,5 @@ std::shared_ptr<SecretStore> SecretStore::sharedPointer()
 
 void SecretStore::setShared(std::shared_ptr<SecretStore> store)
 {
-    current() = store ? std::move(store) : std::make_shared<FileSecretStore>();
+    current() = std::move(store);
 }

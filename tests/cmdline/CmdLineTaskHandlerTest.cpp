@@ -1,15 +1,16 @@
 // Drives the command-line handler over its real socket, as sk does.
-#include "tasks/CmdLineTaskHandler.h"
+#include "cmdline/CmdLineTaskHandler.h"
 
 #include "actions/ActionFileParser.h"
 #include "actions/OptionSheets.h"
 #include "builtin/ActionOptionSchemas.h"
 #include "core/CmdLineProtocol.h"
+#include "core/SecretStore.h"
 #include "core/SupportPaths.h"
 #include "events/EventsHandler.h"
+#include "platform/FileSecretStore.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
-#include "store/SecretStore.h"
 #include "tasks/Task.h"
 #include "tasks/TasksController.h"
 #include "tests/support/EventLoop.h"
@@ -294,7 +295,7 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
                 "Error: Could not store the secret for action 'Second': The keyring is locked.")));
     EXPECT_FALSE(
         GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Second")));
-    SecretStore::setShared(nullptr);
+    SecretStore::setShared(std::make_shared<FileSecretStore>());
 
     // A run whose script raised an alert the user has not answered yet.
     m_presenters->alerts().holdAnswers = true;

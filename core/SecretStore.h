@@ -30,7 +30,7 @@ public:
     // Deleting what is not there is NotFound, not a failure of the store.
     virtual void deleteSecret(const QString& service, const QString& account, Done done) = 0;
 
-    // The store in use; the private file store until the application installs another.
+    // The store in use, installed at start-up (a private file or the system's secret service).
     static SecretStore& shared();
     static std::shared_ptr<SecretStore> sharedPointer();
     static void setShared(std::shared_ptr<SecretStore> store);
