@@ -1,6 +1,6 @@
 #pragma once
 
-#include "store/SecretStore.h"
+#include "core/SecretStore.h"
 
 // Secrets in one JSON file readable by the user only (folder 0700, file 0600), for runs
 // without a secret service (servers, containers, tests). Writes are atomic and serialised

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "store/SecretStore.h"
+#include "core/SecretStore.h"
 
 #include <functional>
 #include <optional>
