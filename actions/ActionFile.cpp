@@ -1,6 +1,6 @@
 #include "actions/ActionFile.h"
 
-#include "actions/OptionSheets.h"
+#include "actions/ActionOptionSchemas.h"
 #include "core/AlertHelper.h"
 #include "core/SupportPaths.h"
 
@@ -246,24 +246,24 @@ QString ActionFile::iconPath() const
 
 bool ActionFile::optionsNibExists() const
 {
-    return OptionSheets::find(optionsNib).has_value();
+    return ActionOptionSchemas::find(optionsNib).has_value();
 }
 
 bool ActionFile::optionsNibNeedsKeychain() const
 {
-    const auto sheet = OptionSheets::find(optionsNib);
+    const auto sheet = ActionOptionSchemas::find(optionsNib);
     return sheet && sheet->needsKeychainStorage;
 }
 
 QString ActionFile::keychainPasswordKey() const
 {
-    const auto sheet = OptionSheets::find(optionsNib);
+    const auto sheet = ActionOptionSchemas::find(optionsNib);
     return sheet ? sheet->keychainPasswordKey : QString();
 }
 
 QMap<QString, QString> ActionFile::constantVariables() const
 {
-    const auto sheet = OptionSheets::find(optionsNib);
+    const auto sheet = ActionOptionSchemas::find(optionsNib);
     return sheet ? sheet->constantVariables : QMap<QString, QString>();
 }
 

@@ -1,10 +1,10 @@
 #include "app/AppDelegate.h"
 
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/ActionInfo.h"
-#include "builtin/ActionOptionSchemas.h"
 #include "builtin/BuiltInActionRunner.h"
+#include "builtin/BuiltInOptionSchemas.h"
 #include "cmdline/CmdLineTaskHandler.h"
 #include "core/Log.h"
 #include "core/Settings.h"
@@ -93,8 +93,8 @@ void AppDelegate::applicationDidFinishLaunching()
                        m_headless ? QStringLiteral(" headless") : QString()));
 
     registerDefaultSettings();
-    OptionSheets::registerStandardSheets();
-    ActionOptionSchemas::registerOptionSheets();
+    ActionOptionSchemas::registerStandardSchemas();
+    registerBuiltInOptionSchemas();
     // Built-in actions: listed by the parser like bundles, run by the shared runner.
     provideBuiltInActions(ActionFileParser::shared(),
                           BuiltInActionRunner::shared()->builtInActionCatalog().availableActions());

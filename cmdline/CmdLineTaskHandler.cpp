@@ -1,8 +1,7 @@
 #include "cmdline/CmdLineTaskHandler.h"
 
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
-#include "builtin/ActionOptionSchemas.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/BuiltInAction.h"
 #include "builtin/BuiltInActionRunner.h"
 #include "cmdline/CommandSupport.h"

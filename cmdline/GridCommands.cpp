@@ -1,6 +1,5 @@
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
-#include "builtin/ActionOptionSchemas.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/BuiltInAction.h"
 #include "builtin/BuiltInActionRunner.h"
 #include "cmdline/CmdLineTaskHandler.h"

@@ -1,7 +1,7 @@
 #include "actions/ActionFileParser.h"
 
+#include "actions/ActionOptionSchemas.h"
 #include "actions/DevelopActionController.h"
-#include "actions/OptionSheets.h"
 #include "builtin/ActionInfo.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
@@ -256,11 +256,12 @@ TEST(Queries, KeyModifiersOnlyWhenDeclared)
 
 TEST(Queries, OptionSheetsDecideKeychainAndConstants)
 {
-    OptionSheets::registerSheet({QStringLiteral("TestLogin"),
-                                 true,
-                                 QStringLiteral("password"),
-                                 {{QStringLiteral("service"), QStringLiteral("x")}},
-                                 {}});
+    ActionOptionSchemas::registerSchema({QStringLiteral("TestLogin"),
+                                         true,
+                                         QStringLiteral("password"),
+                                         {{QStringLiteral("service"), QStringLiteral("x")}},
+                                         {},
+                                         {}});
     ActionFile r = parse(QStringLiteral("# Skelvo Action Info\n# OptionsNIB: TestLogin\n"));
     EXPECT_TRUE(r.optionsNibExists());
     EXPECT_TRUE(r.optionsNibNeedsKeychain());
@@ -269,7 +270,7 @@ TEST(Queries, OptionSheetsDecideKeychainAndConstants)
     r.optionsNib = QStringLiteral("Missing");
     EXPECT_FALSE(r.optionsNibExists());
     EXPECT_FALSE(r.optionsNibNeedsKeychain());
-    OptionSheets::unregisterSheet(QStringLiteral("TestLogin"));
+    ActionOptionSchemas::unregisterSchema(QStringLiteral("TestLogin"));
 }
 
 TEST(Validation, MessagesInOrderAndAlerts)

@@ -3,6 +3,7 @@
 #include "builtin/RunAppleScriptAction.h"
 #include "builtin/RunScriptAction.h"
 #include "builtin/RunShortcutAction.h"
+#include "core/UserUrl.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/DropbarSink.h"
 #include "tasks/RecentItems.h"
@@ -274,21 +275,21 @@ TEST_F(BuiltInTest, RunScriptLeavesWhatItStartedRunningAfterANormalEnd)
 
 TEST(OpenUrlResolver, CompletesAndRefusesAsDocumented)
 {
-    EXPECT_EQ(OpenUrlAction::resolve(QStringLiteral(" example.com/a?b=1 ")),
+    EXPECT_EQ(urlFromUserText(QStringLiteral(" example.com/a?b=1 ")),
               QUrl(QStringLiteral("https://example.com/a?b=1")));
-    EXPECT_EQ(OpenUrlAction::resolve(QStringLiteral("localhost:8080/x")),
+    EXPECT_EQ(urlFromUserText(QStringLiteral("localhost:8080/x")),
               QUrl(QStringLiteral("https://localhost:8080/x")));
-    EXPECT_EQ(OpenUrlAction::resolve(QStringLiteral("slack://open?team=T1")),
+    EXPECT_EQ(urlFromUserText(QStringLiteral("slack://open?team=T1")),
               QUrl(QStringLiteral("slack://open?team=T1")));
-    EXPECT_EQ(OpenUrlAction::resolve(QStringLiteral("mailto:someone@example.com")),
+    EXPECT_EQ(urlFromUserText(QStringLiteral("mailto:someone@example.com")),
               QUrl(QStringLiteral("mailto:someone@example.com")));
-    EXPECT_EQ(OpenUrlAction::resolve(QStringLiteral("/tmp/page.html")),
+    EXPECT_EQ(urlFromUserText(QStringLiteral("/tmp/page.html")),
               QUrl::fromLocalFile(QStringLiteral("/tmp/page.html")));
-    EXPECT_FALSE(OpenUrlAction::resolve(QStringLiteral("")));
-    EXPECT_FALSE(OpenUrlAction::resolve(QStringLiteral("two words")));
-    EXPECT_FALSE(OpenUrlAction::resolve(QStringLiteral("javascript:alert(1)")));
-    EXPECT_FALSE(OpenUrlAction::resolve(QStringLiteral("data:text/html,hi")));
-    EXPECT_FALSE(OpenUrlAction::resolve(QStringLiteral("-bad-.com")));
+    EXPECT_FALSE(urlFromUserText(QStringLiteral("")));
+    EXPECT_FALSE(urlFromUserText(QStringLiteral("two words")));
+    EXPECT_FALSE(urlFromUserText(QStringLiteral("javascript:alert(1)")));
+    EXPECT_FALSE(urlFromUserText(QStringLiteral("data:text/html,hi")));
+    EXPECT_FALSE(urlFromUserText(QStringLiteral("-bad-.com")));
 }
 
 TEST_F(BuiltInTest, OpenUrlOpensTheResolvedUrl)

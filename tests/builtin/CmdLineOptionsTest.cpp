@@ -1,8 +1,9 @@
 // `sk add-action` and `sk action-info` for built-in actions, over the handler's real socket.
 #include "actions/ActionFileParser.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/ActionInfo.h"
-#include "builtin/ActionOptionSchemas.h"
 #include "builtin/BuiltInActionCatalog.h"
+#include "builtin/BuiltInOptionSchemas.h"
 #include "cmdline/CmdLineTaskHandler.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SupportPaths.h"
@@ -28,7 +29,7 @@ protected:
         m_presenters = std::make_unique<FakePresenters>();
         GridDatabase::reopenShared();
         ASSERT_TRUE(GridDatabase::sharedGridDatabase().loadDatabase());
-        ActionOptionSchemas::registerOptionSheets();
+        registerBuiltInOptionSchemas();
         ActionFileParser::shared() = ActionFileParser(SupportPaths::internalActionsDirectory(),
                                                       SupportPaths::userActionsDirectory());
         provideBuiltInActions(ActionFileParser::shared(),

@@ -1,5 +1,5 @@
-#include "actions/OptionSheets.h"
-#include "builtin/ActionOptionSchemas.h"
+#include "actions/ActionOptionSchemas.h"
+#include "builtin/BuiltInOptionSchemas.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -10,6 +10,17 @@
 namespace {
 
 using Options = QMap<QString, QString>;
+
+// The schemas as the application registers them at start-up.
+class RegisteredSchemas : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        ActionOptionSchemas::registerStandardSchemas();
+        registerBuiltInOptionSchemas();
+    }
+};
+const auto* const registered = ::testing::AddGlobalTestEnvironment(new RegisteredSchemas);
 
 struct Refusal {
     const char* schema;
@@ -134,39 +145,6 @@ TEST(OptionSchemas, AnUnreadableScriptIsRefused)
               QStringLiteral("The selected script is not readable."));
 }
 
-TEST(OptionSchemas, CoverEveryPanelName)
-{
-    const QStringList expected{"ChooseFolder",
-                               "ChooseApplication",
-                               "ChooseFile",
-                               "ChooseScript",
-                               "AmazonS3Login",
-                               "ResizeImages",
-                               "ExtendedLogin",
-                               "OpenURL",
-                               "ConvertImages",
-                               "FileModification",
-                               "Tinify",
-                               "TinyURL",
-                               "RunShortcut",
-                               "RunAppleScript",
-                               "CreateNote",
-                               "FinderPath",
-                               "ImgBB",
-                               "ChooseFolderRename",
-                               "InstagramDownloader",
-                               "ShortIO",
-                               "VideoDownloader",
-                               "APIKey",
-                               "UsernameAPIKey"};
-    EXPECT_EQ(ActionOptionSchemas::names(), expected);
-    for (const QString& name : expected) {
-        SCOPED_TRACE(name.toStdString());
-        ASSERT_TRUE(ActionOptionSchemas::schema(name));
-        EXPECT_FALSE(ActionOptionSchemas::schema(name)->isEmpty());
-    }
-}
-
 TEST(OptionSchemas, TabledHelpTextsAndDefaults)
 {
     const QList<ActionOptionSpec> resize =
@@ -227,14 +205,15 @@ TEST(OptionSchemas, AcceptedOptionsTakeDefaultsAndKeepSecretsApart)
 
 TEST(OptionSchemas, RegisterTheirSheetsForActionFiles)
 {
-    ActionOptionSchemas::registerOptionSheets();
-    const auto sftp = OptionSheets::find(QStringLiteral("ExtendedLogin"));
+    registerBuiltInOptionSchemas();
+    const auto sftp = ActionOptionSchemas::find(QStringLiteral("ExtendedLogin"));
     ASSERT_TRUE(sftp);
     EXPECT_TRUE(sftp->needsKeychainStorage);
     EXPECT_EQ(sftp->keychainPasswordKey, QStringLiteral("password"));
-    const auto url = OptionSheets::find(QStringLiteral("OpenURL"));
+    const auto url = ActionOptionSchemas::find(QStringLiteral("OpenURL"));
     ASSERT_TRUE(url);
-    EXPECT_EQ(url->commandLineOptions, QStringList{QStringLiteral("url")});
+    ASSERT_EQ(url->options.size(), 1);
+    EXPECT_EQ(url->options.first().key, QStringLiteral("url"));
     EXPECT_FALSE(url->needsKeychainStorage);
 }
 

@@ -2,8 +2,8 @@
 #include "cmdline/CmdLineTaskHandler.h"
 
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
-#include "builtin/ActionOptionSchemas.h"
+#include "actions/ActionOptionSchemas.h"
+#include "builtin/BuiltInOptionSchemas.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SecretStore.h"
 #include "core/SupportPaths.h"
@@ -45,7 +45,7 @@ protected:
         m_presenters = std::make_unique<FakePresenters>();
         GridDatabase::reopenShared();
         ASSERT_TRUE(GridDatabase::sharedGridDatabase().loadDatabase());
-        OptionSheets::registerStandardSheets();
+        ActionOptionSchemas::registerStandardSchemas();
         ActionFileParser::shared() = ActionFileParser(SupportPaths::internalActionsDirectory(),
                                                       SupportPaths::userActionsDirectory());
         m_handler = std::make_unique<CmdLineTaskHandler>();
@@ -243,7 +243,7 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
 
 TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
 {
-    ActionOptionSchemas::registerOptionSheets();
+    registerBuiltInOptionSchemas();
     installUserAction(QStringLiteral("Uploader.skelvo"),
                       "# Skelvo Action Info\n# Name: Uploader\n# Description: d\n"
                       "# Handles: Files\n# Creator: c\n# URL: u\n# OptionsNIB: AmazonS3Login\n");

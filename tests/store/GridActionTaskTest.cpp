@@ -1,5 +1,5 @@
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/ActionInfo.h"
 #include "store/GridAction.h"
 #include "tasks/Task.h"
@@ -24,8 +24,8 @@ protected:
         plain.optionsNib = QStringLiteral("ChooseFolder");
         provideBuiltInActions(ActionFileParser::shared(), {upload, plain});
         ActionFileParser::shared().invalidateActionsCache();
-        OptionSheets::registerSheet(
-            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}});
+        ActionOptionSchemas::registerSchema(
+            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}, {}});
 
         m_action = std::make_shared<GridAction>();
         m_action->type = QStringLiteral("SFTP Upload");
@@ -42,7 +42,7 @@ protected:
     }
     void TearDown() override
     {
-        OptionSheets::unregisterSheet(QStringLiteral("ExtendedLogin"));
+        ActionOptionSchemas::unregisterSchema(QStringLiteral("ExtendedLogin"));
         provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
         StoreTest::TearDown();

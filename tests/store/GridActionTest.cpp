@@ -1,7 +1,7 @@
 #include "store/GridAction.h"
 
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/ActionInfo.h"
 #include "core/NotificationCenter.h"
 #include "core/SecretStore.h"
@@ -68,8 +68,8 @@ protected:
                 info(QStringLiteral("Drop Bar Text"), {}, false),
             });
         ActionFileParser::shared().invalidateActionsCache();
-        OptionSheets::registerSheet(
-            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}});
+        ActionOptionSchemas::registerSchema(
+            {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}, {}});
         m_counter = NotificationCenter::shared().addObserver(
             Notifications::GridActionPositionsSaved, nullptr,
             [this](const Notification&) { ++m_saved; });
@@ -77,7 +77,7 @@ protected:
     void TearDown() override
     {
         NotificationCenter::shared().removeObserver(m_counter);
-        OptionSheets::unregisterSheet(QStringLiteral("ExtendedLogin"));
+        ActionOptionSchemas::unregisterSchema(QStringLiteral("ExtendedLogin"));
         provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
         Icons::shared().setPreviewProvider({});

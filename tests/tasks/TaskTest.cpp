@@ -1,7 +1,7 @@
 #include "tasks/Task.h"
 
 #include "actions/ActionFileParser.h"
-#include "actions/OptionSheets.h"
+#include "actions/ActionOptionSchemas.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
@@ -150,7 +150,7 @@ protected:
     void TearDown() override
     {
         resetShared();
-        OptionSheets::unregisterSheet(LoginSheet);
+        ActionOptionSchemas::unregisterSchema(LoginSheet);
     }
 
     static void resetShared()
@@ -175,14 +175,14 @@ protected:
 
     static void registerLoginSheet(bool needsKeychain)
     {
-        OptionSheetInfo sheet;
+        OptionSchema sheet;
         sheet.name = LoginSheet;
         sheet.needsKeychainStorage = needsKeychain;
         sheet.keychainPasswordKey = QStringLiteral("password");
         sheet.constantVariables = {
             {QStringLiteral("api_host"), QStringLiteral("https://api.example.com")},
             {QStringLiteral("tmp_folder"), QStringLiteral("/nowhere")}};
-        OptionSheets::registerSheet(sheet);
+        ActionOptionSchemas::registerSchema(sheet);
     }
 
     QString tasksFolder() const

@@ -1,12 +1,10 @@
-#include "builtin/ActionOptionSchemas.h"
+#include "builtin/BuiltInOptionSchemas.h"
 
-#include "actions/OptionSheets.h"
-#include "builtin/OpenUrlAction.h"
+#include "actions/ActionOptionSchemas.h"
 #include "builtin/RunScriptAction.h"
+#include "core/UserUrl.h"
 
-#include <QDir>
 #include <QFileInfo>
-#include <QRegularExpression>
 
 namespace {
 
@@ -68,14 +66,17 @@ const QStringList ImageFormats{
     QStringLiteral("webp"), QStringLiteral("tiff"), QStringLiteral("tif"),
     QStringLiteral("gif"),  QStringLiteral("heic"), QStringLiteral("heif")};
 
-const QMap<QString, QList<ActionOptionSpec>>& schemas()
+// In the order `sk` lists them.
+QList<std::pair<QString, QList<ActionOptionSpec>>> schemas()
 {
-    static const QMap<QString, QList<ActionOptionSpec>> all = [] {
-        QMap<QString, QList<ActionOptionSpec>> map;
-        map.insert(QStringLiteral("ChooseFolder"),
-                   {required(option("path", Kind::Path, "Destination folder"))});
-        map.insert(QStringLiteral("ChooseFolderRename"),
-                   {required(option("path", Kind::Path, "Destination folder"))});
+    struct Ordered {
+        QList<std::pair<QString, QList<ActionOptionSpec>>> list;
+        void insert(const QString& name, QList<ActionOptionSpec> entries)
+        {
+            list.append({name, std::move(entries)});
+        }
+    } map;
+    {
         map.insert(QStringLiteral("ChooseApplication"),
                    {required(option("path", Kind::Path,
                                     "The application to open: a .desktop file or an executable"))});
@@ -200,100 +201,8 @@ const QMap<QString, QList<ActionOptionSpec>>& schemas()
         map.insert(QStringLiteral("UsernameAPIKey"),
                    {required(option("username", Kind::Text, "User name at the service")),
                     secret("api_key", "API key of the service")});
-        return map;
-    }();
-    return all;
-}
-
-QString absolutePath(const QString& path, const QString& cwd)
-{
-    QString expanded = path;
-    if (expanded == u"~" || expanded.startsWith(QStringLiteral("~/"))) {
-        expanded = QDir::homePath() + expanded.mid(1);
     }
-    if (QDir::isAbsolutePath(expanded) || cwd.isEmpty()) {
-        return QDir::cleanPath(expanded);
-    }
-    return QDir::cleanPath(QDir(cwd).filePath(expanded));
-}
-
-std::optional<QString> booleanValue(const QString& value)
-{
-    const QString lower = value.trimmed().toLower();
-    if (lower == u"1" || lower == u"true" || lower == u"yes") {
-        return QStringLiteral("1");
-    }
-    if (lower == u"0" || lower == u"false" || lower == u"no") {
-        return QStringLiteral("0");
-    }
-    return std::nullopt;
-}
-
-// The value as it is stored, or the reason it does not fit the option.
-std::variant<QString, ActionOptionValidationError>
-checkValue(const ActionOptionSpec& entry, const QString& value, const QString& cwd)
-{
-    auto error = [](const QString& message) { return ActionOptionValidationError{message}; };
-    QString stored = value;
-    switch (entry.kind) {
-    case Kind::Integer: {
-        bool ok = false;
-        const qlonglong number = value.trimmed().toLongLong(&ok);
-        if (!ok) {
-            return error(QStringLiteral("Option '%1' must be a whole number, not '%2'.")
-                             .arg(entry.key, value));
-        }
-        if ((entry.minimum && number < *entry.minimum) ||
-            (entry.maximum && number > *entry.maximum)) {
-            return error(QStringLiteral("Option '%1' must be between %2 and %3.")
-                             .arg(entry.key)
-                             .arg(entry.minimum.value_or(0))
-                             .arg(entry.maximum.value_or(0)));
-        }
-        stored = QString::number(number);
-        break;
-    }
-    case Kind::Boolean: {
-        const std::optional<QString> flag = booleanValue(value);
-        if (!flag) {
-            return error(QStringLiteral("Option '%1' must be true or false, not '%2'.")
-                             .arg(entry.key, value));
-        }
-        stored = *flag;
-        break;
-    }
-    case Kind::Choice:
-        if (!entry.choices.contains(value.trimmed().toLower())) {
-            return error(QStringLiteral("Option '%1' must be one of: %2 (not '%3').")
-                             .arg(entry.key, entry.choices.join(QStringLiteral(", ")), value));
-        }
-        stored = value.trimmed().toLower();
-        break;
-    case Kind::Path:
-        if (value.trimmed().isEmpty()) {
-            return error(QStringLiteral("Option '%1' needs a path.").arg(entry.key));
-        }
-        stored = absolutePath(value.trimmed(), cwd);
-        break;
-    case Kind::Url:
-        if (!OpenUrlAction::resolve(value)) {
-            return error(
-                QStringLiteral("Option '%1' must be a URL, not '%2'.").arg(entry.key, value));
-        }
-        stored = value.trimmed();
-        break;
-    case Kind::Text:
-    case Kind::Secret:
-        break;
-    }
-    if (!entry.pattern.isEmpty()) {
-        const QRegularExpression pattern(QRegularExpression::anchoredPattern(entry.pattern));
-        if (!pattern.match(stored).hasMatch()) {
-            return error(QStringLiteral("Option '%1' does not match the pattern %2.")
-                             .arg(entry.key, entry.pattern));
-        }
-    }
-    return stored;
+    return map.list;
 }
 
 std::optional<ActionOptionValidationError> schemaRules(const QString& name,
@@ -320,13 +229,6 @@ std::optional<ActionOptionValidationError> schemaRules(const QString& name,
                 QStringLiteral("Option 'path' is required when 'output_folder_option' is 2."));
         }
         if (!QFileInfo(path).isDir()) {
-            return error(
-                QStringLiteral("Option 'path' must name an existing folder: %1").arg(path));
-        }
-    }
-    if (name == u"ChooseFolder" || name == u"ChooseFolderRename") {
-        const QString path = values.value(QStringLiteral("path"));
-        if (!path.isEmpty() && !QFileInfo(path).isDir()) {
             return error(
                 QStringLiteral("Option 'path' must name an existing folder: %1").arg(path));
         }
@@ -362,7 +264,7 @@ std::optional<ActionOptionValidationError> schemaRules(const QString& name,
         }
     }
     if (name == u"OpenURL") {
-        const std::optional<QUrl> url = OpenUrlAction::resolve(values.value(QStringLiteral("url")));
+        const std::optional<QUrl> url = urlFromUserText(values.value(QStringLiteral("url")));
         if (url && url->isLocalFile() && !QFileInfo::exists(url->toLocalFile())) {
             return error(QStringLiteral("'") + url->toLocalFile() +
                          QStringLiteral("' for option 'url' does not exist."));
@@ -373,144 +275,16 @@ std::optional<ActionOptionValidationError> schemaRules(const QString& name,
 
 } // namespace
 
-namespace ActionOptionSchemas {
-
-QStringList names()
+void registerBuiltInOptionSchemas()
 {
-    return {QStringLiteral("ChooseFolder"),
-            QStringLiteral("ChooseApplication"),
-            QStringLiteral("ChooseFile"),
-            QStringLiteral("ChooseScript"),
-            QStringLiteral("AmazonS3Login"),
-            QStringLiteral("ResizeImages"),
-            QStringLiteral("ExtendedLogin"),
-            QStringLiteral("OpenURL"),
-            QStringLiteral("ConvertImages"),
-            QStringLiteral("FileModification"),
-            QStringLiteral("Tinify"),
-            QStringLiteral("TinyURL"),
-            QStringLiteral("RunShortcut"),
-            QStringLiteral("RunAppleScript"),
-            QStringLiteral("CreateNote"),
-            QStringLiteral("FinderPath"),
-            QStringLiteral("ImgBB"),
-            QStringLiteral("ChooseFolderRename"),
-            QStringLiteral("InstagramDownloader"),
-            QStringLiteral("ShortIO"),
-            QStringLiteral("VideoDownloader"),
-            QStringLiteral("APIKey"),
-            QStringLiteral("UsernameAPIKey")};
-}
-
-std::optional<QList<ActionOptionSpec>> schema(const QString& optionsNib)
-{
-    const auto it = schemas().constFind(optionsNib);
-    if (it == schemas().constEnd()) {
-        return std::nullopt;
-    }
-    return *it;
-}
-
-std::variant<ValidatedActionOptions, ActionOptionValidationError>
-validate(const QString& optionsNib, const QMap<QString, QString>& options, const QString& cwd,
-         const QString& actionType)
-{
-    const std::optional<QList<ActionOptionSpec>> entries = schema(optionsNib);
-    if (!entries) {
-        return ActionOptionValidationError{
-            QStringLiteral("'") + optionsNib +
-            QStringLiteral("' is not supported by the command line.")};
-    }
-    QStringList keys;
-    for (const ActionOptionSpec& entry : *entries) {
-        keys << entry.key;
-    }
-    for (auto it = options.cbegin(); it != options.cend(); ++it) {
-        if (!keys.contains(it.key())) {
-            const QString forType = actionType.isEmpty()
-                                        ? QString()
-                                        : QStringLiteral("' for action type '") + actionType;
-            return ActionOptionValidationError{QStringLiteral("Unknown option '") + it.key() +
-                                               forType + QStringLiteral("'. Valid options are: ") +
-                                               keys.join(QStringLiteral(", "))};
-        }
-    }
-    ValidatedActionOptions result;
-    for (const ActionOptionSpec& entry : *entries) {
-        if (!options.contains(entry.key)) {
-            if (entry.required) {
-                return ActionOptionValidationError{
-                    QStringLiteral("Option '%1' is required.").arg(entry.key)};
-            }
-            if (!entry.defaultValue.isEmpty()) {
-                result.variables.insert(entry.key, entry.defaultValue);
-            }
-            continue;
-        }
-        const auto checked = checkValue(entry, options.value(entry.key), cwd);
-        if (const auto* failure = std::get_if<ActionOptionValidationError>(&checked)) {
-            return *failure;
-        }
-        const QString& value = std::get<QString>(checked);
-        if (entry.keychainSecret) {
-            result.secret = value;
-        } else if (entry.keychainSecondarySecret) {
-            result.secondarySecret = value;
-        } else {
-            result.variables.insert(entry.key, value);
-        }
-    }
-    if (auto failure = schemaRules(optionsNib, *entries, options, result.variables)) {
-        return *failure;
-    }
-    return result;
-}
-
-QString helpText(const QString& optionsNib)
-{
-    const std::optional<QList<ActionOptionSpec>> entries = schema(optionsNib);
-    if (!entries) {
-        return {};
-    }
-    QString text;
-    for (const ActionOptionSpec& entry : *entries) {
-        QString line = QStringLiteral("  %1: %2").arg(entry.key, entry.help);
-        if (!entry.choices.isEmpty()) {
-            line += QStringLiteral(" [%1]").arg(entry.choices.join(u'|'));
-        }
-        if (entry.required) {
-            line += QStringLiteral(" (required)");
-        }
-        if (!entry.defaultValue.isEmpty()) {
-            line += QStringLiteral(" (default: %1)").arg(entry.defaultValue);
-        }
-        if (entry.keychainSecret || entry.keychainSecondarySecret) {
-            line += QStringLiteral(" (kept in the keychain)");
-        }
-        text += line + u'\n';
-    }
-    return text;
-}
-
-void registerOptionSheets()
-{
-    for (const QString& name : names()) {
-        const QList<ActionOptionSpec> entries = *schema(name);
-        OptionSheetInfo sheet;
-        if (const auto existing = OptionSheets::find(name)) {
-            sheet = *existing;
-        }
-        sheet.name = name;
-        sheet.commandLineOptions.clear();
-        for (const ActionOptionSpec& entry : entries) {
-            sheet.commandLineOptions << entry.key;
-            if (entry.keychainSecret) {
-                sheet.needsKeychainStorage = true;
-                sheet.keychainPasswordKey = entry.key;
-            }
-        }
-        OptionSheets::registerSheet(sheet);
+    for (const auto& [name, entries] : schemas()) {
+        OptionSchema schema;
+        schema.name = name;
+        schema.options = entries;
+        schema.rules = [name = name, entries = entries](const QMap<QString, QString>& given,
+                                                        const QMap<QString, QString>& values) {
+            return schemaRules(name, entries, given, values);
+        };
+        ActionOptionSchemas::registerSchema(schema);
     }
 }
-
-} // namespace ActionOptionSchemas
