@@ -1,22 +1,7 @@
-#include "actions/ActionFileParser.h"
-#include "actions/ActionOptionSchemas.h"
-#include "builtin/BuiltInAction.h"
-#include "builtin/BuiltInActionRunner.h"
 #include "cmdline/CmdLineTaskHandler.h"
 #include "cmdline/CommandSupport.h"
-#include "core/AlertHelper.h"
-#include "core/CmdLineProtocol.h"
-#include "core/Log.h"
 #include "core/NotificationCenter.h"
-#include "events/EventsHandler.h"
 #include "store/GridAction.h"
-#include "store/GridDatabase.h"
-#include "store/Icons.h"
-#include "tasks/Task.h"
-#include "tasks/TaskOutputHandler.h"
-#include "tasks/TaskRunner.h"
-#include "tasks/TaskStatus.h"
-#include "tasks/TasksController.h"
 
 #include <QDir>
 #include <QFile>
