@@ -3,6 +3,7 @@
 #include "actions/ActionFileJson.h"
 #include "app/AppDelegate.h"
 #include "app/DesktopAlertPresenter.h"
+#include "app/DesktopIcons.h"
 #include "cmdline/CmdLineTaskHandler.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SecretStore.h"
@@ -97,6 +98,7 @@ int main(int argc, char* argv[])
         auto gui = std::make_unique<QApplication>(argc, argv);
         gui->setQuitOnLastWindowClosed(false);
         AlertHelper::setPresenter(std::make_shared<DesktopAlertPresenter>());
+        DesktopIcons::install();
         app = std::move(gui);
     }
     // A secret service keeps passwords whenever one answers on the session bus, headless or

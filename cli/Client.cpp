@@ -125,34 +125,21 @@ bool notListening(int error)
     return error == ENOENT || error == ECONNREFUSED || error == ENOTDIR;
 }
 
-// The application holds an flock on its lock file from the moment it starts, before it
-// listens: a held lock means it is starting and worth a short wait. The kernel's lock table
-// is read rather than probing the lock, which could make a starting application believe
-// another instance holds it. Inodes are compared without devices, which overlay file
-// systems report differently.
+// The application holds an open-file-description write lock on its lock file from the moment
+// it starts, before it listens: a held lock means it is starting and worth a short wait.
+// F_OFD_GETLK only asks, so a starting application never finds sk holding the lock.
 bool appIsStarting(const std::string& folder)
 {
-    struct stat lockFile {};
-    if (::stat(joinPath(folder, CmdLineProtocol::LockName).c_str(), &lockFile) != 0) {
+    const int fd =
+        ::open(joinPath(folder, CmdLineProtocol::LockName).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         return false;
     }
-    std::FILE* locks = std::fopen("/proc/locks", "re");
-    if (!locks) {
-        return false;
-    }
-    bool held = false;
-    char line[256];
-    while (!held && std::fgets(line, sizeof line, locks)) {
-        // "1: FLOCK  ADVISORY  WRITE 4242 00:2c:1234 0 EOF"
-        char type[16] = {};
-        unsigned major = 0;
-        unsigned minor = 0;
-        unsigned long long inode = 0;
-        held = std::sscanf(line, "%*d: %15s %*s %*s %*d %x:%x:%llu", type, &major, &minor,
-                           &inode) == 4 &&
-               std::string_view(type) == "FLOCK" && inode == lockFile.st_ino;
-    }
-    std::fclose(locks);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    const bool held = ::fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    ::close(fd);
     return held;
 }
 

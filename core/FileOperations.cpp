@@ -4,62 +4,22 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <optional>
-#include <unistd.h>
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
-// The link's own text: QFileInfo::symLinkTarget() makes a relative target absolute, which
-// would tie a copied link to the original's folder.
-std::optional<QByteArray> linkText(const QString& path)
-{
-    const QByteArray name = QFile::encodeName(path);
-    QByteArray buffer(256, Qt::Uninitialized);
-    for (;;) {
-        const ssize_t length = ::readlink(name.constData(), buffer.data(), buffer.size());
-        if (length < 0) {
-            return std::nullopt;
-        }
-        if (length < buffer.size()) {
-            buffer.truncate(length);
-            return buffer;
-        }
-        buffer.resize(buffer.size() * 2);
-    }
-}
-
 bool copyInto(const QString& source, const QString& destination, QString* error)
 {
-    const QFileInfo info(source);
-    if (info.isSymLink()) {
-        const std::optional<QByteArray> target = linkText(source);
-        if (!target ||
-            ::symlink(target->constData(), QFile::encodeName(destination).constData()) != 0) {
-            *error = QStringLiteral("Could not create link %1").arg(destination);
-            return false;
-        }
-        return true;
-    }
-    if (info.isDir()) {
-        if (!QDir().mkdir(destination)) {
-            *error = QStringLiteral("Could not create folder %1").arg(destination);
-            return false;
-        }
-        QFile::setPermissions(destination, info.permissions());
-        const QDir dir(source);
-        const QStringList entries =
-            dir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
-        for (const QString& entry : entries) {
-            if (!copyInto(dir.filePath(entry), QDir(destination).filePath(entry), error)) {
-                return false;
-            }
-        }
-        return true;
-    }
-    QFile file(source);
-    if (!file.copy(destination)) {
+    namespace fs = std::filesystem;
+    std::error_code code;
+    // copy_symlinks keeps each link's own text, so a relative link stays relative.
+    fs::copy(fs::path(QFile::encodeName(source).toStdString()),
+             fs::path(QFile::encodeName(destination).toStdString()),
+             fs::copy_options::recursive | fs::copy_options::copy_symlinks, code);
+    if (code) {
         *error = QStringLiteral("Could not copy %1 to %2: %3")
-                     .arg(source, destination, file.errorString());
+                     .arg(source, destination, QString::fromLocal8Bit(code.message()));
         return false;
     }
     return true;

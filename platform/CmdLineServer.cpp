@@ -15,7 +15,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -88,11 +87,20 @@ bool CmdLineServer::listen(const QString& runtimeFolder, QString* error)
     if (m_lockFd < 0) {
         return fail(QStringLiteral("Cannot open %1: %2").arg(lockPath, errnoText()));
     }
-    // The lock, not the socket file, decides who runs: a socket left by a crash is stale.
-    if (::flock(m_lockFd, LOCK_EX | LOCK_NB) != 0) {
-        m_anotherInstance = true;
+    // The lock, not the socket file, decides who runs: a socket left by a crash is stale. An
+    // open-file-description lock, which sk can ask about without taking it.
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (::fcntl(m_lockFd, F_OFD_SETLK, &lock) != 0) {
+        const int lockError = errno;
         ::close(m_lockFd);
         m_lockFd = -1;
+        if (lockError != EAGAIN && lockError != EACCES) {
+            return fail(QStringLiteral("Cannot lock %1: %2")
+                            .arg(lockPath, QString::fromLocal8Bit(std::strerror(lockError))));
+        }
+        m_anotherInstance = true;
         return fail(QStringLiteral("Another instance is running"));
     }
     m_socketPath = QDir(runtimeFolder).filePath(QString::fromLatin1(CmdLineProtocol::SocketName));

@@ -1,32 +1,34 @@
 #pragma once
 
 #include <QByteArray>
-#include <QMap>
 #include <QString>
 
+#include <memory>
 #include <optional>
 
-// The [Desktop Entry] group of a freedesktop.org desktop entry file, read as plain text so
-// the engine needs no desktop library. Only what Skelvo shows of an application is read.
+typedef struct _GKeyFile GKeyFile;
+
+// A freedesktop.org desktop entry file, read through GLib: only what Skelvo shows of an
+// application.
 class DesktopEntry {
 public:
     static std::optional<DesktopEntry> read(const QString& path);
-    // None when the text has no [Desktop Entry] group.
+    // None when the text is no desktop entry (its first group is not [Desktop Entry]).
     static std::optional<DesktopEntry> parse(const QByteArray& text);
 
-    // The raw value of a key of the group (no locale), or a null string.
+    // The value of a key of the [Desktop Entry] group (no locale), or a null string.
     QString value(const QString& key) const;
-    // The value for the locale named like LC_MESSAGES ("de_AT.UTF-8@euro"); the empty locale
-    // means the one of the environment (LC_ALL, LC_MESSAGES, LANG).
-    QString localizedValue(const QString& key, const QString& locale = {}) const;
-
-    QString type() const { return value(QStringLiteral("Type")); }
+    // The name for a locale named like LC_MESSAGES ("de_AT.UTF-8@euro"); the empty locale
+    // means the ones of the environment (LANGUAGE, LC_ALL, LC_MESSAGES, LANG).
     QString name(const QString& locale = {}) const;
+    QString type() const { return value(QStringLiteral("Type")); }
     QString icon() const { return value(QStringLiteral("Icon")); }
-    bool isApplication() const { return type() == QLatin1String("Application"); }
-
-    static QString environmentLocale();
+    // An application GIO can launch: of type Application, and its TryExec program present.
+    bool isApplication() const { return m_isApplication; }
 
 private:
-    QMap<QString, QString> m_values;
+    static std::optional<DesktopEntry> load(GKeyFile* file, bool loaded);
+
+    std::shared_ptr<GKeyFile> m_file;
+    bool m_isApplication = false;
 };

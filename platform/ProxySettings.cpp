@@ -1,10 +1,16 @@
 #include "platform/ProxySettings.h"
 
+#include "core/Log.h"
+
 #include <QDir>
 #include <QFile>
 #include <QMap>
 #include <QRegularExpression>
 #include <QTextStream>
+
+// GLib names struct members "signals", which Qt defines as a macro.
+#undef signals
+#include <gio/gio.h>
 
 namespace {
 
@@ -73,7 +79,34 @@ ProxyEntryList ProxySettings::proxiesForUrl(const QUrl& url) const
     if (environmentNamesProxies()) {
         return environmentProxies(url);
     }
-    return kdeProxies(url);
+    if (auto kde = kdeProxies(url)) {
+        return *kde;
+    }
+    return resolverProxies(url);
+}
+
+ProxyEntryList ProxySettings::resolverProxies(const QUrl& url)
+{
+    GError* error = nullptr;
+    gchar** uris = g_proxy_resolver_lookup(g_proxy_resolver_get_default(),
+                                           url.toEncoded().constData(), nullptr, &error);
+    ProxyEntryList entries;
+    if (!uris) {
+        Log::warning(QStringLiteral("No proxy answer for %1: %2")
+                         .arg(url.toString(), QString::fromUtf8(error->message)));
+        g_error_free(error);
+        return entries;
+    }
+    const bool https = url.scheme() == QLatin1String("https");
+    // "direct://" has no host and gives no entry; GNOME names one socks proxy three times.
+    for (gchar** uri = uris; *uri; ++uri) {
+        const auto entry = parseProxy(QString::fromUtf8(*uri), https);
+        if (entry && !entries.contains(*entry)) {
+            entries << *entry;
+        }
+    }
+    g_strfreev(uris);
+    return entries;
 }
 
 QString ProxySettings::variable(const QString& lowerName) const
@@ -126,20 +159,20 @@ QString ProxySettings::kioslavercPath() const
     return QDir(configHome).filePath(QStringLiteral("kioslaverc"));
 }
 
-ProxyEntryList ProxySettings::kdeProxies(const QUrl& url) const
+std::optional<ProxyEntryList> ProxySettings::kdeProxies(const QUrl& url) const
 {
     enum KdeProxyType { Manual = 1, EnvironmentVariables = 4 };
 
-    ProxyEntryList entries;
     const QString path = kioslavercPath();
     if (path.isEmpty()) {
-        return entries;
+        return std::nullopt;
     }
     const QMap<QString, QString> settings = readIniSection(path, QStringLiteral("Proxy Settings"));
     const int type = settings.value(QStringLiteral("ProxyType")).toInt();
     if (type != Manual && type != EnvironmentVariables) {
-        return entries;
+        return std::nullopt;
     }
+    ProxyEntryList entries;
     // In the environment mode each setting names variables (comma separated) to read.
     auto setting = [&](const QString& key) {
         const QString value = settings.value(key);

@@ -22,12 +22,12 @@ using ProxyEntryList = QList<ProxyEntry>;
 // The user's proxy configuration on Linux.
 //
 // The environment decides whenever it names a proxy at all ("http_proxy", "https_proxy",
-// "all_proxy", lower case before upper case, with "no_proxy" exempting hosts). Otherwise
-// KDE's settings ("[Proxy Settings]" in $XDG_CONFIG_HOME/kioslaverc) are read: manual
-// proxies, and proxies taken from named environment variables. Automatic configuration
-// (PAC, WPAD) gives no entries, since evaluating a script is no cheap per-run step. GNOME
-// keeps its settings in dconf, readable only through GIO or a gsettings process; neither
-// belongs in every task start of the engine, so GNOME users export the variables instead.
+// "all_proxy", lower case before upper case, with "no_proxy" exempting hosts), as curl reads
+// it; GIO's resolvers would ignore them on GNOME and all_proxy elsewhere. Otherwise KDE's settings
+// ("[Proxy Settings]" in $XDG_CONFIG_HOME/kioslaverc) decide when they name manual proxies or
+// proxies taken from named environment variables. Otherwise GIO's proxy resolver answers for the
+// process: GNOME's settings on a GNOME desktop, libproxy's elsewhere (both from glib-networking;
+// without it every answer is "no proxy").
 class ProxySettings {
 public:
     explicit ProxySettings(QProcessEnvironment environment);
@@ -59,7 +59,9 @@ private:
     QString variable(const QString& lowerName) const;
     bool environmentNamesProxies() const;
     ProxyEntryList environmentProxies(const QUrl& url) const;
-    ProxyEntryList kdeProxies(const QUrl& url) const;
+    // None when KDE's settings name no proxies.
+    std::optional<ProxyEntryList> kdeProxies(const QUrl& url) const;
+    static ProxyEntryList resolverProxies(const QUrl& url);
     QString kioslavercPath() const;
 
     QProcessEnvironment m_environment;

@@ -3,6 +3,8 @@
 # Idempotent: prints nothing and installs nothing when everything is present.
 set -euo pipefail
 
+# glib-networking gives GIO its GNOME and libproxy proxy resolvers (without it GIO's resolver
+# answers "direct" for everything); gsettings-desktop-schemas holds GNOME's proxy settings.
 packages=(
   build-essential cmake ninja-build ccache pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libgl-dev
@@ -13,6 +15,7 @@ packages=(
   ruby python3
   libvips-dev libvips-tools libglib2.0-dev
   libglib2.0-bin gvfs dbus
+  glib-networking gsettings-desktop-schemas
 )
 
 missing=()

@@ -285,13 +285,15 @@ void GridAction::updateScopedBookmark()
         if (path.isEmpty() || !QFileInfo::exists(path)) {
             continue;
         }
-        const auto bookmark = FileBookmark::create(path);
+        // The path existed a moment ago; it may have gone since, or stat may refuse it.
+        QString why;
+        const auto bookmark = FileBookmark::create(path, &why);
         if (!bookmark) {
             AlertHelper::showCriticalAlertWithTitle(
-                QStringLiteral("Sandbox Error"),
-                QStringLiteral("Skelvo could not gain access to the path\n'%1' through the "
-                               "sandbox.\n\nRelaunch Skelvo and try adding this action again.")
-                    .arg(path));
+                QStringLiteral("Cannot Read Path"),
+                QStringLiteral("Skelvo could not read the path\n'%1': %2\n\nCheck that it is "
+                               "still there and try adding this action again.")
+                    .arg(path, why));
             continue;
         }
         extraVariables.insert(bookmarkKey, *bookmark);

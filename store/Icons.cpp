@@ -3,8 +3,6 @@
 #include "actions/ActionFile.h"
 #include "actions/ActionFileParser.h"
 #include "core/SupportPaths.h"
-#include "platform/ApplicationFiles.h"
-#include "platform/DesktopEntry.h"
 #include "store/GridAction.h"
 
 #include <QDir>
@@ -21,19 +19,6 @@ QByteArray readFile(const QString& path)
         return {};
     }
     return file.readAll();
-}
-
-QStringList dataDirectories()
-{
-    QStringList folders;
-    const QString home = qEnvironmentVariable("XDG_DATA_HOME");
-    folders << (home.isEmpty() ? QDir::home().filePath(QStringLiteral(".local/share")) : home);
-    QString system = qEnvironmentVariable("XDG_DATA_DIRS");
-    if (system.isEmpty()) {
-        system = QStringLiteral("/usr/local/share:/usr/share");
-    }
-    folders << system.split(QLatin1Char(':'), Qt::SkipEmptyParts);
-    return folders;
 }
 
 } // namespace
@@ -100,53 +85,8 @@ QByteArray Icons::iconForActionFile(const ActionFile& actionFile)
     return readFile(actionFile.iconPath());
 }
 
-QString Icons::findThemeIcon(const QString& iconName)
-{
-    if (iconName.isEmpty()) {
-        return {};
-    }
-    if (QDir::isAbsolutePath(iconName)) {
-        return QFileInfo(iconName).isFile() ? iconName : QString();
-    }
-    static const QStringList sizes = {
-        QStringLiteral("512x512"), QStringLiteral("256x256"), QStringLiteral("192x192"),
-        QStringLiteral("128x128"), QStringLiteral("96x96"),   QStringLiteral("64x64"),
-        QStringLiteral("48x48"),   QStringLiteral("32x32"),
-    };
-    const QStringList folders = dataDirectories();
-    for (const QString& size : sizes) {
-        for (const QString& folder : folders) {
-            const QString candidate = QDir(folder).filePath(
-                QStringLiteral("icons/hicolor/%1/apps/%2.png").arg(size, iconName));
-            if (QFileInfo(candidate).isFile()) {
-                return candidate;
-            }
-        }
-    }
-    for (const QString& folder : folders) {
-        for (const QString& candidate :
-             {QStringLiteral("icons/hicolor/scalable/apps/%1.svg"),
-              QStringLiteral("pixmaps/%1.png"), QStringLiteral("pixmaps/%1.svg"),
-              QStringLiteral("pixmaps/%1.xpm")}) {
-            const QString path = QDir(folder).filePath(candidate.arg(iconName));
-            if (QFileInfo(path).isFile()) {
-                return path;
-            }
-        }
-    }
-    return {};
-}
-
 QByteArray Icons::workspaceIconForPath(const QString& path) const
 {
-    if (ApplicationFiles::isDesktopEntryFile(path)) {
-        if (const auto entry = DesktopEntry::read(path)) {
-            const QByteArray themed = readFile(findThemeIcon(entry->icon()));
-            if (!themed.isEmpty()) {
-                return themed;
-            }
-        }
-    }
     return m_workspaceProvider ? m_workspaceProvider(path) : QByteArray();
 }
 

@@ -30,17 +30,13 @@ public:
     bool deleteIcon(ActionId actionId) const;
 
     static QByteArray iconForActionFile(const ActionFile& actionFile);
-    // The icon the desktop shows for the file: a desktop entry's Icon from the icon theme
-    // or pixmaps folders, else what the installed provider gives.
+    // The icon the desktop shows for the file (a provider of the desktop).
     QByteArray workspaceIconForPath(const QString& path) const;
     // A preview image of the file at about `size` pixels (a provider of the desktop).
     QByteArray previewImageForPath(const QString& path, int size) const;
 
     void setWorkspaceIconProvider(Provider provider) { m_workspaceProvider = std::move(provider); }
     void setPreviewProvider(PreviewProvider provider) { m_previewProvider = std::move(provider); }
-
-    // Finds a themed icon by name in the hicolor theme and the pixmaps folders.
-    static QString findThemeIcon(const QString& iconName);
 
 private:
     Provider m_workspaceProvider;

@@ -215,7 +215,7 @@ std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) cons
     merged.insert(QStringLiteral("tmp_folder"), QDir::tempPath());
     merged.insert(QStringLiteral("app_version"), Version::shortVersionString());
     merged.insert(QStringLiteral("os_version"), SystemInfo::osVersion());
-    if (SystemInfo::isAppleSiliconEquivalent()) {
+    if (SystemInfo::isArm64()) {
         merged.insert(QStringLiteral("apple_silicon"), QStringLiteral("1"));
     }
     if (Settings::shared().boolValue(Settings::DisableSSLVerify)) {

@@ -24,8 +24,7 @@ namespace {
 
 QString architectureSuffix()
 {
-    return SystemInfo::isAppleSiliconEquivalent() ? QStringLiteral("arm64")
-                                                  : QStringLiteral("x86_64");
+    return SystemInfo::isArm64() ? QStringLiteral("arm64") : QStringLiteral("x86_64");
 }
 
 QString systemExecutable(const QString& name)

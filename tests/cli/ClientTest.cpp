@@ -514,12 +514,13 @@ TEST(SkClient, EveryCommandHasHelp)
 // A stand-in for `skelvo`: holds the lock like the application, records how it was started,
 // waits FAKE_SKELVO_DELAY seconds before it listens, then answers one request and ends.
 const char* const FakeSkelvo = R"(#!/usr/bin/env python3
-import fcntl, json, os, socket, sys, time
+import fcntl, json, os, socket, struct, sys, time
 home = os.environ["SKELVO_HOME"]
 folder = os.path.join(home, "runtime", "skelvo")
 os.makedirs(folder, exist_ok=True)
 lock = open(os.path.join(folder, "skelvo.lock"), "w")
-fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+# struct flock: type, whence, start, length (0: the whole file), pid (0 for OFD locks)
+fcntl.fcntl(lock, fcntl.F_OFD_SETLK, struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0))
 with open(os.path.join(home, "started.json"), "w") as f:
     json.dump({"arguments": sys.argv[1:], "pid": os.getpid(), "sid": os.getsid(0),
                "stdin": os.readlink("/proc/self/fd/0")}, f)

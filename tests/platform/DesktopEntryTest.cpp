@@ -10,7 +10,6 @@
 namespace {
 
 const QByteArray Entry = "# comment\n"
-                         "[Desktop Action New]\nName=New Window\n"
                          "[Desktop Entry]\n"
                          "Type=Application\n"
                          "Name=Files\\sand\\tmore\n"
@@ -19,29 +18,21 @@ const QByteArray Entry = "# comment\n"
                          "Name[sr@latin]=Datoteke\n"
                          "Name[sr_RS@latin]=Datoteke RS\n"
                          "Icon = org.example.Files\n"
-                         "Name=Duplicate\n";
+                         "Actions=New\n"
+                         "[Desktop Action New]\nName=New Window\nIcon=window-new\n";
 
-struct LocaleRow {
-    const char* locale;
-    const char* name;
-};
-
-class LocalizedNameTest : public testing::TestWithParam<LocaleRow> {};
-
-TEST_P(LocalizedNameTest, MatchesTheMostSpecificLocaleFirst)
+TEST(DesktopEntryTest, MatchesTheMostSpecificLocaleFirst)
 {
     const auto entry = DesktopEntry::parse(Entry);
     ASSERT_TRUE(entry);
-    EXPECT_EQ(entry->name(QString::fromLatin1(GetParam().locale)),
-              QString::fromUtf8(GetParam().name));
+    const std::pair<const char*, const char*> rows[] = {
+        {"de_AT.UTF-8", "Dateien AT"}, {"de_CH.UTF-8", "Dateien"},   {"sr_RS@latin", "Datoteke RS"},
+        {"sr_ME@latin", "Datoteke"},   {"fr_FR", "Files and\tmore"}, {"C", "Files and\tmore"},
+    };
+    for (const auto& [locale, name] : rows) {
+        EXPECT_EQ(entry->name(QString::fromLatin1(locale)), QString::fromUtf8(name)) << locale;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, LocalizedNameTest,
-    testing::Values(LocaleRow{"de_AT.UTF-8", "Dateien AT"}, LocaleRow{"de_CH.UTF-8", "Dateien"},
-                    LocaleRow{"de", "Dateien"}, LocaleRow{"sr_RS@latin", "Datoteke RS"},
-                    LocaleRow{"sr_ME@latin", "Datoteke"}, LocaleRow{"fr_FR", "Files and\tmore"},
-                    LocaleRow{"C", "Files and\tmore"}));
 
 TEST(DesktopEntryTest, ReadsTheMainGroupOnly)
 {
@@ -49,7 +40,13 @@ TEST(DesktopEntryTest, ReadsTheMainGroupOnly)
     ASSERT_TRUE(entry);
     EXPECT_TRUE(entry->isApplication());
     EXPECT_EQ(entry->icon(), QStringLiteral("org.example.Files"));
-    EXPECT_FALSE(DesktopEntry::parse("[Desktop Action X]\nName=Y\n"));
+    EXPECT_FALSE(DesktopEntry::parse("[Desktop Action X]\nName=Y\n[Desktop Entry]\nName=Z\n"));
+    EXPECT_FALSE(DesktopEntry::parse("not a key file"));
+    // An application whose TryExec program is missing cannot be launched.
+    const auto missing = DesktopEntry::parse(
+        "[Desktop Entry]\nType=Application\nName=X\nTryExec=/nonexistent/x\nExec=x\n");
+    ASSERT_TRUE(missing);
+    EXPECT_FALSE(missing->isApplication());
 }
 
 TEST(ApplicationFilesTest, KnowsApplications)

@@ -81,6 +81,7 @@ protected:
         provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
         Icons::shared().setPreviewProvider({});
+        Icons::shared().setWorkspaceIconProvider({});
         StoreTest::TearDown();
     }
     QString categoryName(CategoryId id)
@@ -115,14 +116,12 @@ protected:
 
 TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
 {
-    const QString icon =
-        m_home->writeFile(QStringLiteral("icons/editor.png"), QByteArrayLiteral("PNG editor"));
     const QString entry = m_home->writeFile(
         QStringLiteral("apps/org.example.Editor.desktop"),
-        QStringLiteral("[Desktop Entry]\nType=Application\nName=Text Editor\nName[de]=Texteditor\n"
-                       "Exec=editor %F\nIcon=%1\n")
-            .arg(icon)
-            .toUtf8());
+        "[Desktop Entry]\nType=Application\nName=Text Editor\nName[de]=Texteditor\n"
+        "Exec=editor %F\n");
+    Icons::shared().setWorkspaceIconProvider(
+        [](const QString& path) { return "PNG of " + QFileInfo(path).fileName().toUtf8(); });
     qputenv("LC_ALL", "de_DE.UTF-8");
     const GridActionPtr action = GridAction::initWithPath(entry);
     qunsetenv("LC_ALL");
@@ -131,7 +130,7 @@ TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
     EXPECT_EQ(action->name, QStringLiteral("Texteditor"));
     EXPECT_EQ(categoryName(action->categoryId), QStringLiteral("Apps"));
     EXPECT_EQ(action->extraVariables, (GridActionVariables{{QStringLiteral("path"), entry}}));
-    EXPECT_EQ(action->icon, QByteArrayLiteral("PNG editor"));
+    EXPECT_EQ(action->icon, QByteArrayLiteral("PNG of org.example.Editor.desktop"));
     EXPECT_EQ(action->servicesKey, QStringLiteral("T"));
     EXPECT_TRUE(action->usingDefaultIcon);
     EXPECT_EQ(action->aId, 0);

@@ -219,7 +219,7 @@ TEST_F(TaskTest, FullDescriptionOfKnownTask)
         {QStringLiteral("app_version"), Version::shortVersionString()},
         {QStringLiteral("os_version"), SystemInfo::osVersion()},
     };
-    if (SystemInfo::isAppleSiliconEquivalent()) {
+    if (SystemInfo::isArm64()) {
         expected.insert(QStringLiteral("apple_silicon"), QStringLiteral("1"));
     }
 
@@ -400,9 +400,8 @@ TEST_F(TaskTest, FlagVariablesAreAbsentWhenFalse)
     };
 
     EXPECT_FALSE(vars().contains(QStringLiteral("disable_ssl_verify")));
-    EXPECT_EQ(vars().contains(QStringLiteral("apple_silicon")),
-              SystemInfo::isAppleSiliconEquivalent());
-    if (SystemInfo::isAppleSiliconEquivalent()) {
+    EXPECT_EQ(vars().contains(QStringLiteral("apple_silicon")), SystemInfo::isArm64());
+    if (SystemInfo::isArm64()) {
         EXPECT_EQ(vars().value(QStringLiteral("apple_silicon")), QStringLiteral("1"));
     }
 
