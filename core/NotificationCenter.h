@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/CmdLineProtocol.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -30,10 +32,10 @@ inline const QString CloseActionConfigWindows = QStringLiteral("SKCloseActionCon
 
 // Names of the notifications between the command-line tool and the application.
 namespace CmdLineNotifications {
-inline const QString RunTask = QStringLiteral("SkelvoRunCmdLineTask");
-inline const QString Running = QStringLiteral("SkelvoRunCmdLineRunning");
-inline const QString Response = QStringLiteral("SkelvoRunCmdLineResponse");
-inline const QString Finish = QStringLiteral("SkelvoRunCmdLineFinish");
+inline const QString RunTask = QString::fromLatin1(CmdLineProtocol::RunTask);
+inline const QString Running = QString::fromLatin1(CmdLineProtocol::Running);
+inline const QString Response = QString::fromLatin1(CmdLineProtocol::Response);
+inline const QString Finish = QString::fromLatin1(CmdLineProtocol::Finish);
 } // namespace CmdLineNotifications
 
 struct Notification {

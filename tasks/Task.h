@@ -37,7 +37,7 @@ public:
     static inline const QString MaskedValue = QStringLiteral("\u2022\u2022\u2022\u2022");
     static inline const QString DraggedTypeVariable = QStringLiteral("dragged_type");
     static inline const QString PasswordVariable = QStringLiteral("password_variable");
-    static inline const QString ScopedBookmarkVariable = QStringLiteral("scoped_bookmark");
+    static inline const QString& ScopedBookmarkVariable = GridAction::ScopedBookmarkVariable;
     static inline const QString HttpProxyVariable = QStringLiteral("http_proxy");
     static inline const QString HttpsProxyVariable = QStringLiteral("https_proxy");
 

@@ -19,6 +19,9 @@ protected:
         static int argc = 1;
         static char name[] = "desktop_tests";
         static char* argv[] = {name, nullptr};
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        }
         static QGuiApplication app(argc, argv);
     }
 
