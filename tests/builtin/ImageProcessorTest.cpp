@@ -189,7 +189,8 @@ TEST(ImageCodecs, ResizeRoundTripsThroughEveryFormat)
         EXPECT_EQ(outcome.output, out + QStringLiteral("/in-%1.").arg(formats[i].first) +
                                       QString::fromLatin1(extension));
         const QString info = readBack(outcome.output);
-        EXPECT_TRUE(info.startsWith(QStringLiteral("100x75x")) && info.endsWith(loader)) << info.toStdString();
+        EXPECT_TRUE(info.startsWith(QStringLiteral("100x75x")) && info.endsWith(loader))
+            << info.toStdString();
         EXPECT_EQ(outcome.size, QSize(100, 75));
     }
     EXPECT_EQ(QDir(out).entryList(QDir::Files | QDir::Hidden).size(), inputs.size())
