@@ -1,26 +1,73 @@
+#include "builtin/BuiltInAction.h"
+#include "builtin/BuiltInActionRunner.h"
 #include "builtin/BuiltInActionTaskBridge.h"
 #include "builtin/OpenUrlAction.h"
 #include "builtin/RunAppleScriptAction.h"
 #include "builtin/RunScriptAction.h"
 #include "builtin/RunShortcutAction.h"
+#include "core/NotificationCenter.h"
 #include "core/UserUrl.h"
+#include "platform/Launcher.h"
+#include "store/GridAction.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/DropbarSink.h"
 #include "tasks/RecentItems.h"
 #include "tasks/TaskStatus.h"
-#include "tasks/TaskStatusController.h"
-#include "tests/builtin/BuiltInTestSupport.h"
+#include "tests/support/EventLoop.h"
+#include "tests/support/FakePresenters.h"
+#include "tests/support/TestHome.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QProcessEnvironment>
 #include <QStandardPaths>
 
 #include <csignal>
+#include <gtest/gtest.h>
+#include <memory>
 
 namespace {
+
+// Records what would have been opened instead of opening it.
+class FakeLauncher : public Launcher {
+public:
+    bool openUrl(const QString& url, QString* error) override
+    {
+        openedUrls << url;
+        return answer(error);
+    }
+    bool launchApplication(const QString& application, const QStringList& filePaths,
+                           QString* error) override
+    {
+        launches << (QStringList{application} + filePaths);
+        return answer(error);
+    }
+    bool answer(QString* error)
+    {
+        if (error) {
+            *error = failWith;
+        }
+        return failWith.isEmpty();
+    }
+    QStringList openedUrls;
+    QList<QStringList> launches;
+    QString failWith;
+};
+
+// GLib reads the data folder once per process, so the test Trash is chosen before anything
+// asks GLib for it, and nothing reaches the user's own Trash.
+QString trashDataHome()
+{
+    static QTemporaryDir dir;
+    static const bool set = [] {
+        qputenv("XDG_DATA_HOME", (dir.path() + QStringLiteral("/data")).toUtf8());
+        return QDir().mkpath(dir.path() + QStringLiteral("/data"));
+    }();
+    Q_UNUSED(set);
+    return dir.path();
+}
+const QString TrashRoot = trashDataHome();
 
 QList<QUrl> urls(const QStringList& paths)
 {
@@ -50,6 +97,80 @@ bool processGone(qint64 pid)
     return stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") Z ");
 }
 
+// A private home, fake presenters and launcher, a fresh runner, and a count of the
+// command-line notifications each run posts.
+class BuiltInTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ensureCoreApplication();
+        Launcher::setShared(launcher);
+        runner = std::make_shared<BuiltInActionRunner>();
+        m_tokens << NotificationCenter::distributed().addObserver(
+            CmdLineNotifications::Finish, nullptr, [this](const Notification&) { ++finishes; });
+        m_tokens << NotificationCenter::distributed().addObserver(
+            CmdLineNotifications::Response, nullptr, [this](const Notification& note) {
+                responses << note.userInfo.value(QStringLiteral("response")).toString();
+            });
+    }
+    void TearDown() override
+    {
+        for (int token : std::as_const(m_tokens)) {
+            NotificationCenter::distributed().removeObserver(token);
+        }
+        runner.reset();
+        spin(50);
+        Launcher::setShared(nullptr);
+    }
+
+    GridActionPtr action(const QString& type, const QVariantMap& variables = {},
+                         const QString& name = QString())
+    {
+        auto action = std::make_shared<GridAction>();
+        action->type = type;
+        action->name = name.isEmpty() ? type : name;
+        action->extraVariables = variables;
+        return action;
+    }
+    BuiltInAction* click(const QString& type, const QVariantMap& variables = {})
+    {
+        return runner->runActionWithClickWithGridAction(action(type, variables));
+    }
+    BuiltInAction* drop(const QString& type, const QVariantMap& variables, const QStringList& files)
+    {
+        return runner->runActionWithDragWithGridAction(action(type, variables), urls(files),
+                                                       QString());
+    }
+    QString writeFile(const QString& relativePath, const QByteArray& contents)
+    {
+        return home.writeFile(relativePath, contents);
+    }
+    QString path(const QString& relative) const { return home.path() + u'/' + relative; }
+    FakeDesktopServices& desktop() { return presenters.desktop(); }
+    QStringList bodies()
+    {
+        QStringList bodies;
+        for (const UserNotification& notification : desktop().notifications) {
+            bodies << notification.body;
+        }
+        return bodies;
+    }
+    bool waitForIdle(int timeoutMs = 10000)
+    {
+        return waitUntil([this] { return runner->runningBuiltInActions().isEmpty(); }, timeoutMs);
+    }
+
+    TestHome home;
+    FakePresenters presenters;
+    std::shared_ptr<FakeLauncher> launcher = std::make_shared<FakeLauncher>();
+    std::shared_ptr<BuiltInActionRunner> runner;
+    int finishes = 0;
+    QStringList responses;
+
+private:
+    QList<int> m_tokens;
+};
+
 // --- Framework
 
 class ResultAction : public BuiltInAction {
@@ -65,291 +186,196 @@ public:
 TEST_F(BuiltInTest, ResultGoesToClipboardResponseAndRecentItemsAndRunFinishesOnce)
 {
     RecentItems::shared().clear();
-    ActionInfo info;
-    info.name = QStringLiteral("Uploader");
-    auto action = std::make_unique<ResultAction>();
-    action->setUp(info,
-                  gridAction(QStringLiteral("Uploader"), {},
-                             QStringLiteral("An upload action with a very long name indeed")),
-                  QString());
+    ResultAction result;
+    result.setUp({}, action(QStringLiteral("Uploader"), {}, QStringLiteral("Long name")), {});
     int completions = 0;
-    action->completion = [&completions] { ++completions; };
-    action->runWithClick();
+    result.completion = [&completions] { ++completions; };
+    result.runWithClick();
     EXPECT_EQ(desktop().clipboard, QStringList{QStringLiteral("url:https://example.com/shared")});
     EXPECT_EQ(responses, QStringList{QStringLiteral("https://example.com/shared")});
     ASSERT_EQ(RecentItems::shared().items().size(), 1);
     EXPECT_EQ(RecentItems::shared().items().first().title,
-              QStringLiteral("An upload action with a very long name indeed - "
-                             "https://example.com/shared"));
+              QStringLiteral("Long name - https://example.com/shared"));
     EXPECT_EQ(completions, 1);
     EXPECT_EQ(finishes, 1);
 }
 
-TEST_F(BuiltInTest, RunnerClosesTheGridAndTracksTheInstanceUntilItFinishes)
+TEST_F(BuiltInTest, RunnerClosesTheGridAndTracksEachRunUntilItFinishes)
 {
     const QString script = writeFile(QStringLiteral("s/wait.sh"), "#!/bin/sh\nsleep 0.5\n");
-    BuiltInAction* first = runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}));
-    BuiltInAction* second = runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}),
-        urls({script}), QString());
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
-    EXPECT_NE(first, second);
+    BuiltInAction* first = click(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}});
+    BuiltInAction* second =
+        drop(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}, {script});
+    ASSERT_TRUE(first && second && first != second);
     EXPECT_EQ(runner->runningBuiltInActions(), (QList<BuiltInAction*>{first, second}));
-    EXPECT_EQ(windows().gridClosed, 2);
+    EXPECT_EQ(presenters.windows().gridClosed, 2);
     ASSERT_TRUE(waitForIdle());
     EXPECT_EQ(finishes, 2);
-}
 
-TEST_F(BuiltInTest, AnUnknownBuiltInStartsNothingButCompletes)
-{
     int completions = 0;
-    EXPECT_EQ(runner->runActionWithClickWithGridAction(gridAction(QStringLiteral("Nope")),
+    EXPECT_EQ(runner->runActionWithClickWithGridAction(action(QStringLiteral("Nope")),
                                                        [&completions] { ++completions; }),
               nullptr);
-    EXPECT_EQ(completions, 1);
-    EXPECT_TRUE(runner->runningBuiltInActions().isEmpty());
+    EXPECT_EQ(completions, 1) << "an unknown built-in starts nothing but completes";
 }
 
 // --- Run Script
 
-TEST_F(BuiltInTest, RunScriptWithoutAScriptFails)
+TEST_F(BuiltInTest, RunScriptFailuresAreNotifiedAndFinishTheRun)
 {
-    runner->runActionWithClickWithGridAction(gridAction(QStringLiteral("Run Script")));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral("No script has been selected for this action.")});
-    EXPECT_EQ(desktop().notifications.first().title,
-              QStringLiteral("Run Script configuration error"));
-    EXPECT_EQ(finishes, 1);
-}
-
-TEST_F(BuiltInTest, RunScriptWithAMissingScriptFails)
-{
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"),
-                   {{QStringLiteral("path"), homePath() + QStringLiteral("/gone.sh")}}));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral("The selected script could not be found.")});
-    EXPECT_EQ(finishes, 1);
-}
-
-TEST_F(BuiltInTest, RunScriptRefusesAMissingInterpreterAndAMissingShebang)
-{
-    const QString odd = writeFile(QStringLiteral("odd.sh"), "#!/no/such/interpreter -x\necho\n");
-    const QString plain = writeFile(QStringLiteral("plain.sh"), "echo hello\n");
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), odd}}));
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), plain}}));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(notificationBodies(),
-              (QStringList{QStringLiteral("The interpreter at /no/such/interpreter could not be "
-                                          "executed."),
-                           QStringLiteral("The selected script needs a shebang on its first line, "
-                                          "such as #!/bin/zsh or #!/usr/bin/env python3.")}));
-    EXPECT_EQ(finishes, 2);
-}
-
-TEST_F(BuiltInTest, RunScriptExitingWithTwoFailsWithItsStatus)
-{
-    const QString script =
-        writeFile(QStringLiteral("fail.sh"), "#!/bin/sh\necho out\necho trouble >&2\nexit 2\n");
+    const std::pair<const char*, const char*> rows[] = {
+        {nullptr, "No script has been selected for this action."},
+        {"", "The selected script could not be found."},
+        {"#!/no/such/interpreter -x\necho\n",
+         "The interpreter at /no/such/interpreter could not be executed."},
+        {"echo hello\n", "The selected script needs a shebang on its first line, such as "
+                         "#!/bin/zsh or #!/usr/bin/env python3."},
+        {"#!/bin/sh\necho out\necho trouble >&2\nexit 2\n",
+         "Script exited with status 2. Check the Action Console for details."},
+    };
     DebugConsoleController::shared().clear();
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}));
-    EXPECT_EQ(TaskStatusController::shared().taskStatuses().last()->statusText(),
-              QStringLiteral("Running Run Script..."));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral(
-                  "Script exited with status 2. Check the Action Console for details.")});
-    EXPECT_EQ(desktop().notifications.first().title, QStringLiteral("Run Script Failed"));
-    EXPECT_EQ(finishes, 1);
-    const QString console = DebugConsoleController::shared().text();
-    EXPECT_TRUE(
-        console.contains(QStringLiteral("\n[Launching script with command line: \"/bin/sh\" \"") +
-                         script + QStringLiteral("\"]")));
-    EXPECT_TRUE(console.contains(QStringLiteral("out\n")));
-    EXPECT_TRUE(console.endsWith(QStringLiteral("\n[Task completed]\n")));
+    int row = 0;
+    for (const auto& [script, expected] : rows) {
+        desktop().notifications.clear();
+        QVariantMap variables;
+        if (script) {
+            const QString name = QStringLiteral("s%1.sh").arg(++row);
+            variables.insert(QStringLiteral("path"),
+                             *script ? writeFile(name, script) : path(QStringLiteral("gone.sh")));
+        }
+        click(QStringLiteral("Run Script"), variables);
+        ASSERT_TRUE(waitForIdle());
+        EXPECT_EQ(bodies(), QStringList{QString::fromUtf8(expected)});
+    }
+    EXPECT_EQ(finishes, int(std::size(rows)));
+    // The failing script's error output is shown in red in the console.
     bool redError = false;
     for (const DebugConsoleController::Run& run : DebugConsoleController::shared().runs()) {
         redError |= run.colour == DebugConsoleController::Colour::Red &&
                     run.text.contains(QStringLiteral("trouble"));
     }
     EXPECT_TRUE(redError);
+    EXPECT_TRUE(
+        DebugConsoleController::shared().text().endsWith(QStringLiteral("\n[Task completed]\n")));
 }
 
-TEST_F(BuiltInTest, RunScriptGetsThreeDroppedFilesInOrderWithItsEnvironment)
+TEST_F(BuiltInTest, RunScriptGetsDroppedFilesInOrderWithItsEnvironment)
 {
-    const QString record = homePath() + QStringLiteral("/record.txt");
+    const QString record = path(QStringLiteral("record.txt"));
     const QString script = writeFile(
         QStringLiteral("scripts/show.sh"),
         "#!/bin/sh\nfor a in \"$@\"; do echo \"arg=$a\"; done > \"$RECORD\"\n"
-        "echo \"type=$SKELVO_INPUT_TYPE\" >> \"$RECORD\"\necho \"event=$SKELVO_EVENT\" >> "
-        "\"$RECORD\"\necho \"name=$SKELVO_ACTION_NAME\" >> \"$RECORD\"\n"
-        "echo \"modifier=$SKELVO_KEY_MODIFIER\" >> \"$RECORD\"\n"
-        "echo \"tmp=$SKELVO_TMP_FOLDER\" >> \"$RECORD\"\necho \"cwd=$(pwd)\" >> \"$RECORD\"\n"
+        "echo \"$SKELVO_INPUT_TYPE:$SKELVO_EVENT:$SKELVO_ACTION_NAME:$SKELVO_KEY_MODIFIER\" >> "
+        "\"$RECORD\"\necho \"$SKELVO_TMP_FOLDER:$(pwd)\" >> \"$RECORD\"\n"
         "if read line; then echo stdin=data >> \"$RECORD\"; else echo stdin=empty >> "
         "\"$RECORD\"; fi\n");
     qputenv("RECORD", record.toUtf8());
     const QStringList dropped{writeFile(QStringLiteral("in/c.txt"), "c"),
                               writeFile(QStringLiteral("in/a b.txt"), "a"),
                               writeFile(QStringLiteral("in/b.txt"), "b")};
-    runner->runActionWithDragWithGridAction(gridAction(QStringLiteral("Run Script"),
-                                                       {{QStringLiteral("path"), script}},
-                                                       QStringLiteral("My Script")),
+    runner->runActionWithDragWithGridAction(action(QStringLiteral("Run Script"),
+                                                   {{QStringLiteral("path"), script}},
+                                                   QStringLiteral("My Script")),
                                             urls(dropped), QStringLiteral("option"));
     ASSERT_TRUE(waitForIdle());
+    EXPECT_EQ(readLines(record),
+              (QStringList{QStringLiteral("arg=") + dropped[0], QStringLiteral("arg=") + dropped[1],
+                           QStringLiteral("arg=") + dropped[2],
+                           QStringLiteral("files:dragged:My Script:option"),
+                           QDir::tempPath() + u':' + QFileInfo(script).absolutePath(),
+                           QStringLiteral("stdin=empty")}));
+    EXPECT_EQ(bodies(), QStringList{QStringLiteral("My Script completed.")});
+
+    click(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}});
+    ASSERT_TRUE(waitForIdle());
     qunsetenv("RECORD");
-    EXPECT_EQ(
-        readLines(record),
-        (QStringList{QStringLiteral("arg=") + dropped.at(0), QStringLiteral("arg=") + dropped.at(1),
-                     QStringLiteral("arg=") + dropped.at(2), QStringLiteral("type=files"),
-                     QStringLiteral("event=dragged"), QStringLiteral("name=My Script"),
-                     QStringLiteral("modifier=option"), QStringLiteral("tmp=") + QDir::tempPath(),
-                     QStringLiteral("cwd=") + QFileInfo(script).absolutePath(),
-                     QStringLiteral("stdin=empty")}));
-    EXPECT_EQ(notificationBodies(), QStringList{QStringLiteral("My Script completed.")});
-    EXPECT_EQ(finishes, 1);
+    EXPECT_EQ(readLines(record).value(0), QStringLiteral("none:clicked:Run Script:"));
 }
 
-TEST_F(BuiltInTest, RunScriptClickedHasNoInput)
+TEST_F(BuiltInTest, CancelEndsTheScriptsProcessGroupANormalEndDoesNot)
 {
-    const QString record = homePath() + QStringLiteral("/click.txt");
-    const QString script =
-        writeFile(QStringLiteral("click.sh"),
-                  QByteArray("#!/bin/sh\necho \"$#:$SKELVO_INPUT_TYPE:$SKELVO_EVENT\" > '") +
-                      record.toUtf8() + "'\n");
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(readLines(record), QStringList{QStringLiteral("0:none:clicked")});
-}
-
-TEST_F(BuiltInTest, CancellingRunScriptEndsItsWholeProcessGroup)
-{
-    const QString pids = homePath() + QStringLiteral("/pids.txt");
-    const QString script =
-        writeFile(QStringLiteral("long.sh"), QByteArray("#!/bin/sh\nsleep 300 &\necho $! > '") +
-                                                 pids.toUtf8() + "'\necho $$ >> '" + pids.toUtf8() +
-                                                 "'\nwait\n");
-    BuiltInAction* action = runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}));
+    const QString pids = path(QStringLiteral("pids.txt"));
+    const auto script = [&](const char* name, const QByteArray& tail) {
+        return writeFile(QString::fromLatin1(name),
+                         QByteArray("#!/bin/sh\nsleep 300 &\necho $! >> '") + pids.toUtf8() +
+                             "'\n" + tail);
+    };
+    auto* cancelled = static_cast<RunScriptAction*>(
+        click(QStringLiteral("Run Script"),
+              {{QStringLiteral("path"),
+                script("long.sh", "echo $$ >> '" + pids.toUtf8() + "'\nwait\n")}}));
     ASSERT_TRUE(waitUntil([&] { return readLines(pids).size() == 2; }));
-    TaskStatus* row = action->builtInActionTaskBridge()->taskStatus();
-    ASSERT_NE(row, nullptr);
-    row->cancel();
+    const auto group = static_cast<pid_t>(cancelled->processId());
+    EXPECT_EQ(::getpgid(group), group);
+    cancelled->builtInActionTaskBridge()->taskStatus()->cancel();
     ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(finishes, 1);
     for (const QString& pid : readLines(pids)) {
         EXPECT_TRUE(waitUntil([&] { return processGone(pid.toLongLong()); }, 3000))
             << pid.toStdString();
     }
-}
 
-TEST_F(BuiltInTest, RunScriptLeavesWhatItStartedRunningAfterANormalEnd)
-{
-    const QString pids = homePath() + QStringLiteral("/background.txt");
-    const QString script =
-        writeFile(QStringLiteral("background.sh"),
-                  QByteArray("#!/bin/sh\nsleep 30 &\necho $! > '") + pids.toUtf8() + "'\n");
-    auto* action = static_cast<RunScriptAction*>(runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}})));
-    ASSERT_NE(action, nullptr);
-    // The parent made the group too: a cancel at once would reach it.
-    const auto group = static_cast<pid_t>(action->processId());
-    EXPECT_EQ(::getpgid(group), group);
+    QFile::remove(pids);
+    click(QStringLiteral("Run Script"), {{QStringLiteral("path"), script("background.sh", "")}});
     ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(notificationBodies(), QStringList{QStringLiteral("Run Script completed.")});
     ASSERT_EQ(readLines(pids).size(), 1);
     const qint64 sleeper = readLines(pids).first().toLongLong();
     // A kill takes a moment to land: give it one.
     EXPECT_FALSE(waitUntil([&] { return processGone(sleeper); }, 1000));
     ::kill(static_cast<pid_t>(sleeper), SIGKILL);
+    EXPECT_EQ(finishes, 2);
 }
 
 // --- Open URL, Open File, Open Application
 
-TEST(OpenUrlResolver, CompletesAndRefusesAsDocumented)
+TEST(OpenUrlResolver, CompletesAndRefuses)
 {
-    EXPECT_EQ(urlFromUserText(QStringLiteral(" example.com/a?b=1 ")),
-              QUrl(QStringLiteral("https://example.com/a?b=1")));
-    EXPECT_EQ(urlFromUserText(QStringLiteral("localhost:8080/x")),
-              QUrl(QStringLiteral("https://localhost:8080/x")));
-    EXPECT_EQ(urlFromUserText(QStringLiteral("slack://open?team=T1")),
-              QUrl(QStringLiteral("slack://open?team=T1")));
-    EXPECT_EQ(urlFromUserText(QStringLiteral("mailto:someone@example.com")),
-              QUrl(QStringLiteral("mailto:someone@example.com")));
-    EXPECT_EQ(urlFromUserText(QStringLiteral("/tmp/page.html")),
-              QUrl::fromLocalFile(QStringLiteral("/tmp/page.html")));
-    EXPECT_FALSE(urlFromUserText(QStringLiteral("")));
-    EXPECT_FALSE(urlFromUserText(QStringLiteral("two words")));
-    EXPECT_FALSE(urlFromUserText(QStringLiteral("javascript:alert(1)")));
-    EXPECT_FALSE(urlFromUserText(QStringLiteral("data:text/html,hi")));
-    EXPECT_FALSE(urlFromUserText(QStringLiteral("-bad-.com")));
+    const std::pair<const char*, const char*> rows[] = {
+        {" example.com/a?b=1 ", "https://example.com/a?b=1"},
+        {"localhost:8080/x", "https://localhost:8080/x"},
+        {"slack://open?team=T1", "slack://open?team=T1"},
+        {"mailto:someone@example.com", "mailto:someone@example.com"},
+        {"/tmp/page.html", "file:///tmp/page.html"},
+        {"", nullptr},
+        {"two words", nullptr},
+        {"javascript:alert(1)", nullptr},
+        {"data:text/html,hi", nullptr},
+        {"-bad-.com", nullptr},
+    };
+    for (const auto& [text, expected] : rows) {
+        const auto url = urlFromUserText(QString::fromUtf8(text));
+        EXPECT_EQ(url ? url->toString() : QString(), QString::fromUtf8(expected)) << text;
+    }
 }
 
-TEST_F(BuiltInTest, OpenUrlOpensTheResolvedUrl)
-{
-    runner->runActionWithClickWithGridAction(gridAction(
-        QStringLiteral("Open URL"), {{QStringLiteral("url"), QStringLiteral("example.org")}}));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(launcher->openedUrls, QStringList{QStringLiteral("https://example.org")});
-    EXPECT_EQ(finishes, 1);
-}
-
-TEST_F(BuiltInTest, OpenUrlWithAMissingFileFailsWithoutOpening)
-{
-    const QString gone = homePath() + QStringLiteral("/gone.html");
-    runner->runActionWithClickWithGridAction(gridAction(
-        QStringLiteral("Open URL"),
-        {{QStringLiteral("url"), QString::fromUtf8(QUrl::fromLocalFile(gone).toEncoded())}}));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_TRUE(launcher->openedUrls.isEmpty());
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral("'") + gone + QStringLiteral("' does not exist.")});
-    EXPECT_EQ(finishes, 1);
-}
-
-TEST_F(BuiltInTest, OpenFileOpensTheChosenFile)
+TEST_F(BuiltInTest, OpenActionsOpenWhatWasChosenOrSayWhyNot)
 {
     const QString file = writeFile(QStringLiteral("doc/report 1.txt"), "hi");
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Open File"), {{QStringLiteral("path"), file}}));
-    runner->runActionWithClickWithGridAction(gridAction(
-        QStringLiteral("Open File"), {{QStringLiteral("path"), file + QStringLiteral(".gone")}}));
+    const QString gone = path(QStringLiteral("gone.html"));
+    click(QStringLiteral("Open URL"), {{QStringLiteral("url"), QStringLiteral("example.org")}});
+    click(QStringLiteral("Open URL"),
+          {{QStringLiteral("url"), QString::fromUtf8(QUrl::fromLocalFile(gone).toEncoded())}});
+    click(QStringLiteral("Open File"), {{QStringLiteral("path"), file}});
+    click(QStringLiteral("Open File"), {{QStringLiteral("path"), file + QStringLiteral(".gone")}});
+    const QString app = writeFile(QStringLiteral("apps/viewer.desktop"), "[Desktop Entry]\n");
+    const QVariantMap chosenApp{{QStringLiteral("path"), app}};
+    click(QStringLiteral("Open Application"), chosenApp);
+    drop(QStringLiteral("Open Application"), chosenApp, {file, app});
+    click(QStringLiteral("Move to Trash"));
+    ASSERT_TRUE(waitForIdle());
+    launcher->failWith = QStringLiteral("no such application");
+    click(QStringLiteral("Open Application"), chosenApp);
     ASSERT_TRUE(waitForIdle());
     EXPECT_EQ(launcher->openedUrls,
-              QStringList{QString::fromUtf8(QUrl::fromLocalFile(file).toEncoded())});
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral("The selected file could not be found.")});
-    EXPECT_EQ(finishes, 2);
-}
-
-TEST_F(BuiltInTest, OpenApplicationLaunchesWithTheDroppedFilesInOneRequest)
-{
-    const QString app = writeFile(QStringLiteral("apps/viewer.desktop"), "[Desktop Entry]\n");
-    const QStringList files{writeFile(QStringLiteral("x.png"), "x"),
-                            writeFile(QStringLiteral("y.png"), "y")};
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Open Application"), {{QStringLiteral("path"), app}}));
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Open Application"), {{QStringLiteral("path"), app}}),
-        urls(files), QString());
-    launcher->failWith = QStringLiteral("no such application");
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Open Application"), {{QStringLiteral("path"), app}}));
-    ASSERT_TRUE(waitForIdle());
-    ASSERT_EQ(launcher->launches.size(), 3);
-    EXPECT_EQ(launcher->launches.at(0).application, app);
-    EXPECT_TRUE(launcher->launches.at(0).files.isEmpty());
-    EXPECT_EQ(launcher->launches.at(1).files, files);
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral("Error opening application: no such application")});
-    EXPECT_EQ(finishes, 3);
+              (QStringList{QStringLiteral("https://example.org"),
+                           QString::fromUtf8(QUrl::fromLocalFile(file).toEncoded()),
+                           QStringLiteral("trash:///")}));
+    EXPECT_EQ(launcher->launches, (QList<QStringList>{{app}, {app, file, app}, {app}}));
+    EXPECT_EQ(bodies(),
+              (QStringList{QStringLiteral("'") + gone + QStringLiteral("' does not exist."),
+                           QStringLiteral("The selected file could not be found."),
+                           QStringLiteral("Error opening application: no such "
+                                          "application")}));
+    EXPECT_EQ(finishes, 8);
 }
 
 TEST(GioLauncherTest, LaunchesADesktopEntryWithTheFiles)
@@ -375,137 +401,82 @@ TEST(GioLauncherTest, LaunchesADesktopEntryWithTheFiles)
 
 // --- Move to Trash
 
-QString trashDataHome()
+TEST_F(BuiltInTest, MoveToTrashLeavesEntriesThatGioListsAndReportsFailures)
 {
-    // GLib reads the data folder once per process, so one is chosen for the whole program.
-    static QTemporaryDir dir;
-    static const bool set = [] {
-        qputenv("XDG_DATA_HOME", (dir.path() + QStringLiteral("/data")).toUtf8());
-        return QDir().mkpath(dir.path() + QStringLiteral("/data"));
-    }();
-    Q_UNUSED(set);
-    return dir.path();
-}
-
-// Before anything in the program asks GLib for the data folder, so nothing reaches the
-// user's own Trash.
-const QString TrashRoot = trashDataHome();
-
-TEST_F(BuiltInTest, MoveToTrashLeavesTrashInfoEntriesThatGioLists)
-{
-    const QString root = trashDataHome();
     if (QStandardPaths::findExecutable(QStringLiteral("gio")).isEmpty()) {
         GTEST_SKIP() << "gio (libglib2.0-bin) is not installed";
     }
-    QDir().mkpath(root + QStringLiteral("/drop/folder"));
-    QFile file(root + QStringLiteral("/drop/note.txt"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.close();
-    const QStringList dropped{root + QStringLiteral("/drop/note.txt"),
-                              root + QStringLiteral("/drop/folder")};
-    runner->runActionWithDragWithGridAction(gridAction(QStringLiteral("Move to Trash")),
-                                            urls(dropped), QString());
+    QDir().mkpath(TrashRoot + QStringLiteral("/drop/folder"));
+    QFile note(TrashRoot + QStringLiteral("/drop/note.txt"));
+    ASSERT_TRUE(note.open(QIODevice::WriteOnly));
+    note.close();
+    const QStringList dropped{TrashRoot + QStringLiteral("/drop/note.txt"),
+                              TrashRoot + QStringLiteral("/drop/folder")};
+    drop(QStringLiteral("Move to Trash"), {}, dropped);
     ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(finishes, 1);
     EXPECT_TRUE(desktop().notifications.isEmpty());
-    for (const QString& path : dropped) {
-        EXPECT_FALSE(QFileInfo::exists(path)) << path.toStdString();
-    }
-    const QString trash = root + QStringLiteral("/data/Trash");
-    EXPECT_TRUE(QFileInfo::exists(trash + QStringLiteral("/info/note.txt.trashinfo")));
-    EXPECT_TRUE(QFileInfo::exists(trash + QStringLiteral("/info/folder.trashinfo")));
-
     // Listing goes through the desktop's trash:// backend, which needs a session bus.
     QProcess gio;
     const bool ownBus =
         qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") &&
         !QStandardPaths::findExecutable(QStringLiteral("dbus-run-session")).isEmpty();
+    const QStringList list{QStringLiteral("gio"), QStringLiteral("trash"),
+                           QStringLiteral("--list")};
     if (ownBus) {
-        gio.start(QStringLiteral("dbus-run-session"),
-                  {QStringLiteral("--"), QStringLiteral("gio"), QStringLiteral("trash"),
-                   QStringLiteral("--list")});
+        gio.start(QStringLiteral("dbus-run-session"), QStringList{QStringLiteral("--")} + list);
     } else {
-        gio.start(QStringLiteral("gio"), {QStringLiteral("trash"), QStringLiteral("--list")});
+        gio.start(list.first(), list.mid(1));
     }
     ASSERT_TRUE(gio.waitForFinished(10000));
     const QString listing = QString::fromUtf8(gio.readAllStandardOutput());
     for (const QString& path : dropped) {
+        EXPECT_FALSE(QFileInfo::exists(path)) << path.toStdString();
         EXPECT_TRUE(listing.contains(path)) << listing.toStdString();
     }
-}
 
-TEST_F(BuiltInTest, MoveToTrashReportsWhatCouldNotBeTrashed)
-{
-    trashDataHome();
-    runner->runActionWithDragWithGridAction(gridAction(QStringLiteral("Move to Trash")),
-                                            urls({homePath() + QStringLiteral("/nothing-here")}),
-                                            QString());
+    drop(QStringLiteral("Move to Trash"), {}, {path(QStringLiteral("nothing-here"))});
     ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(desktop().notifications.size(), 1);
+    ASSERT_EQ(desktop().notifications.size(), 1);
     EXPECT_EQ(desktop().notifications.first().title, QStringLiteral("Move to Trash Failed"));
-    EXPECT_EQ(finishes, 1);
+    EXPECT_EQ(finishes, 2);
 }
 
-TEST_F(BuiltInTest, ClickingMoveToTrashOpensTheTrash)
-{
-    runner->runActionWithClickWithGridAction(gridAction(QStringLiteral("Move to Trash")));
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(launcher->openedUrls, QStringList{QStringLiteral("trash:///")});
-    EXPECT_EQ(finishes, 1);
-}
-
-// --- Run Shortcut and Run AppleScript where their commands are missing
-
-TEST_F(BuiltInTest, RunShortcutWithoutTheShortcutsCommandFails)
-{
-    if (!RunShortcutAction::commandPath().isEmpty()) {
-        GTEST_SKIP() << "this system has a shortcuts command";
-    }
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Run Shortcut"),
-                   {{QStringLiteral("shortcut_name"), QStringLiteral("Make GIF")}}),
-        QStringLiteral("some text"), QString());
-    ASSERT_TRUE(waitForIdle());
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral(
-                  "Error: Could not retrieve available shortcuts. Please try again.")});
-    EXPECT_EQ(finishes, 1);
-}
+// --- Run Shortcut and Run AppleScript
 
 TEST_F(BuiltInTest, RunShortcutChecksTheNameBeforeRunning)
 {
+    if (!RunShortcutAction::commandPath().isEmpty()) {
+        GTEST_SKIP() << "this system has its own shortcuts command";
+    }
+    const QVariantMap makeGif{{QStringLiteral("shortcut_name"), QStringLiteral("Make GIF")}};
+    runner->runActionWithDragWithGridAction(action(QStringLiteral("Run Shortcut"), makeGif),
+                                            QStringLiteral("some text"), QString());
+    ASSERT_TRUE(waitForIdle());
+    EXPECT_EQ(bodies(), QStringList{QStringLiteral(
+                            "Error: Could not retrieve available shortcuts. Please try again.")});
+
     // A stand-in `shortcuts` on PATH that lists two shortcuts and records runs.
-    const QString record = homePath() + QStringLiteral("/runs.txt");
-    const QString bin = homePath() + QStringLiteral("/bin");
+    desktop().notifications.clear();
+    const QString record = path(QStringLiteral("runs.txt"));
     const QString tool = writeFile(
         QStringLiteral("bin/shortcuts"),
         QByteArray("#!/bin/sh\nif [ \"$1\" = list ]; then printf 'Make GIF\\nResize\\n'; exit 0; "
                    "fi\necho \"$@\" >> '") +
             record.toUtf8() + "'\n");
-    QFile::setPermissions(tool,
-                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    if (RunShortcutAction::commandPath() == QStringLiteral("/usr/bin/shortcuts")) {
-        GTEST_SKIP() << "this system has its own shortcuts command";
-    }
-    const QByteArray path = qgetenv("PATH");
-    qputenv("PATH", bin.toUtf8() + ':' + path);
+    QFile::setPermissions(tool, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QByteArray systemPath = qgetenv("PATH");
+    qputenv("PATH", path(QStringLiteral("bin")).toUtf8() + ':' + systemPath);
     const QString file = writeFile(QStringLiteral("in.png"), "x");
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Run Shortcut"),
-                   {{QStringLiteral("shortcut_name"), QStringLiteral("Old Name")}}),
-        urls({file}), QString());
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Run Shortcut"),
-                   {{QStringLiteral("shortcut_name"), QStringLiteral("Make GIF")}}),
-        urls({file}), QString());
+    drop(QStringLiteral("Run Shortcut"), {{QStringLiteral("shortcut_name"), QStringLiteral("Old")}},
+         {file});
+    drop(QStringLiteral("Run Shortcut"), makeGif, {file});
     const bool idle = waitForIdle();
-    qputenv("PATH", path);
+    qputenv("PATH", systemPath);
     ASSERT_TRUE(idle);
-    EXPECT_EQ(notificationBodies(),
-              QStringList{QStringLiteral("Error: Old Name could not be found.\nThe shortcut may "
-                                         "have been renamed or deleted.")});
+    EXPECT_EQ(bodies(), QStringList{QStringLiteral("Error: Old could not be found.\nThe shortcut "
+                                                   "may have been renamed or deleted.")});
     EXPECT_EQ(readLines(record), QStringList{QStringLiteral("run Make GIF --input-path ") + file});
-    EXPECT_EQ(finishes, 2);
+    EXPECT_EQ(finishes, 3);
 }
 
 TEST_F(BuiltInTest, RunAppleScriptWithoutOsascriptFails)
@@ -513,91 +484,60 @@ TEST_F(BuiltInTest, RunAppleScriptWithoutOsascriptFails)
     if (!RunAppleScriptAction::interpreterPath().isEmpty()) {
         GTEST_SKIP() << "this system has osascript";
     }
-    runner->runActionWithClickWithGridAction(
-        gridAction(QStringLiteral("Run AppleScript"),
-                   {{QStringLiteral("applescript"), QStringLiteral("display dialog \"hi\"")}}));
+    click(QStringLiteral("Run AppleScript"),
+          {{QStringLiteral("applescript"), QStringLiteral("display dialog \"hi\"")}});
     ASSERT_TRUE(waitForIdle());
     ASSERT_EQ(desktop().notifications.size(), 1);
     EXPECT_EQ(desktop().notifications.first().title, QStringLiteral("Run AppleScript Error"));
     EXPECT_EQ(finishes, 1);
 }
 
-} // namespace
-
 // --- The image actions over the image engine
 
-// A 2×1 PNG, so no image library is needed to make one.
-const QByteArray TinyPng =
-    QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAABCAIAAAB7QOjdAAAADUlEQVR4nGP4zwAE/"
-                           "wEHAAH/4iOeWQAAAABJRU5ErkJggg==");
-
-TEST_F(BuiltInTest, ConvertImagesWritesNextToTheOriginalAndKeepsItWhenAsked)
+TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
 {
-    const QString png = writeFile(QStringLiteral("img/photo.png"), TinyPng);
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Convert Images"),
-                   {{QStringLiteral("output_format"), QStringLiteral("jpg")},
-                    {QStringLiteral("keep_originals"), QStringLiteral("1")},
-                    {QStringLiteral("output_folder_option"), QStringLiteral("0")}}),
-        urls({png}), QString());
-    ASSERT_TRUE(waitForIdle(30000));
-    EXPECT_EQ(notificationBodies(), QStringList{QStringLiteral("Conversion Successful")});
-    EXPECT_TRUE(QFileInfo::exists(homePath() + QStringLiteral("/img/photo.jpg")));
-    EXPECT_TRUE(QFileInfo::exists(png));
-    EXPECT_EQ(finishes, 1);
-}
-
-TEST_F(BuiltInTest, ImageActionsReportMissingImagesAndAMissingFolderChoice)
-{
-    const QString text = writeFile(QStringLiteral("notes.txt"), "words");
-    const QString png = writeFile(QStringLiteral("img/photo.png"), TinyPng);
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Resize Images"),
-                   {{QStringLiteral("output_width"), QStringLiteral("1")}}),
-        urls({text}), QString());
-    windows().setNextFolder(QString());
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Resize Images"),
-                   {{QStringLiteral("output_width"), QStringLiteral("1")},
-                    {QStringLiteral("output_folder_option"), QStringLiteral("1")}}),
-        urls({png}), QString());
-    ASSERT_TRUE(waitForIdle(30000));
-    EXPECT_EQ(notificationBodies(),
-              (QStringList{QStringLiteral("No images found"),
-                           QStringLiteral("You must choose a destination folder")}));
-    EXPECT_EQ(finishes, 2);
-}
-
-TEST_F(BuiltInTest, ImageOutputsGoToTheChosenFolderOrToTheDropBar)
-{
-    QStringList dropped;
-    DropbarSink::shared().setAdder([&](const QStringList& paths) { dropped << paths; });
-    const QString png = writeFile(QStringLiteral("img/photo.png"), TinyPng);
-    const QString chosen = homePath() + QStringLiteral("/chosen");
+    // A 2×1 PNG, so no image library is needed to make one.
+    const QString png = writeFile(
+        QStringLiteral("img/photo.png"),
+        QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAABCAIAAAB7QOjdAAAADUlEQVR4nGP4zwAE/"
+                               "wEHAAH/4iOeWQAAAABJRU5ErkJggg=="));
+    QStringList toDropBar;
+    DropbarSink::shared().setAdder([&](const QStringList& paths) { toDropBar << paths; });
+    const QString chosen = path(QStringLiteral("chosen"));
     QDir().mkpath(chosen);
-    windows().setNextFolder(chosen);
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Convert Images"),
-                   {{QStringLiteral("output_format"), QStringLiteral("webp")},
-                    {QStringLiteral("keep_originals"), QStringLiteral("1")},
-                    {QStringLiteral("output_folder_option"), QStringLiteral("1")}}),
-        urls({png}), QString());
-    ASSERT_TRUE(waitForIdle(30000));
+    const auto convert = [&](const char* format, const char* folderOption) {
+        drop(QStringLiteral("Convert Images"),
+             {{QStringLiteral("output_format"), QString::fromLatin1(format)},
+              {QStringLiteral("keep_originals"), QStringLiteral("1")},
+              {QStringLiteral("output_folder_option"), QString::fromLatin1(folderOption)}},
+             {png});
+        return waitForIdle(30000);
+    };
+    ASSERT_TRUE(convert("jpg", "0"));
+    EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("img/photo.jpg"))));
+    EXPECT_TRUE(QFileInfo::exists(png));
+    presenters.windows().setNextFolder(chosen);
+    ASSERT_TRUE(convert("webp", "1"));
     EXPECT_TRUE(QFileInfo::exists(chosen + QStringLiteral("/photo.webp")));
-    EXPECT_TRUE(dropped.isEmpty());
-
-    runner->runActionWithDragWithGridAction(
-        gridAction(QStringLiteral("Convert Images"),
-                   {{QStringLiteral("output_format"), QStringLiteral("jpg")},
-                    {QStringLiteral("keep_originals"), QStringLiteral("1")},
-                    {QStringLiteral("output_folder_option"), QStringLiteral("3")}}),
-        urls({png}), QString());
-    ASSERT_TRUE(waitForIdle(30000));
-    ASSERT_EQ(dropped.size(), 1);
-    EXPECT_TRUE(dropped.first().endsWith(QStringLiteral("/photo.jpg")));
-    EXPECT_TRUE(
-        QFileInfo(dropped.first()).absolutePath().contains(QStringLiteral("SkActionOutput-")));
-    EXPECT_TRUE(QFileInfo::exists(dropped.first()));
-    EXPECT_EQ(finishes, 2);
+    EXPECT_TRUE(toDropBar.isEmpty());
+    ASSERT_TRUE(convert("gif", "3"));
+    ASSERT_EQ(toDropBar.size(), 1);
+    EXPECT_TRUE(toDropBar.first().endsWith(QStringLiteral("/photo.gif")));
+    EXPECT_TRUE(QFileInfo(toDropBar.first()).path().contains(QStringLiteral("SkActionOutput-")));
+    EXPECT_TRUE(QFileInfo::exists(toDropBar.first()));
     DropbarSink::shared().setAdder({});
+
+    presenters.windows().setNextFolder(QString());
+    ASSERT_TRUE(convert("png", "1"));
+    drop(QStringLiteral("Resize Images"), {{QStringLiteral("output_width"), QStringLiteral("1")}},
+         {writeFile(QStringLiteral("notes.txt"), "words")});
+    ASSERT_TRUE(waitForIdle(30000));
+    EXPECT_EQ(bodies(), (QStringList{QStringLiteral("Conversion Successful"),
+                                     QStringLiteral("Conversion Successful"),
+                                     QStringLiteral("Conversion Successful"),
+                                     QStringLiteral("You must choose a destination folder"),
+                                     QStringLiteral("No images found")}));
+    EXPECT_EQ(finishes, 5);
 }
+
+} // namespace

@@ -13,11 +13,7 @@ TEST(Settings, LenientBooleansOnlyNoIsFalse)
 {
     TestHome home;
     Settings settings(QDir(home.path()).filePath(QStringLiteral("s.json")));
-    struct Row {
-        QJsonValue value;
-        bool expected;
-    };
-    const Row rows[] = {
+    const std::pair<QJsonValue, bool> rows[] = {
         {QStringLiteral("no"), false},
         {QStringLiteral("NO"), false},
         {QStringLiteral("No"), false},
@@ -30,10 +26,10 @@ TEST(Settings, LenientBooleansOnlyNoIsFalse)
         {1, true},
         {0, false},
     };
-    for (const Row& row : rows) {
-        settings.setValue(Settings::KeepTaskDescriptionFiles, row.value);
-        EXPECT_EQ(settings.boolValue(Settings::KeepTaskDescriptionFiles), row.expected)
-            << QJsonDocument(QJsonArray{row.value}).toJson().constData();
+    for (const auto& [value, expected] : rows) {
+        settings.setValue(Settings::KeepTaskDescriptionFiles, value);
+        EXPECT_EQ(settings.boolValue(Settings::KeepTaskDescriptionFiles), expected)
+            << QJsonDocument(QJsonArray{value}).toJson().constData();
     }
     EXPECT_FALSE(settings.boolValue(QStringLiteral("NeverSet")));
 }
@@ -42,6 +38,7 @@ TEST(Settings, DefaultsAnswerUntilSetAndAreNotWritten)
 {
     TestHome home;
     const QString path = QDir(home.path()).filePath(QStringLiteral("s.json"));
+    const QJsonArray folders{QJsonObject{{QStringLiteral("path"), QStringLiteral("/tmp")}}};
     {
         Settings settings(path);
         settings.registerDefaults({{Settings::PlaySounds, true}, {Settings::SelectedGridId, 3}});
@@ -49,20 +46,12 @@ TEST(Settings, DefaultsAnswerUntilSetAndAreNotWritten)
         EXPECT_EQ(settings.integerValue(Settings::SelectedGridId), 3);
         EXPECT_FALSE(settings.contains(Settings::PlaySounds));
         settings.setValue(Settings::PlaySounds, QStringLiteral("No"));
-        settings.setValue(
-            QStringLiteral("MonitoredFolders"),
-            QJsonArray{QJsonObject{{QStringLiteral("path"), QStringLiteral("/tmp")}}});
+        settings.setValue(QStringLiteral("MonitoredFolders"), folders);
     }
     Settings reread(path);
     EXPECT_FALSE(reread.boolValue(Settings::PlaySounds));
     EXPECT_FALSE(reread.contains(Settings::SelectedGridId));
-    EXPECT_EQ(reread.value(QStringLiteral("MonitoredFolders"))
-                  .toArray()
-                  .first()
-                  .toObject()
-                  .value(QStringLiteral("path"))
-                  .toString(),
-              QStringLiteral("/tmp"));
+    EXPECT_EQ(reread.value(QStringLiteral("MonitoredFolders")), folders);
     reread.remove(Settings::PlaySounds);
     EXPECT_FALSE(Settings(path).contains(Settings::PlaySounds));
 }

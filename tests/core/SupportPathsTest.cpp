@@ -17,19 +17,18 @@
 TEST(SupportPaths, SkelvoHomeReplacesEveryRoot)
 {
     TestHome home;
-    const QDir root(home.path());
-    EXPECT_EQ(SupportPaths::applicationSupportDirectory(),
-              root.filePath(QStringLiteral("data/Skelvo")));
-    EXPECT_EQ(SupportPaths::configDirectory(), root.filePath(QStringLiteral("config/Skelvo")));
-    EXPECT_EQ(SupportPaths::runtimeDirectory(), root.filePath(QStringLiteral("runtime/skelvo")));
-    EXPECT_EQ(SupportPaths::userActionsDirectory(),
-              root.filePath(QStringLiteral("data/Skelvo/Actions")));
-    EXPECT_EQ(SupportPaths::tasksDirectory(), root.filePath(QStringLiteral("data/Skelvo/Tasks")));
-    for (const QString& folder :
-         {SupportPaths::userActionsDirectory(), SupportPaths::tasksDirectory(),
-          SupportPaths::savedTextDirectory()}) {
-        EXPECT_TRUE(QFileInfo(folder).isDir()) << folder.toStdString();
+    const std::pair<QString, const char*> rows[] = {
+        {SupportPaths::applicationSupportDirectory(), "data/Skelvo"},
+        {SupportPaths::configDirectory(), "config/Skelvo"},
+        {SupportPaths::runtimeDirectory(), "runtime/skelvo"},
+        {SupportPaths::userActionsDirectory(), "data/Skelvo/Actions"},
+        {SupportPaths::tasksDirectory(), "data/Skelvo/Tasks"},
+    };
+    for (const auto& [folder, relative] : rows) {
+        EXPECT_EQ(folder, home.path() + u'/' + QString::fromLatin1(relative));
+        EXPECT_TRUE(QFileInfo(folder).isDir()) << relative;
     }
+    EXPECT_TRUE(QFileInfo(SupportPaths::savedTextDirectory()).isDir());
     EXPECT_EQ(QFileInfo(SupportPaths::runtimeDirectory()).permissions() & 0x0077, 0)
         << "runtime folder must be private";
 }
@@ -163,13 +162,14 @@ TEST(SupportPaths, ResourcesStayFoundWhenTheExecutableIsReplaced)
     EXPECT_FALSE(QFileInfo::exists(copy));
 }
 
-TEST(Identifiers, TileIds)
+TEST(Identifiers, DropBarIdsStartAtOneHundredThousandAndExcludeTheAddTile)
 {
-    EXPECT_EQ(Identifiers::AddToGridTileId, 0x7FFFFFFFFFFFFFFELL);
-    EXPECT_TRUE(Identifiers::isDropbarId(100000));
-    EXPECT_TRUE(Identifiers::isDropbarId(100001));
-    EXPECT_FALSE(Identifiers::isDropbarId(99999));
-    EXPECT_FALSE(Identifiers::isDropbarId(Identifiers::AddToGridTileId));
+    for (const auto& [id, expected] : {std::pair{100000LL, true},
+                                       {100001LL, true},
+                                       {99999LL, false},
+                                       {Identifiers::AddToGridTileId, false}}) {
+        EXPECT_EQ(Identifiers::isDropbarId(id), expected) << id;
+    }
 }
 
 TEST(FileOperations, LinksAreCopiedAsTheyAre)
@@ -194,18 +194,17 @@ TEST(FileOperations, LinksAreCopiedAsTheyAre)
                                                 root.filePath(QStringLiteral("copy"))));
     ASSERT_TRUE(FileOperations::copyRecursively(root.filePath(QStringLiteral("source/relative")),
                                                 root.filePath(QStringLiteral("copy/alone"))));
-    for (const Link& link : links) {
-        const QString copied = root.filePath(QStringLiteral("copy/") + link.name);
+    const auto target = [&](const QString& name) {
         char text[256] = {};
-        ASSERT_GT(::readlink(QFile::encodeName(copied).constData(), text, sizeof text - 1), 0)
-            << link.name;
-        EXPECT_STREQ(text, link.target);
+        const auto length =
+            ::readlink(QFile::encodeName(root.filePath(QStringLiteral("copy/") + name)), text,
+                       sizeof text - 1);
+        return length > 0 ? std::string(text) : std::string();
+    };
+    for (const Link& link : links) {
+        EXPECT_EQ(target(QString::fromLatin1(link.name)), link.target);
     }
-    char alone[256] = {};
-    ASSERT_GT(::readlink(QFile::encodeName(root.filePath(QStringLiteral("copy/alone"))).constData(),
-                         alone, sizeof alone - 1),
-              0);
-    EXPECT_STREQ(alone, "deeper/one.txt");
+    EXPECT_EQ(target(QStringLiteral("alone")), "deeper/one.txt");
     QFile through(root.filePath(QStringLiteral("copy/relative")));
     ASSERT_TRUE(through.open(QIODevice::ReadOnly));
     EXPECT_EQ(through.readAll(), QByteArray("one"));
