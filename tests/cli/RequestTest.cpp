@@ -257,63 +257,6 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{{"run", "X", std::string("caf\xe9.txt")},
                 "run: an argument is not valid UTF-8 text."}));
 
-// The command words the application answers, all of which sk must offer.
-const char* const ApplicationCommands[] = {"list",
-                                           "move-action",
-                                           "run",
-                                           "list-running",
-                                           "cancel",
-                                           "add",
-                                           "list-items",
-                                           "rename",
-                                           "remove",
-                                           "lock",
-                                           "unlock",
-                                           "clear",
-                                           "open",
-                                           "close",
-                                           "open-dropbar",
-                                           "close-dropbar",
-                                           "status",
-                                           "list-grids",
-                                           "switch-grid",
-                                           "create-grid",
-                                           "remove-grid",
-                                           "add-category",
-                                           "remove-category",
-                                           "list-categories",
-                                           "grid-settings",
-                                           "list-action-types",
-                                           "action-info",
-                                           "add-action",
-                                           "remove-action",
-                                           "set-icon",
-                                           "list-addon-actions",
-                                           "install-action",
-                                           "uninstall-action"};
-
-TEST(Commands, EveryApplicationCommandIsARequestOfItsOwnWord)
-{
-    std::set<std::string_view> requestCommands;
-    for (const sk::Command& command : sk::commands()) {
-        if (!command.run) {
-            requestCommands.insert(command.name);
-        }
-    }
-    EXPECT_EQ(requestCommands.size(), std::size(ApplicationCommands));
-    for (const char* word : ApplicationCommands) {
-        const sk::Command* command = sk::findCommand(word);
-        ASSERT_NE(command, nullptr) << word;
-        EXPECT_EQ(command->run, nullptr) << word;
-        EXPECT_FALSE(command->summary.empty()) << word;
-        EXPECT_FALSE(command->details.empty()) << word;
-    }
-    for (const char* local : {"inspect-action", "request", "help"}) {
-        ASSERT_NE(sk::findCommand(local), nullptr) << local;
-        EXPECT_NE(sk::findCommand(local)->run, nullptr) << local;
-    }
-}
-
 // Fills every required argument with a valid value, so that each command's minimal request
 // can be checked.
 sk::Arguments minimalArguments(const sk::Command& command)
@@ -371,38 +314,6 @@ TEST(Commands, EveryRequiredArgumentIsCheckedBySk)
     }
 }
 
-TEST(Commands, OptionKeysAreRequestKeysOfTheProtocol)
-{
-    const std::set<std::string_view> keys{
-        "name",  "grid",    "fromGrid", "category", "position",   "event", "files",   "text",
-        "index", "newName", "reset",    "stack",    "stackIndex", "type",  "options", "icon",
-        "cols",  "size",    "dropBar",  "switcher", "force",      "json"};
-    for (const sk::Command& command : sk::commands()) {
-        for (const sk::Option& option : command.options) {
-            EXPECT_TRUE(keys.contains(option.key)) << command.name << " " << option.flag;
-            EXPECT_TRUE(option.flag.starts_with("--")) << command.name << " " << option.flag;
-            EXPECT_FALSE(option.help.empty()) << command.name << " " << option.flag;
-        }
-        for (const sk::Positional& positional : command.positionals) {
-            EXPECT_TRUE(keys.contains(positional.key)) << command.name << " " << positional.name;
-        }
-    }
-}
-
-TEST(Commands, SynopsisFollowsTheGrammar)
-{
-    EXPECT_EQ(sk::synopsis(*sk::findCommand("run")),
-              "NAME [FILES...] [--event clicked|dragged] [--text TEXT]");
-    EXPECT_EQ(sk::synopsis(*sk::findCommand("move-action")),
-              "NAME --category CATEGORY [--grid GRID] [--from-grid GRID] [--position N]");
-    EXPECT_EQ(sk::synopsis(*sk::findCommand("add")),
-              "FILES... [--stack] [--stack-index N] [--name NAME]");
-    EXPECT_EQ(sk::synopsis(*sk::findCommand("rename")),
-              "INDEX [NEW_NAME] [--new-name NEW_NAME] [--reset]");
-    EXPECT_EQ(sk::synopsis(*sk::findCommand("status")), "");
-    EXPECT_EQ(sk::synopsis(*sk::findCommand("inspect-action")), "PATH [--compact]");
-}
-
 TEST(Request, WithoutAWorkingFolderRelativePathsAreRefused)
 {
     const sk::Request relative = sk::buildRequest({"run", "Copy", "a.txt"}, "");
@@ -430,16 +341,6 @@ TEST(Request, RawRequestsTravelAsGivenWithTheWorkingFolder)
         EXPECT_TRUE(request.error.starts_with("request: give the request as one JSON object"))
             << request.error;
     }
-}
-
-TEST(Request, LineIsOneTaskMessage)
-{
-    const std::optional<std::string> line =
-        sk::requestLine({{"action", "status"}, {"text", "two\nlines"}});
-    ASSERT_TRUE(line.has_value());
-    EXPECT_EQ(*line, "{\"name\":\"SkelvoRunCmdLineTask\",\"userInfo\":{\"action\":\"status\","
-                     "\"text\":\"two\\nlines\"}}\n");
-    EXPECT_FALSE(sk::requestLine({{"text", "\xff"}}).has_value());
 }
 
 TEST(Request, AbsolutePaths)
