@@ -146,15 +146,6 @@ TEST_P(TemplateTest, HeaderEndsAtTheBlankLineAfterTheTwelveHeaderLines)
     }
 }
 
-TEST_P(TemplateTest, ShippedScriptCompiles)
-{
-    QTemporaryDir dir;
-    const Template& t = GetParam();
-    const QString copy = QDir(dir.path()).filePath(QString::fromLatin1(t.scriptName));
-    ASSERT_TRUE(QFile::copy(scriptPath(t), copy));
-    EXPECT_EQ(syntaxProblems(t, copy), QString());
-}
-
 DevelopActionRequest newActionRequest(const Template& t)
 {
     DevelopActionRequest request;
@@ -342,46 +333,6 @@ TEST(InspectAction, ActionInTheUserFolderIsAUserScript)
         action[QStringLiteral("iconPath")].toString(),
         QDir(SupportPaths::resourcesDirectory()).filePath(QStringLiteral("Images/bundle.png")));
     EXPECT_TRUE(QFileInfo::exists(action[QStringLiteral("iconPath")].toString()));
-}
-
-TEST(ActionFileJson, CarriesEveryField)
-{
-    ActionFile record;
-    record.actionName = QStringLiteral("Share");
-    record.events = {QStringLiteral("TestConnection"), QStringLiteral("Authorize")};
-    record.eventsDefined = true;
-    record.enabledKeyModifiers = {QStringLiteral("Option"), QStringLiteral("shift")};
-    record.keyModifiersDefined = true;
-    record.iconUrl = QStringLiteral("https://example.org/i.png");
-    record.defaultPort = QStringLiteral("22");
-    record.uniqueID = QStringLiteral("u-1");
-    record.rubyPath = QStringLiteral("/opt/ruby");
-    record.pythonPath = QStringLiteral("/opt/python3");
-    record.authScope = QStringLiteral("files");
-    record.forceX86Ruby = true;
-    record.isSharingService = true;
-    record.sharingServiceName = QStringLiteral("mail");
-    record.taskPath = QStringLiteral("/somewhere/Share.skelvo");
-    record.setHandles({DragTypes::Text});
-
-    const QJsonObject json = ActionFileJson::toJson(record);
-    EXPECT_EQ(json[QStringLiteral("defaultPort")].toString(), QStringLiteral("22"));
-    EXPECT_EQ(json[QStringLiteral("rubyPath")].toString(), QStringLiteral("/opt/ruby"));
-    EXPECT_TRUE(json[QStringLiteral("forceX86Ruby")].toBool());
-    EXPECT_EQ(json[QStringLiteral("sharingServiceName")].toString(), QStringLiteral("mail"));
-    EXPECT_EQ(json[QStringLiteral("handles")].toArray(), QJsonArray{DragTypes::Text});
-    EXPECT_EQ(json[QStringLiteral("scriptPath")].toString(), record.taskPath);
-
-    const QJsonObject queries = json[QStringLiteral("queries")].toObject();
-    EXPECT_FALSE(queries[QStringLiteral("handlesClicked")].toBool());
-    EXPECT_FALSE(queries[QStringLiteral("handlesDragged")].toBool());
-    EXPECT_TRUE(queries[QStringLiteral("handlesTestConnection")].toBool());
-    EXPECT_TRUE(queries[QStringLiteral("handlesAuthorize")].toBool());
-    EXPECT_FALSE(queries[QStringLiteral("handlesTextDragType")].toBool());
-    EXPECT_TRUE(queries[QStringLiteral("optionKeyModifierEnabled")].toBool());
-    EXPECT_TRUE(queries[QStringLiteral("shiftKeyModifierEnabled")].toBool());
-    EXPECT_FALSE(queries[QStringLiteral("commandKeyModifierEnabled")].toBool());
-    EXPECT_EQ(queries[QStringLiteral("handlesString")].toString(), QStringLiteral("Clicks"));
 }
 
 // --- the sk tool, end to end ---

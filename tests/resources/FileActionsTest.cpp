@@ -1,5 +1,4 @@
 // The shipped file actions on real files, run through sk in the real application.
-#include "actions/ActionFileParser.h"
 #include "tests/support/HeadlessApp.h"
 
 #include <QDir>
@@ -91,24 +90,6 @@ protected:
     QString m_source;
     QString m_destination;
 };
-
-TEST_F(FileActionsTest, BundlesCarryTheMetadataTilesReferTo)
-{
-    ActionFileParser parser(QStringLiteral(SKELVO_SOURCE_RESOURCES "/Actions"), app->path());
-    for (const char* name :
-         {"Copy Files", "Move Files", "Rename & Copy Files", "Rename & Move Files"}) {
-        const auto record = parser.processPath(
-            QStringLiteral(SKELVO_SOURCE_RESOURCES "/Actions/%1.skbundle").arg(name));
-        ASSERT_TRUE(record.has_value()) << name;
-        QString errors;
-        EXPECT_TRUE(record->validateMetaData(false, &errors)) << errors;
-        EXPECT_TRUE(record->handlesFilesDragType() && !record->handlesTextDragType()) << name;
-        EXPECT_TRUE(record->useSelectedItemNameAndIcon) << name;
-        EXPECT_EQ(record->optionsNib, QString::fromLatin1(name).startsWith(u'R')
-                                          ? QStringLiteral("ChooseFolderRename")
-                                          : QStringLiteral("ChooseFolder"));
-    }
-}
 
 TEST_F(FileActionsTest, CopyFilesCopiesFilesAndFoldersWithoutOverwriting)
 {
