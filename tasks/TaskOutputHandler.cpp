@@ -111,6 +111,12 @@ void TaskOutputHandler::processOutput(const QString& text)
     for (const Item& item : extractCommands(text)) {
         if (item.isCommand) {
             processCommand(item.command, item.message);
+            // "ValueError: boom" is error output that looks like a command.
+            if (!isKnownCommand(item.command)) {
+                m_errorOutput =
+                    (m_errorOutput + item.command + QStringLiteral(": ") + item.message + u'\n')
+                        .right(ErrorOutputKeptChars);
+            }
         } else {
             // Mostly error output: standard error shares the pipe.
             console().append(item.text, Colour::Red);

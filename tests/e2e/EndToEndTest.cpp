@@ -1,5 +1,6 @@
-// Starts the real application headless in a private home and drives it only through the
-// real sk, as a user's terminal would.
+// The real application, headless in a private home, driven only through the real sk.
+#include "cli/Commands.h"
+#include "tests/support/HeadlessApp.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -7,86 +8,34 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QProcess>
-#include <QThread>
 
 #include <csignal>
 #include <gtest/gtest.h>
 
 namespace {
 
-struct Outcome {
-    int status = -1;
-    QString out;
-    QString err;
-};
-
 class EndToEndTest : public ::testing::Test {
 protected:
-    void SetUp() override
+    static void SetUpTestSuite()
     {
-        m_environment = QProcessEnvironment::systemEnvironment();
-        m_environment.insert(QStringLiteral("SKELVO_HOME"), home.path());
-        m_environment.insert(QStringLiteral("SKELVO_RESOURCES"),
-                             QStringLiteral(SKELVO_SOURCE_RESOURCES));
-        // The desktop's Trash of this home, not the user's.
-        m_environment.insert(QStringLiteral("HOME"), home.path());
-        m_environment.insert(QStringLiteral("XDG_DATA_HOME"),
-                             QDir(home.path()).filePath(QStringLiteral(".local/share")));
-        m_environment.remove(QStringLiteral("DISPLAY"));
-        m_environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
-        m_app.setProcessEnvironment(m_environment);
-        m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
-        ASSERT_TRUE(m_app.waitForStarted());
-        for (int i = 0; i < 100 && trySk({QStringLiteral("status")}).status != 0; ++i) {
-            QThread::msleep(100);
-        }
-        ASSERT_EQ(sk({QStringLiteral("status")}).out, QStringLiteral("closed\n"));
+        app = new HeadlessApp;
+        ASSERT_TRUE(app->start());
     }
-    void TearDown() override
+    static void TearDownTestSuite()
     {
-        m_app.terminate();
-        EXPECT_TRUE(m_app.waitForFinished(10000));
-        EXPECT_EQ(m_app.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(m_app.exitCode(), 0);
+        EXPECT_TRUE(app->stop());
+        delete app;
+    }
+    // Runs sk and checks that it ends with `status`.
+    static SkResult sk(const QStringList& arguments, int status = 0)
+    {
+        const SkResult result = app->sk(arguments);
+        EXPECT_EQ(result.status, status) << arguments.join(u' ') << "\n" << result.err;
+        return result;
     }
 
-    // Runs sk and checks that it ends with `expectedStatus`.
-    Outcome sk(const QStringList& arguments, int expectedStatus = 0, int timeoutMs = 30000)
-    {
-        const Outcome outcome = trySk(arguments, timeoutMs);
-        EXPECT_EQ(outcome.status, expectedStatus)
-            << "sk " << arguments.join(u' ').toStdString() << "\n"
-            << outcome.err.toStdString();
-        return outcome;
-    }
-    // Runs sk whatever its exit status (waiting for the application to listen).
-    Outcome trySk(const QStringList& arguments, int timeoutMs = 30000)
-    {
-        QProcess process;
-        process.setProcessEnvironment(m_environment);
-        process.setWorkingDirectory(home.path());
-        process.start(QStringLiteral(SK_BINARY), arguments);
-        if (!process.waitForFinished(timeoutMs)) {
-            process.kill();
-            process.waitForFinished();
-            return {};
-        }
-        return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-                QString::fromUtf8(process.readAllStandardError())};
-    }
-    QString userActions() const
-    {
-        return QDir(home.path()).filePath(QStringLiteral("data/Skelvo/Actions"));
-    }
-
-    TestHome home;
-    QProcessEnvironment m_environment;
-    QProcess m_app;
+    static inline HeadlessApp* app = nullptr;
 };
-
-} // namespace
 
 TEST_F(EndToEndTest, GridsCategoriesAndACopyFilesActionThatRuns)
 {
@@ -94,264 +43,242 @@ TEST_F(EndToEndTest, GridsCategoriesAndACopyFilesActionThatRuns)
               QStringLiteral("Created grid 'Work'\n"));
     EXPECT_EQ(sk({QStringLiteral("switch-grid"), QStringLiteral("Work")}).out,
               QStringLiteral("Switched to grid 'Work'\n"));
-    const Outcome added = sk({QStringLiteral("add-category"), QStringLiteral("--grid"),
-                              QStringLiteral("Work"), QStringLiteral("Files")});
-    EXPECT_EQ(added.out, QStringLiteral("Added category 'Files' to grid 'Work'\n"))
-        << added.err.toStdString();
-
-    QDir(home.path()).mkpath(QStringLiteral("out"));
-    const Outcome action = sk({QStringLiteral("add-action"), QStringLiteral("Copy Files"),
-                               QStringLiteral("--category"), QStringLiteral("Files"),
-                               QStringLiteral("--options"), QStringLiteral("path=out")});
-    EXPECT_EQ(action.status, 0) << action.err.toStdString();
+    EXPECT_EQ(sk({QStringLiteral("add-category"), QStringLiteral("--grid"), QStringLiteral("Work"),
+                  QStringLiteral("Files")})
+                  .out,
+              QStringLiteral("Added category 'Files' to grid 'Work'\n"));
+    QDir(app->path()).mkpath(QStringLiteral("out"));
+    sk({QStringLiteral("add-action"), QStringLiteral("Copy Files"), QStringLiteral("--category"),
+        QStringLiteral("Files"), QStringLiteral("--options"), QStringLiteral("path=out")});
     const QJsonArray listed =
         QJsonDocument::fromJson(sk({QStringLiteral("list"), QStringLiteral("--json")}).out.toUtf8())
             .array();
     ASSERT_EQ(listed.size(), 1);
     EXPECT_EQ(listed[0][QStringLiteral("category")].toString(), QStringLiteral("Files"));
 
-    home.writeFile(QStringLiteral("a.txt"), "alpha");
-    home.writeFile(QStringLiteral("docs/b.txt"), "beta");
-    const Outcome run = sk({QStringLiteral("run"), QStringLiteral("Copy Files"),
-                            QStringLiteral("a.txt"), QStringLiteral("docs")});
-    EXPECT_EQ(run.status, 0) << run.err.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("out/a.txt"))));
-    EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("out/docs/b.txt"))));
-    EXPECT_TRUE(QFileInfo::exists(QDir(home.path()).filePath(QStringLiteral("a.txt"))));
-
-    const Outcome missing = sk({QStringLiteral("run"), QStringLiteral("Nope")}, 1);
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err, QStringLiteral("Error: Action 'Nope' not found\n"));
+    // Relative paths are taken from sk's working folder.
+    app->writeFile(QStringLiteral("a.txt"), "alpha");
+    app->writeFile(QStringLiteral("docs/b.txt"), "beta");
+    EXPECT_EQ(sk({QStringLiteral("run"), QStringLiteral("Copy Files"), QStringLiteral("a.txt"),
+                  QStringLiteral("docs")})
+                  .out,
+              QStringLiteral("Copied 2 items to out\n"));
+    EXPECT_TRUE(QFileInfo::exists(app->path(QStringLiteral("out/a.txt"))));
+    EXPECT_TRUE(QFileInfo::exists(app->path(QStringLiteral("out/docs/b.txt"))));
+    EXPECT_TRUE(QFileInfo::exists(app->path(QStringLiteral("a.txt"))));
+    sk({QStringLiteral("switch-grid"), QStringLiteral("Main Grid")});
 }
 
-TEST_F(EndToEndTest, ASlowScriptActionIsCancelledFromTheCommandLine)
+TEST_F(EndToEndTest, AnswersAndExitStatuses)
 {
-    home.writeFile(QStringLiteral("data/Skelvo/Actions/Slow.skbundle/action.rb"),
-                   "# Skelvo Action Info\n# Name: Slow\n# Description: Waits\n# Events: Clicked\n"
-                   "# Creator: Tests\n# URL: https://example.org\n\n"
-                   "def clicked(variables, helper)\n  helper.begin_message('Waiting a while')\n  "
-                   "sleep 120\nend\n");
-    ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Slow")}).status, 0);
-
-    QProcess run;
-    run.setProcessEnvironment(m_environment);
-    run.start(QStringLiteral(SK_BINARY), {QStringLiteral("run"), QStringLiteral("Slow")});
-    ASSERT_TRUE(run.waitForStarted());
-    QString running;
-    for (int i = 0; i < 100 && !running.contains(QStringLiteral("Waiting a while")); ++i) {
-        QThread::msleep(100);
-        running = trySk({QStringLiteral("list-running")}).out;
+    struct Row {
+        QStringList arguments;
+        int status;
+        const char* out;
+        const char* err; // the start of it
+    };
+    const auto request = [](const char* json) {
+        return QStringList{QStringLiteral("request"), QString::fromUtf8(json)};
+    };
+    const Row rows[] = {
+        {{QStringLiteral("run"), QStringLiteral("Nope")},
+         1,
+         "",
+         "Error: Action 'Nope' not found\n"},
+        {{QStringLiteral("status")}, 0, "closed\n", ""},
+        // Only an answer that starts with "Error: " is a failure.
+        {{QStringLiteral("create-grid"), QStringLiteral("Notes. Error: none")},
+         0,
+         "Created grid 'Notes. Error: none'\n",
+         ""},
+        {{QStringLiteral("--start"), QStringLiteral("status")}, 0, "closed\n", ""},
+        {{QStringLiteral("list-running")}, 0, "No actions are currently running.\n", ""},
+        {{QStringLiteral("cancel"), QStringLiteral("first")}, 2, "", "sk: cancel: INDEX must"},
+        {{QStringLiteral("frobnicate")}, 2, "", "sk: unknown command 'frobnicate'"},
+        {request(R"({"action":"frobnicate"})"), 1, "", "Error: Unknown command: frobnicate\n"},
+        {request(R"({"action":"cancel"})"), 1, "", "Error: Missing index for cancel command.\n"},
+        {request(R"({})"), 1, "", "Error: Invalid command line task notification\n"},
+    };
+    for (const Row& row : rows) {
+        const SkResult result = sk(row.arguments, row.status);
+        EXPECT_EQ(result.out, QString::fromUtf8(row.out)) << row.arguments.join(u' ');
+        EXPECT_TRUE(result.err.startsWith(QString::fromUtf8(row.err)))
+            << row.arguments.join(u' ') << ": " << result.err;
     }
-    EXPECT_TRUE(running.contains(QStringLiteral("0: Slow - Waiting a while")))
-        << running.toStdString();
-    EXPECT_EQ(run.state(), QProcess::Running) << "sk run waits for its task";
+}
+
+TEST_F(EndToEndTest, TheApplicationKnowsEveryCommandOfTheClient)
+{
+    for (const sk::Command& command : sk::commands()) {
+        if (!command.run) {
+            const QString word = QString::fromUtf8(command.name.data(), command.name.size());
+            const SkResult result = app->sk(
+                {QStringLiteral("request"), QStringLiteral(R"({"action":"%1"})").arg(word)});
+            EXPECT_FALSE(result.err.contains(QStringLiteral("Unknown command"))) << command.name;
+        }
+    }
+}
+
+TEST_F(EndToEndTest, AnswersArriveWhileARunLastsAndItCanBeCancelled)
+{
+    ASSERT_TRUE(app->addScriptAction(QStringLiteral("Slow"),
+                                     QStringLiteral("helper.begin_message(\"Waiting a while\")\n"
+                                                    "helper.alert(\"first answer\")\nsleep 120")));
+    const auto run = app->startSk({QStringLiteral("run"), QStringLiteral("Slow")});
+    QByteArray out;
+    EXPECT_TRUE(HeadlessApp::waitUntil([&] {
+        run->waitForReadyRead(100);
+        out += run->readAllStandardOutput();
+        return out.contains('\n');
+    }));
+    EXPECT_EQ(out, "first answer\n");
+    EXPECT_EQ(run->state(), QProcess::Running) << "sk run waits for its task";
+    EXPECT_TRUE(sk({QStringLiteral("list-running")})
+                    .out.endsWith(QStringLiteral("\n0: Slow - Waiting a while\n")));
 
     EXPECT_EQ(sk({QStringLiteral("cancel"), QStringLiteral("0")}).out,
               QStringLiteral("Cancelled action 'Slow'\n"));
-    ASSERT_TRUE(run.waitForFinished(15000));
-    EXPECT_EQ(run.exitCode(), 0);
-    Outcome after;
-    for (int i = 0; i < 50; ++i) {
-        after = trySk({QStringLiteral("list-running")});
-        if (after.out.contains(QStringLiteral("No actions"))) {
-            break;
-        }
-        QThread::msleep(100);
-    }
-    EXPECT_EQ(after.out, QStringLiteral("No actions are currently running.\n"));
+    ASSERT_TRUE(run->waitForFinished(15000));
+    EXPECT_EQ(run->exitCode(), 0);
+    EXPECT_TRUE(HeadlessApp::waitUntil([] {
+        return app->sk({QStringLiteral("list-running")}).out.startsWith(QStringLiteral("No "));
+    }));
 }
 
 TEST_F(EndToEndTest, AScriptActionThatFailsMakesSkFail)
 {
-    home.writeFile(QStringLiteral("data/Skelvo/Actions/Exits.skbundle/action.rb"),
-                   "# Skelvo Action Info\n# Name: Exits\n# Description: Fails\n# Events: Clicked\n"
-                   "# Creator: Tests\n# URL: https://example.org\n\n"
-                   "def clicked(variables, helper)\n  $stderr.puts 'disk full'\n  exit 2\nend\n");
-    sk({QStringLiteral("add-action"), QStringLiteral("Exits")});
-    const Outcome run = sk({QStringLiteral("run"), QStringLiteral("Exits")}, 1);
+    ASSERT_TRUE(app->addScriptAction(QStringLiteral("Exits"),
+                                     QStringLiteral("$stderr.puts 'disk full'\nexit 2")));
+    const SkResult run = sk({QStringLiteral("run"), QStringLiteral("Exits")}, 1);
     EXPECT_EQ(run.out, QString());
     EXPECT_TRUE(run.err.startsWith(QStringLiteral("Error: Check Debug Console for error output\n")))
-        << run.err.toStdString();
-    EXPECT_TRUE(run.err.contains(QStringLiteral("disk full"))) << run.err.toStdString();
+        << run.err;
+    EXPECT_TRUE(run.err.contains(QStringLiteral("disk full"))) << run.err;
 }
 
-TEST_F(EndToEndTest, QuittingEndsRunningTasks)
-{
-    const QString pidFile = QDir(home.path()).filePath(QStringLiteral("script.pid"));
-    home.writeFile(
-        QStringLiteral("data/Skelvo/Actions/Sleeper.skbundle/action.rb"),
-        QStringLiteral("# Skelvo Action Info\n# Name: Sleeper\n# Description: Sleeps\n"
-                       "# Events: Clicked\n# Creator: Tests\n# URL: https://example.org\n\n"
-                       "def clicked(variables, helper)\n  File.write('%1', Process.pid.to_s)\n"
-                       "  helper.begin_message('Sleeping')\n  sleep 120\nend\n")
-            .arg(pidFile)
-            .toUtf8());
-    ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Sleeper")}).status, 0);
-    QProcess run;
-    run.setProcessEnvironment(m_environment);
-    run.start(QStringLiteral(SK_BINARY), {QStringLiteral("run"), QStringLiteral("Sleeper")});
-    for (int i = 0; i < 100 && QFileInfo(pidFile).size() == 0; ++i) {
-        QThread::msleep(100);
-    }
-    QFile file(pidFile);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const pid_t script = static_cast<pid_t>(file.readAll().toLongLong());
-    ASSERT_GT(script, 0);
-    EXPECT_EQ(::kill(script, 0), 0);
-
-    m_app.terminate();
-    ASSERT_TRUE(m_app.waitForFinished(10000));
-    EXPECT_EQ(m_app.exitCode(), 0);
-    EXPECT_NE(::kill(script, 0), 0) << "the action's process outlived the application";
-    ASSERT_TRUE(run.waitForFinished(10000));
-    EXPECT_NE(run.exitCode(), 0) << "sk reports that the connection ended before the finish";
-    // TearDown expects a running application.
-    m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
-    ASSERT_TRUE(m_app.waitForStarted());
-    for (int i = 0; i < 100 && trySk({QStringLiteral("status")}).status != 0; ++i) {
-        QThread::msleep(100);
-    }
-}
-
-TEST_F(EndToEndTest, ImageActionsResizeAndConvertRealFilesThroughSk)
+TEST_F(EndToEndTest, ImageActionsResizeAndConvertRealFiles)
 {
     // Real images of each format, made by the image tool that ships with libvips.
-    const QString in = QDir(home.path()).filePath(QStringLiteral("pictures"));
-    QDir().mkpath(in);
     const QStringList formats = {QStringLiteral("png"),  QStringLiteral("jpg"),
                                  QStringLiteral("webp"), QStringLiteral("tif"),
                                  QStringLiteral("gif"),  QStringLiteral("heic")};
+    const QDir in(app->path(QStringLiteral("pictures")));
+    QDir().mkpath(in.path());
+    QDir().mkpath(app->path(QStringLiteral("resized")));
     QStringList files;
     for (const QString& format : formats) {
-        const QString file = QDir(in).filePath(QStringLiteral("photo-%1.%1").arg(format));
-        QProcess vips;
-        vips.start(QStringLiteral("vips"),
-                   {QStringLiteral("xyz"), file, QStringLiteral("800"), QStringLiteral("600")});
-        ASSERT_TRUE(vips.waitForFinished(30000));
-        ASSERT_EQ(vips.exitCode(), 0) << vips.readAllStandardError().toStdString();
-        files << file;
+        files << in.filePath(QStringLiteral("photo-%1.%1").arg(format));
+        ASSERT_EQ(QProcess::execute(QStringLiteral("vips"),
+                                    {QStringLiteral("xyz"), files.last(), QStringLiteral("800"),
+                                     QStringLiteral("600")}),
+                  0);
     }
-    const QString out = QDir(home.path()).filePath(QStringLiteral("resized"));
-    QDir().mkpath(out);
-    Outcome added = sk({QStringLiteral("add-action"), QStringLiteral("Resize Images"),
-                        QStringLiteral("--options"), QStringLiteral("output_width=200"),
-                        QStringLiteral("output_folder_option=2"), QStringLiteral("path=resized"),
-                        QStringLiteral("keep_originals=yes")});
-    ASSERT_EQ(added.status, 0) << added.err.toStdString();
-    const Outcome resized =
-        sk(QStringList{QStringLiteral("run"), QStringLiteral("Resize Images")} + files, 0, 120000);
-    EXPECT_EQ(resized.status, 0) << resized.err.toStdString();
-    for (const QString& format : formats) {
-        const QString written = QDir(out).filePath(QStringLiteral("photo-%1.%1").arg(format));
+    sk({QStringLiteral("add-action"), QStringLiteral("Resize Images"), QStringLiteral("--options"),
+        QStringLiteral("output_width=200"), QStringLiteral("output_folder_option=2"),
+        QStringLiteral("path=resized"), QStringLiteral("keep_originals=yes")});
+    sk(QStringList{QStringLiteral("run"), QStringLiteral("Resize Images")} + files);
+    for (const QString& file : files) {
         QProcess header;
         header.start(QStringLiteral("vipsheader"),
-                     {QStringLiteral("-f"), QStringLiteral("width"), written});
+                     {QStringLiteral("-f"), QStringLiteral("width"),
+                      app->path(QStringLiteral("resized/") + QFileInfo(file).fileName())});
         ASSERT_TRUE(header.waitForFinished(30000));
-        EXPECT_EQ(QString::fromUtf8(header.readAllStandardOutput()).trimmed(),
-                  QStringLiteral("200"))
-            << written.toStdString();
-        EXPECT_TRUE(QFileInfo::exists(QDir(in).filePath(QStringLiteral("photo-%1.%1").arg(format))))
-            << "originals kept";
+        EXPECT_EQ(header.readAllStandardOutput().trimmed(), "200") << file;
+        EXPECT_TRUE(QFileInfo::exists(file)) << "originals kept";
     }
 
-    added = sk({QStringLiteral("add-action"), QStringLiteral("Convert Images"),
-                QStringLiteral("--options"), QStringLiteral("output_format=webp")});
-    ASSERT_EQ(added.status, 0) << added.err.toStdString();
-    const Outcome converted =
-        sk({QStringLiteral("run"), QStringLiteral("Convert Images"), files.first()}, 0, 60000);
-    EXPECT_EQ(converted.status, 0) << converted.err.toStdString();
-    EXPECT_TRUE(QFileInfo::exists(QDir(in).filePath(QStringLiteral("photo-png.webp"))))
-        << QDir(in).entryList(QDir::Files).join(u' ').toStdString() << converted.out.toStdString();
+    sk({QStringLiteral("add-action"), QStringLiteral("Convert Images"), QStringLiteral("--options"),
+        QStringLiteral("output_format=webp")});
+    sk({QStringLiteral("run"), QStringLiteral("Convert Images"), files.first()});
+    EXPECT_TRUE(in.exists(QStringLiteral("photo-png.webp")))
+        << in.entryList(QDir::Files).join(u' ');
 }
 
-TEST_F(EndToEndTest, RunScriptAndMoveToTrashThroughSk)
+TEST_F(EndToEndTest, RunScriptAndMoveToTrash)
 {
-    const QString record = QDir(home.path()).filePath(QStringLiteral("arguments.txt"));
-    const QString script = home.writeFile(
+    const QString record = app->path(QStringLiteral("arguments.txt"));
+    const QString script = app->writeFile(
         QStringLiteral("scripts/record.sh"),
-        QStringLiteral(
-            "#!/bin/sh\nprintf '%s|%s|%s|%s|%s' \"$SKELVO_INPUT_TYPE\" \"$#\" \"$1\" \"$2\" "
-            "\"$3\" > '%1'\nexit 2\n")
+        QStringLiteral("#!/bin/sh\nprintf '%s|%s|%s|%s|%s' \"$SKELVO_INPUT_TYPE\" \"$#\" \"$1\" "
+                       "\"$2\" \"$3\" > '%1'\nexit 2\n")
             .arg(record)
             .toUtf8());
     QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    const Outcome added = sk({QStringLiteral("add-action"), QStringLiteral("Run Script"),
-                              QStringLiteral("--options"), QStringLiteral("path=") + script});
-    ASSERT_EQ(added.status, 0) << added.err.toStdString();
-    const QStringList files = {home.writeFile(QStringLiteral("one.txt"), "1"),
-                               home.writeFile(QStringLiteral("two.txt"), "2"),
-                               home.writeFile(QStringLiteral("three.txt"), "3")};
+    sk({QStringLiteral("add-action"), QStringLiteral("Run Script"), QStringLiteral("--options"),
+        QStringLiteral("path=") + script});
+    const QStringList files = {app->writeFile(QStringLiteral("one.txt"), "1"),
+                               app->writeFile(QStringLiteral("two.txt"), "2"),
+                               app->writeFile(QStringLiteral("three.txt"), "3")};
     // The script exits 2: a failure for sk, told on standard error.
-    const Outcome ran =
+    const SkResult ran =
         sk(QStringList{QStringLiteral("run"), QStringLiteral("Run Script")} + files, 1);
-    EXPECT_EQ(ran.out, QString());
-    EXPECT_EQ(ran.err,
-              QStringLiteral("Error: Script exited with status 2. Check the Action Console "
-                             "for details.\n"));
+    EXPECT_EQ(ran.err, QStringLiteral("Error: Script exited with status 2. Check the Action "
+                                      "Console for details.\n"));
     QFile recorded(record);
     ASSERT_TRUE(recorded.open(QIODevice::ReadOnly));
     EXPECT_EQ(QString::fromUtf8(recorded.readAll()),
               QStringLiteral("files|3|%1|%2|%3").arg(files[0], files[1], files[2]));
     // A script that is gone cannot be added.
-    const Outcome missing =
-        sk({QStringLiteral("add-action"), QStringLiteral("Run Script"), QStringLiteral("--name"),
-            QStringLiteral("Gone"), QStringLiteral("--options"),
-            QStringLiteral("path=/no/such/script.sh")},
-           1);
-    EXPECT_TRUE(missing.err.startsWith(QStringLiteral("Error: "))) << missing.err.toStdString();
+    EXPECT_TRUE(sk({QStringLiteral("add-action"), QStringLiteral("Run Script"),
+                    QStringLiteral("--name"), QStringLiteral("Gone"), QStringLiteral("--options"),
+                    QStringLiteral("path=/no/such/script.sh")},
+                   1)
+                    .err.startsWith(QStringLiteral("Error: ")));
 
-    ASSERT_EQ(sk({QStringLiteral("add-action"), QStringLiteral("Move to Trash")}).status, 0);
-    const QString doomed = home.writeFile(QStringLiteral("doomed.txt"), "bye");
-    const Outcome trashed = sk({QStringLiteral("run"), QStringLiteral("Move to Trash"), doomed});
-    EXPECT_EQ(trashed.status, 0) << trashed.err.toStdString();
+    sk({QStringLiteral("add-action"), QStringLiteral("Move to Trash")});
+    const QString doomed = app->writeFile(QStringLiteral("doomed.txt"), "bye");
+    sk({QStringLiteral("run"), QStringLiteral("Move to Trash"), doomed});
     EXPECT_FALSE(QFileInfo::exists(doomed));
-    const QDir info(QDir(home.path()).filePath(QStringLiteral(".local/share/Trash/info")));
-    EXPECT_TRUE(info.exists(QStringLiteral("doomed.txt.trashinfo")))
-        << info.entryList().join(u' ').toStdString();
-}
-
-TEST_F(EndToEndTest, ApplicationMessagesForBadRequests)
-{
-    const std::pair<const char*, const char*> rows[] = {
-        {R"({"action":"frobnicate"})", "Error: Unknown command: frobnicate"},
-        {R"({"action":"cancel"})", "Error: Missing index for cancel command."},
-        {R"({"action":"move-action"})",
-         "Error: Missing action name or category for move-action command."},
-        {R"({"action":"switch-grid"})", "Error: Missing grid name for switch-grid command."},
-        {R"({"action":"create-grid"})", "Error: Missing grid name for create-grid command."},
-        {R"({"action":"remove-grid"})", "Error: Missing grid name for remove-grid command."},
-        {R"({"action":"add-category"})",
-         "Error: Missing grid name or category name for add-category command."},
-        {R"({"action":"remove-category"})",
-         "Error: Missing grid name or category name for remove-category command."},
-        {R"({"action":"grid-settings"})", "Error: Missing grid name for grid-settings command."},
-        {R"({"action":"action-info"})", "Error: Missing action type for action-info command."},
-        {R"({"action":"add-action"})", "Error: Missing action type for add-action command."},
-        {R"({"action":"remove-action"})", "Error: Missing action name for remove-action command."},
-        {R"({"action":"set-icon"})", "Error: Missing action name for set-icon command."},
-        {R"({})", "Error: Invalid command line task notification"},
-    };
-    for (const auto& [request, message] : rows) {
-        const Outcome outcome = sk({QStringLiteral("request"), QString::fromUtf8(request)}, 1);
-        EXPECT_EQ(outcome.err, QString::fromUtf8(message) + u'\n') << request;
-    }
-    sk({QStringLiteral("frobnicate")}, 2);
+    EXPECT_TRUE(QFileInfo::exists(
+        app->path(QStringLiteral(".local/share/Trash/info/doomed.txt.trashinfo"))));
 }
 
 TEST_F(EndToEndTest, ASecondInstanceHandsOverItsArguments)
 {
     QProcess second;
-    second.setProcessEnvironment(m_environment);
-    second.setWorkingDirectory(home.path());
+    second.setProcessEnvironment(app->environment());
+    second.setWorkingDirectory(app->path());
     second.start(QStringLiteral(SKELVO_BINARY),
                  {QStringLiteral("--headless"), QStringLiteral("New.skbundle")});
     ASSERT_TRUE(second.waitForFinished(15000));
     EXPECT_EQ(second.exitCode(), 0);
-    EXPECT_EQ(QString::fromUtf8(second.readAllStandardOutput()),
-              QStringLiteral("Skelvo is already running; handed over 1 argument(s)\n"));
-    EXPECT_EQ(m_app.state(), QProcess::Running);
-    QFile log(QDir(home.path()).filePath(QStringLiteral("data/Skelvo/Logs/skelvo.log")));
-    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(log.readAll().contains(
-        QDir(home.path()).filePath(QStringLiteral("New.skbundle")).toUtf8()));
+    EXPECT_EQ(second.readAllStandardOutput(),
+              "Skelvo is already running; handed over 1 argument(s)\n");
+    EXPECT_EQ(app->process().state(), QProcess::Running);
+    EXPECT_TRUE(app->log().contains(app->path(QStringLiteral("New.skbundle"))));
 }
+
+// With an application of its own, which it ends.
+TEST(EndToEndLifecycle, QuittingEndsRunningTasksAndAKilledApplicationIsNotRunning)
+{
+    HeadlessApp app;
+    ASSERT_TRUE(app.start());
+    const QString pidFile = app.path(QStringLiteral("script.pid"));
+    ASSERT_TRUE(app.addScriptAction(
+        QStringLiteral("Sleeper"),
+        QStringLiteral("File.write('%1', Process.pid.to_s)\nsleep 120").arg(pidFile)));
+    const auto run = app.startSk({QStringLiteral("run"), QStringLiteral("Sleeper")});
+    ASSERT_TRUE(HeadlessApp::waitUntil([&] { return QFileInfo(pidFile).size() > 0; }));
+    QFile file(pidFile);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const auto script = static_cast<pid_t>(file.readAll().toLongLong());
+    ASSERT_GT(script, 0);
+
+    EXPECT_TRUE(app.stop());
+    EXPECT_NE(::kill(script, 0), 0) << "the action's process outlived the application";
+    ASSERT_TRUE(run->waitForFinished(10000));
+    EXPECT_EQ(run->exitCode(), 4) << "the connection ended before the finish";
+    EXPECT_EQ(run->readAllStandardError(),
+              "sk: the connection to Skelvo ended before the request finished\n");
+
+    // A socket left behind by an application that is gone.
+    ASSERT_TRUE(app.start());
+    app.process().kill();
+    app.process().waitForFinished();
+    const SkResult stale = app.sk({QStringLiteral("status")});
+    EXPECT_EQ(stale.status, 3);
+    EXPECT_EQ(stale.err, QStringLiteral("sk: Skelvo is not running (start it with `skelvo "
+                                        "--headless &` or use `sk --start …`)\n"));
+}
+
+} // namespace
