@@ -101,6 +101,23 @@ QVariantMap req(std::initializer_list<std::pair<const char*, QVariant>> pairs)
     return map;
 }
 
+// A request from "command|key=value|...": numbers and true/false become numbers and flags.
+QVariantMap spec(const char* text)
+{
+    const QStringList parts = QString::fromUtf8(text).split(u'|');
+    QVariantMap map{{QStringLiteral("action"), parts.first()}};
+    for (const QString& part : parts.mid(1)) {
+        const QString key = part.section(u'=', 0, 0);
+        const QString value = part.section(u'=', 1);
+        bool isNumber = false;
+        const int number = value.toInt(&isNumber);
+        map.insert(key, isNumber                                ? QVariant(number)
+                        : value == u"true" || value == u"false" ? QVariant(value == u"true")
+                                                                : QVariant(value));
+    }
+    return map;
+}
+
 // Runs each action as the script named after it, through a runner that only loads it.
 CmdLineTaskHandler::RunStarter scriptStarter(QMap<QString, QString> scripts)
 {
@@ -212,18 +229,14 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
 
     // Without its runner nothing launches, and the request hears the alert.
     qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("none")).toUtf8());
-    EXPECT_TRUE(one(req({{"action", QStringLiteral("run")},
-                         {"name", QStringLiteral("Links")},
-                         {"event", QStringLiteral("clicked")}}))
+    EXPECT_TRUE(one(spec("run|name=Links|event=clicked"))
                     .startsWith(QStringLiteral(
                         "Error: Failed to launch task: Could not find runner.rb at at '")));
 
     // An action whose header fails validation says so, not that it takes no text.
     installUserAction(QStringLiteral("Broken.skelvo"), "# Skelvo Action Info\n# Name: Broken\n");
     addGridAction(QStringLiteral("Broken"), QStringLiteral("Broken"));
-    EXPECT_TRUE(one(req({{"action", QStringLiteral("run")},
-                         {"name", QStringLiteral("Broken")},
-                         {"text", QStringLiteral("hello")}}))
+    EXPECT_TRUE(one(spec("run|name=Broken|text=hello"))
                     .startsWith(QStringLiteral(
                         "Error: Action 'Broken' cannot run: its header has problems:\n-")));
 
@@ -261,7 +274,7 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
     });
     ASSERT_TRUE(waitUntil([&] { return !secrets->pending.empty(); }));
     EXPECT_TRUE(secrets->actionExisted) << "the secret is stored for an action that exists";
-    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+    EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
     secrets->releaseAll();
     ASSERT_TRUE(waitUntil(
         [&] { return adding.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
@@ -309,139 +322,70 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
     addGridAction(QStringLiteral("Alerting"));
     auto running = std::async(std::launch::async, [&] {
         return CmdLineServer::sendRequest(runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
-                                          req({{"action", QStringLiteral("run")},
-                                               {"name", QStringLiteral("Alerting")},
-                                               {"event", QStringLiteral("clicked")}}),
-                                          20000);
+                                          spec("run|name=Alerting|event=clicked"), 20000);
     });
     ASSERT_TRUE(waitUntil([&] { return !m_presenters->alerts().pendingAnswers.isEmpty(); }));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+    EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
     ASSERT_TRUE(waitUntil(
         [&] { return running.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
         20000));
     EXPECT_EQ(running.get().value_or(QStringList{}).join(u'|'), QStringLiteral("Look|done"));
 }
 
-TEST_F(CmdLineTest, UnknownInvalidAndMissingArguments)
+TEST_F(CmdLineTest, GridsCategoriesAndTheirSettings)
 {
-    EXPECT_EQ(one(req({{"action", QStringLiteral("frobnicate")}})),
-              QStringLiteral("Error: Unknown command: frobnicate"));
-    EXPECT_EQ(one(req({{"name", QStringLiteral("x")}})),
-              QStringLiteral("Error: Invalid command line task notification"));
-    EXPECT_EQ(one({}), QStringLiteral("Error: Invalid command line task notification"));
-    // Command words are compared exactly.
-    EXPECT_EQ(one(req({{"action", QStringLiteral("List")}})),
-              QStringLiteral("Error: Unknown command: List"));
-
-    const std::pair<const char*, const char*> rows[] = {
-        {"move-action", "Error: Missing action name or category for move-action command."},
-        {"cancel", "Error: Missing index for cancel command."},
-        {"switch-grid", "Error: Missing grid name for switch-grid command."},
-        {"create-grid", "Error: Missing grid name for create-grid command."},
-        {"remove-grid", "Error: Missing grid name for remove-grid command."},
-        {"add-category", "Error: Missing grid name or category name for add-category command."},
-        {"remove-category",
-         "Error: Missing grid name or category name for remove-category command."},
-        {"grid-settings", "Error: Missing grid name for grid-settings command."},
-        {"action-info", "Error: Missing action type for action-info command."},
-        {"add-action", "Error: Missing action type for add-action command."},
-        {"remove-action", "Error: Missing action name for remove-action command."},
-        {"set-icon", "Error: Missing action name for set-icon command."},
+    // Each answer in turn; the settings are checked before anything changes.
+    const std::pair<const char*, const char*> steps[] = {
+        {"create-grid|name=Work", "Created grid 'Work'"},
+        {"create-grid|name=Work",
+         "Error: A grid named 'Work' already exists. Grid names must be unique."},
+        {"list-grids",
+         "\nAvailable Skelvo Grids:\n---------------------------\n* Main Grid\n  Work\n"},
+        {"switch-grid|name=Work", "Switched to grid 'Work'"},
+        {"add-category|grid=Work|category=Docs", "Added category 'Docs' to grid 'Work'"},
+        {"add-category|grid=Work|category=Docs", "Added category 'Docs' to grid 'Work'"},
+        {"remove-category|grid=Work|category=Docs",
+         "Error: Multiple categories named 'Docs' exist in grid 'Work'. Please rename categories "
+         "so names are unique within the grid before removing by name."},
+        {"remove-category|grid=Work|category=Nope",
+         "Error: Category 'Nope' not found in grid 'Work'"},
+        {"remove-grid|name=Work", "Removed grid 'Work'. Switched active grid to 'Main Grid'"},
+        {"remove-grid|name=Main Grid",
+         "Error: Cannot remove grid 'Main Grid'. You must have at least one grid."},
+        {"grid-settings|grid=Main Grid|size=151",
+         "Error: size must be greater than 0 and no larger than 150."},
+        {"grid-settings|grid=Main Grid|size=0",
+         "Error: size must be greater than 0 and no larger than 150."},
+        {"grid-settings|grid=Main Grid|cols=1|size=80",
+         "Error: cols must be 0 (auto) or between 2 and 10."},
+        {"grid-settings|grid=Main Grid|cols=11",
+         "Error: cols must be 0 (auto) or between 2 and 10."},
+        {"grid-settings|grid=Main Grid|name=  ", "Error: The new grid name cannot be empty."},
+        {"grid-settings|grid=Main Grid|cols=4|size=90|switcher=false",
+         "Updated grid 'Main Grid': size 90, columns 4, switcher hidden"},
+        {"grid-settings|grid=Main Grid|name=Home", "Updated grid 'Main Grid': renamed to 'Home'"},
+        {"list-grids", "\nAvailable Skelvo Grids:\n---------------------------\n* Home\n"},
+        {"add-action|type=No Such Type", "Error: Action type 'No Such Type' not found. Use 'sk "
+                                         "list-action-types' to see available types."},
+        {"List", "Error: Unknown command: List"}, // command words are compared exactly
     };
-    for (const auto& [word, message] : rows) {
-        EXPECT_EQ(one(req({{"action", QString::fromLatin1(word)}})), QString::fromUtf8(message))
-            << word;
+    GridDatabase& db = GridDatabase::sharedGridDatabase();
+    for (const auto& [request, answer] : steps) {
+        EXPECT_EQ(one(spec(request)), QString::fromUtf8(answer)) << request;
+        if (QByteArray(request).startsWith("switch-grid")) {
+            const QJsonArray grids =
+                QJsonDocument::fromJson(one(spec("list-grids|json=true")).toUtf8()).array();
+            ASSERT_EQ(grids.size(), 2);
+            EXPECT_TRUE(grids[1].toObject().value(QStringLiteral("current")).toBool());
+        }
+        if (QByteArray(request).startsWith("grid-settings|grid=Main Grid|cols=11")) {
+            EXPECT_DOUBLE_EQ(db.gridSizeForGrid(1), 70.0);
+        }
     }
-    EXPECT_EQ(one(req({{"action", QStringLiteral("move-action")}, {"name", QStringLiteral("A")}})),
-              QStringLiteral("Error: Missing action name or category for move-action command."));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
-}
-
-TEST_F(CmdLineTest, GridsAndCategories)
-{
-    EXPECT_EQ(
-        one(req({{"action", QStringLiteral("create-grid")}, {"name", QStringLiteral("Work")}})),
-        QStringLiteral("Created grid 'Work'"));
-    EXPECT_EQ(
-        one(req({{"action", QStringLiteral("create-grid")}, {"name", QStringLiteral("Work")}})),
-        QStringLiteral("Error: A grid named 'Work' already exists. Grid names must be unique."));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("list-grids")}})),
-              QStringLiteral(
-                  "\nAvailable Skelvo Grids:\n---------------------------\n* Main Grid\n  Work\n"));
-    EXPECT_EQ(
-        one(req({{"action", QStringLiteral("switch-grid")}, {"name", QStringLiteral("Work")}})),
-        QStringLiteral("Switched to grid 'Work'"));
-    const QJsonArray grids =
-        QJsonDocument::fromJson(
-            one(req({{"action", QStringLiteral("list-grids")}, {"json", true}})).toUtf8())
-            .array();
-    ASSERT_EQ(grids.size(), 2);
-    EXPECT_TRUE(grids[1].toObject().value(QStringLiteral("current")).toBool());
-
-    EXPECT_EQ(one(req({{"action", QStringLiteral("add-category")},
-                       {"grid", QStringLiteral("Work")},
-                       {"category", QStringLiteral("Docs")}})),
-              QStringLiteral("Added category 'Docs' to grid 'Work'"));
-    one(req({{"action", QStringLiteral("add-category")},
-             {"grid", QStringLiteral("Work")},
-             {"category", QStringLiteral("Docs")}}));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("remove-category")},
-                       {"grid", QStringLiteral("Work")},
-                       {"category", QStringLiteral("Docs")}})),
-              QStringLiteral("Error: Multiple categories named 'Docs' exist in grid 'Work'. Please "
-                             "rename categories so "
-                             "names are unique within the grid before removing by name."));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("remove-category")},
-                       {"grid", QStringLiteral("Work")},
-                       {"category", QStringLiteral("Nope")}})),
-              QStringLiteral("Error: Category 'Nope' not found in grid 'Work'"));
-    const QJsonArray categories =
-        QJsonDocument::fromJson(one(req({{"action", QStringLiteral("list-categories")},
-                                         {"grid", QStringLiteral("Work")},
-                                         {"json", true}}))
-                                    .toUtf8())
-            .array();
-    EXPECT_EQ(categories.size(), 2);
-
-    // Removing the current grid switches to another.
-    EXPECT_EQ(
-        one(req({{"action", QStringLiteral("remove-grid")}, {"name", QStringLiteral("Work")}})),
-        QStringLiteral("Removed grid 'Work'. Switched active grid to 'Main Grid'"));
-    EXPECT_EQ(
-        one(req(
-            {{"action", QStringLiteral("remove-grid")}, {"name", QStringLiteral("Main Grid")}})),
-        QStringLiteral("Error: Cannot remove grid 'Main Grid'. You must have at least one grid."));
-}
-
-TEST_F(CmdLineTest, GridSettingsAreCheckedBeforeAnyChange)
-{
-    auto settings = [&](std::initializer_list<std::pair<const char*, QVariant>> extra) {
-        QVariantMap request = req(extra);
-        request.insert(QStringLiteral("action"), QStringLiteral("grid-settings"));
-        request.insert(QStringLiteral("grid"), QStringLiteral("Main Grid"));
-        return one(request);
-    };
-    EXPECT_EQ(settings({{"size", 151}}),
-              QStringLiteral("Error: size must be greater than 0 and no larger than 150."));
-    EXPECT_EQ(settings({{"size", 0}}),
-              QStringLiteral("Error: size must be greater than 0 and no larger than 150."));
-    EXPECT_EQ(settings({{"cols", 1}, {"size", 80}}),
-              QStringLiteral("Error: cols must be 0 (auto) or between 2 and 10."));
-    EXPECT_EQ(settings({{"cols", 11}}),
-              QStringLiteral("Error: cols must be 0 (auto) or between 2 and 10."));
-    EXPECT_DOUBLE_EQ(GridDatabase::sharedGridDatabase().gridSizeForGrid(1), 70.0);
-    EXPECT_EQ(settings({{"name", QStringLiteral("  ")}}),
-              QStringLiteral("Error: The new grid name cannot be empty."));
-    EXPECT_EQ(settings({{"cols", 4}, {"size", 90}, {"switcher", false}}),
-              QStringLiteral("Updated grid 'Main Grid': size 90, columns 4, switcher hidden"));
-    EXPECT_EQ(GridDatabase::sharedGridDatabase().numColsForGrid(1), 4);
-    EXPECT_FALSE(GridDatabase::sharedGridDatabase().gridSwitcherVisibleForGrid(1));
-    EXPECT_TRUE(
-        settings({}).startsWith(QStringLiteral("Grid 'Main Grid':\n  size: 90\n  columns: 4")));
-    EXPECT_EQ(settings({{"name", QStringLiteral("Home")}}),
-              QStringLiteral("Updated grid 'Main Grid': renamed to 'Home'"));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("list-grids")}})),
-              QStringLiteral("\nAvailable Skelvo Grids:\n---------------------------\n* Home\n"));
+    EXPECT_EQ(db.numColsForGrid(1), 4);
+    EXPECT_FALSE(db.gridSwitcherVisibleForGrid(1));
+    EXPECT_TRUE(one(spec("grid-settings|grid=Home"))
+                    .startsWith(QStringLiteral("Grid 'Home':\n  size: 90\n  columns: 4")));
 }
 
 TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
@@ -457,79 +401,15 @@ TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
     db.runQuery(QStringLiteral("CREATE TRIGGER refuseActions BEFORE UPDATE ON actions "
                                "BEGIN SELECT RAISE(ABORT, 'refused'); END"));
     const std::pair<QVariantMap, const char*> rows[] = {
-        {req({{"action", QStringLiteral("grid-settings")},
-              {"grid", QStringLiteral("Main Grid")},
-              {"size", 90},
-              {"cols", 4}}),
+        {spec("grid-settings|grid=Main Grid|size=90|cols=4"),
          "Error: Could not save the settings of grid 'Main Grid'"},
-        {req({{"action", QStringLiteral("set-icon")},
-              {"name", QStringLiteral("Copy Files")},
-              {"reset", true}}),
+        {spec("set-icon|name=Copy Files|reset=true"),
          "Error: Failed to reset the icon of 'Copy Files'"},
     };
     for (const auto& [request, expected] : rows) {
         EXPECT_EQ(one(request), QString::fromUtf8(expected));
     }
     EXPECT_DOUBLE_EQ(db.gridSizeForGrid(1), 70.0);
-}
-
-TEST_F(CmdLineTest, AddRunAndRemoveACopyFilesAction)
-{
-    const QString destination = QDir(m_home->path()).filePath(QStringLiteral("dest"));
-    QDir().mkpath(destination);
-    const QString source = m_home->writeFile(QStringLiteral("in/report \"final\".txt"), "contents");
-
-    EXPECT_EQ(
-        one(req({{"action", QStringLiteral("add-action")},
-                 {"type", QStringLiteral("Copy Files")},
-                 {"options", QVariantMap{{QStringLiteral("colour"), QStringLiteral("red")}}}})),
-        QStringLiteral("Error: Unknown option 'colour' for action type 'Copy Files'. Valid options "
-                       "are: path"));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("add-action")},
-                       {"type", QStringLiteral("No Such Type")}})),
-              QStringLiteral("Error: Action type 'No Such Type' not found. Use 'sk "
-                             "list-action-types' to see available types."));
-    EXPECT_EQ(
-        one(req({{"action", QStringLiteral("add-action")},
-                 {"type", QStringLiteral("Copy Files")},
-                 {"cwd", m_home->path()},
-                 {"options", QVariantMap{{QStringLiteral("path"), QStringLiteral("dest")}}}})),
-        QStringLiteral("Added action 'Copy Files' (Copy Files) to grid 'Main Grid'"));
-    const GridActionPtr stored =
-        GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Copy Files"));
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->extraVariables.value(QStringLiteral("path")).toString(), destination);
-
-    // The request finishes when the task does; the script's result reaches it.
-    m_handler->setRunStarter([](const GridActionPtr& action, const QString& event,
-                                const QStringList& files, const QString&,
-                                std::function<void()> finished) {
-        auto* task = new Task;
-        task->gridAction = action;
-        task->actionFile = action->actionFile();
-        task->event = event;
-        task->items = files;
-        task->variables.insert(QStringLiteral("dragged_type"), QStringLiteral("files"));
-        task->completion = std::move(finished);
-        task->run();
-        return task;
-    });
-    const auto responses = ask(req({{"action", QStringLiteral("run")},
-                                    {"name", QStringLiteral("Copy Files")},
-                                    {"files", QStringList{source}}}),
-                               30000);
-    ASSERT_TRUE(responses);
-    EXPECT_TRUE(
-        QFileInfo::exists(QDir(destination).filePath(QStringLiteral("report \"final\".txt"))));
-    EXPECT_TRUE(QFileInfo::exists(source));
-
-    EXPECT_EQ(one(req({{"action", QStringLiteral("run")}, {"name", QStringLiteral("Nope")}})),
-              QStringLiteral("Error: Action 'Nope' not found"));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("remove-action")},
-                       {"name", QStringLiteral("Copy Files")}})),
-              QStringLiteral("Removed action 'Copy Files'"));
-    EXPECT_FALSE(
-        GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Copy Files")));
 }
 
 TEST_F(CmdLineTest, RunningTasksCanBeListedAndCancelled)
@@ -557,30 +437,22 @@ TEST_F(CmdLineTest, RunningTasksCanBeListedAndCancelled)
     ASSERT_TRUE(action->create());
 
     auto run = std::async(std::launch::async, [&] {
-        return CmdLineServer::sendRequest(
-            runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
-            req({{"action", QStringLiteral("run")}, {"name", QStringLiteral("Slow")}}), 20000);
+        return CmdLineServer::sendRequest(runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
+                                          spec("run|name=Slow"), 20000);
     });
     ASSERT_TRUE(waitUntil([] { return TasksController::shared().hasTasks(); }));
-    ASSERT_TRUE(waitUntil([&] {
-        return one(req({{"action", QStringLiteral("list-running")}}))
-            .contains(QStringLiteral("Waiting"));
-    }));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("list-running")}})),
-              QStringLiteral(
-                  "\nRunning Skelvo Actions:\n-------------------------\n0: Slow - Waiting\n"));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("cancel")}, {"index", 3}})),
+    ASSERT_TRUE(
+        waitUntil([&] { return one(spec("list-running")).contains(QStringLiteral("Waiting")); }));
+    EXPECT_EQ(one(spec("cancel|index=3")),
               QStringLiteral("3 is out of bounds. Use 'sk list-running' to see running actions."));
     EXPECT_EQ(run.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
         << "the run request is still open";
-    EXPECT_EQ(one(req({{"action", QStringLiteral("cancel")}, {"index", 0}})),
-              QStringLiteral("Cancelled action 'Slow'"));
+    EXPECT_EQ(one(spec("cancel|index=0")), QStringLiteral("Cancelled action 'Slow'"));
     ASSERT_TRUE(waitUntil(
         [&] { return run.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 10000));
     EXPECT_TRUE(run.get().has_value()) << "a cancelled run still finishes its request";
     ASSERT_TRUE(waitUntil([] { return !TasksController::shared().hasTasks(); }));
-    EXPECT_EQ(one(req({{"action", QStringLiteral("list-running")}})),
-              QStringLiteral("No actions are currently running."));
+    EXPECT_EQ(one(spec("list-running")), QStringLiteral("No actions are currently running."));
 }
 
 TEST_F(CmdLineTest, MalformedAndOversizedRequestsAreAnsweredAndServingGoesOn)
@@ -624,7 +496,7 @@ TEST_F(CmdLineTest, MalformedAndOversizedRequestsAreAnsweredAndServingGoesOn)
     EXPECT_TRUE(garbage.endsWith("{\"name\":\"SkelvoRunCmdLineFinish\"}\n"));
     const QByteArray huge = raw(QByteArray(CmdLineProtocol::MaxMessageBytes + 4096, 'x'));
     EXPECT_TRUE(huge.contains("Error: Request too large")) << huge.left(200).constData();
-    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+    EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
 }
 
 TEST_F(CmdLineTest, OneInstancePerUserAndOtherUsersAreRefused)
@@ -671,7 +543,7 @@ TEST_F(CmdLineTest, OneInstancePerUserAndOtherUsersAreRefused)
     EXPECT_EQ(outcome.get(), 0) << "another user's request must get no answer";
     EXPECT_TRUE(log.contains(QStringLiteral("Refused a command-line connection from user 65534")))
         << log.lines().join(u'\n').toStdString();
-    EXPECT_EQ(one(req({{"action", QStringLiteral("status")}})), QStringLiteral("closed"));
+    EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
 }
 
 // The socket server alone, answering every request 100 ms later with its action word.

@@ -4,23 +4,26 @@
 #include "actions/ActionFile.h"
 #include "actions/ActionFileParser.h"
 #include "builtin/ActionInfo.h"
-#include "events/PasteboardTypes.h"
 #include "store/GridAction.h"
 
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-#include <optional>
-#include <ostream>
 
 namespace {
 
-const QString UriList = QStringLiteral("text/uri-list");
-const QString Plain = QStringLiteral("text/plain");
-const QString Png = QStringLiteral("image/png");
-
 // The action a tile refers to, described by its header lines; none for the special tiles.
-enum class Kind { None, Files, Text, FilesAndText, ClicksOnly, NoEventsLine, Invalid, AppleScript };
+enum class Kind {
+    None,
+    Files,
+    Text,
+    FilesAndText,
+    ClicksOnly,
+    DragsOnly,
+    NoEventsLine,
+    Invalid,
+    AppleScript
+};
 
 ActionFilePtr actionOf(Kind kind)
 {
@@ -46,6 +49,9 @@ ActionFilePtr actionOf(Kind kind)
     case Kind::ClicksOnly:
         lines += QStringLiteral("# Handles: Files\n# Events: Clicked\n");
         break;
+    case Kind::DragsOnly:
+        lines += QStringLiteral("# Handles: Files\n# Events: Dragged\n");
+        break;
     default:
         lines += QStringLiteral("# Handles: Files\n");
         break;
@@ -57,422 +63,230 @@ ActionFilePtr actionOf(Kind kind)
     return record;
 }
 
+const QStringList SomeFile = {QStringLiteral("/tmp/some file.txt")};
+
+// A tile from a short spec: "add", "files:ID" and "text:ID" (Drop Bars), or an action type
+// (id 5).
+GridAction tileOf(const char* spec)
+{
+    const QString s = QString::fromLatin1(spec);
+    GridAction tile;
+    tile.aId = 5;
+    if (s == u"add") {
+        tile.aId = Identifiers::AddToGridTileId;
+    } else if (s.startsWith(u"files:") || s.startsWith(u"text:")) {
+        tile.type = s.startsWith(u"files:") ? QStringLiteral("Drop Bar Files")
+                                            : QStringLiteral("Drop Bar Text");
+        tile.aId = s.section(u':', 1).toLongLong();
+    } else {
+        tile.type = s;
+    }
+    return tile;
+}
+
+// Offered formats, with short names for the common ones.
+QStringList formatsOf(const char* spec)
+{
+    static const QMap<QString, QString> shortNames = {
+        {QStringLiteral("uri"), QStringLiteral("text/uri-list")},
+        {QStringLiteral("plain"), QStringLiteral("text/plain")},
+        {QStringLiteral("png"), QStringLiteral("image/png")},
+        {QStringLiteral("stack"), QStringLiteral("com.quarnet.skelvo.stack-item")},
+        {QStringLiteral("tile"), QStringLiteral("com.quarnet.SKActionPboardType")}};
+    QStringList formats;
+    for (const QString& f : QString::fromLatin1(spec).split(u' ', Qt::SkipEmptyParts)) {
+        formats << shortNames.value(f, f);
+    }
+    return formats;
+}
+
+// Applies the flags of a row: "files" (paths offered), "within=ID" (dragged from that Drop
+// Bar), "general" (the clipboard), "missing"/"exists" (the path variable), "net", "h0"/"h1".
+void applyFlags(const char* flags, GridAction& tile, DragInfo& drag, const QTemporaryDir& dir)
+{
+    for (const QString& f : QString::fromLatin1(flags).split(u' ', Qt::SkipEmptyParts)) {
+        if (f == u"files") {
+            drag.filePaths = SomeFile;
+        } else if (f.startsWith(u"within=")) {
+            drag.fromWithinSkelvo = true;
+            drag.sourceDropbarId = f.section(u'=', 1).toLongLong();
+        } else if (f == u"general") {
+            drag.isGeneralPasteboard = true;
+        } else if (f == u"missing" || f == u"exists") {
+            tile.extraVariables.insert(GridAction::PathVariable,
+                                       f == u"exists" ? dir.path()
+                                                      : dir.filePath(QStringLiteral("gone")));
+        } else if (f == u"net") {
+            tile.extraVariables.insert(GridAction::NetworkVolumeVariable, QStringLiteral("1"));
+        } else if (f == u"h0" || f == u"h1") {
+            tile.extraVariables.insert(AcceptanceRules::HandlesOptionVariable, f.mid(1));
+        }
+    }
+}
+
 struct DragRow {
     const char* name;
     Kind kind;
-    QString tileType;
-    ActionId tileId;
-    QStringList formats;
-    QStringList filePaths;
+    const char* tile;
+    const char* formats;
+    const char* flags;
     bool expected;
-    bool fromWithin = false;
-    DropbarId source = 0;
-    bool general = false;
-    QString pathVariable = {}; // "missing" for a gone path
-    std::optional<QString> handlesOption = std::nullopt;
-    bool networkVolume = false;
 };
-
-void PrintTo(const DragRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class DragAcceptance : public testing::TestWithParam<DragRow> {
-protected:
-    QTemporaryDir dir;
-};
-
-const QStringList SomeFile = {QStringLiteral("/tmp/some file.txt")};
-const QString Files = QStringLiteral("Drop Bar Files");
-const QString Text = QStringLiteral("Drop Bar Text");
-const QString Stack = QStringLiteral("com.quarnet.skelvo.stack-item");
-const QString Tile = QStringLiteral("com.quarnet.SKActionPboardType");
-const ActionId Add = Identifiers::AddToGridTileId;
 
 const DragRow DragRows[] = {
     // Refusals that come first.
-    {"StackItemOntoItsOwnDropBar",
-     Kind::None,
-     Files,
-     100001,
-     {Stack, UriList},
-     SomeFile,
-     false,
-     true,
-     100001},
-    {"StackItemOntoAnotherDropBar",
-     Kind::None,
-     Files,
-     100002,
-     {Stack, UriList},
-     SomeFile,
-     true,
-     true,
-     100001},
-    {"TileMovedInsideTheGrid", Kind::Files, "Files", 5, {Tile, UriList}, SomeFile, false},
-    {"TileMovedOntoAddToGrid", Kind::None, {}, Add, {Tile, UriList}, SomeFile, false},
+    {"StackItemOntoItsOwnDropBar", Kind::None, "files:100001", "stack uri", "files within=100001",
+     false},
+    {"StackItemOntoAnotherDropBar", Kind::None, "files:100002", "stack uri", "files within=100001",
+     true},
+    {"TileMovedInsideTheGrid", Kind::Files, "Files", "tile uri", "files", false},
+    {"TileMovedOntoAddToGrid", Kind::None, "add", "tile uri", "files", false},
     // "Add to Grid".
-    {"AddToGridTakesFiles", Kind::None, {}, Add, {UriList}, SomeFile, true},
-    {"AddToGridRefusesText", Kind::None, {}, Add, {Plain}, {}, false},
-    {"AddToGridRefusesWebLinks", Kind::None, {}, Add, {UriList, Plain}, {}, false},
+    {"AddToGridTakesFiles", Kind::None, "add", "uri", "files", true},
+    {"AddToGridRefusesText", Kind::None, "add", "plain", "", false},
+    {"AddToGridRefusesWebLinks", Kind::None, "add", "uri plain", "", false},
     // Drop Bars from outside.
-    {"FilesDropBarTakesFiles", Kind::None, Files, 100002, {UriList}, SomeFile, true},
-    {"FilesDropBarTakesPromisedFiles", Kind::None, Files, 100002, {"XdndDirectSave0"}, {}, true},
-    {"FilesDropBarRefusesText", Kind::None, Files, 100002, {Plain}, {}, false},
-    {"TextDropBarTakesText", Kind::None, Text, 100003, {Plain}, {}, true},
-    {"TextDropBarTakesTextWithCharset",
-     Kind::None,
-     Text,
-     100003,
-     {"text/plain;charset=utf-8"},
-     {},
+    {"FilesDropBarTakesFiles", Kind::None, "files:100002", "uri", "files", true},
+    {"FilesDropBarTakesPromisedFiles", Kind::None, "files:100002", "XdndDirectSave0", "", true},
+    {"FilesDropBarRefusesText", Kind::None, "files:100002", "plain", "", false},
+    {"TextDropBarTakesText", Kind::None, "text:100003", "plain", "", true},
+    {"TextDropBarTakesTextWithCharset", Kind::None, "text:100003", "text/plain;charset=utf-8", "",
      true},
-    {"TextDropBarRefusesTextWithFiles",
-     Kind::None,
-     Text,
-     100003,
-     {Plain, UriList},
-     SomeFile,
-     false},
-    {"TextDropBarRefusesFiles", Kind::None, Text, 100003, {UriList}, SomeFile, false},
-    {"FirstDropBarTakesText", Kind::None, Files, 100000, {Plain}, {}, true},
-    {"FirstDropBarTakesFilesAsFilesBar", Kind::None, Files, 100000, {UriList}, SomeFile, true},
+    {"TextDropBarRefusesTextWithFiles", Kind::None, "text:100003", "plain uri", "files", false},
+    {"TextDropBarRefusesFiles", Kind::None, "text:100003", "uri", "files", false},
+    {"FirstDropBarTakesText", Kind::None, "files:100000", "plain", "", true},
+    {"FirstDropBarTakesFilesAsFilesBar", Kind::None, "files:100000", "uri", "files", true},
     // Drop Bars from inside the application.
-    {"InsideOntoFirstDropBarFallsThrough",
-     Kind::None,
-     Files,
-     100000,
-     {UriList},
-     SomeFile,
-     false,
-     true,
-     100004},
-    {"InsideOntoItsSourceFallsThrough", Kind::None, Text, 100003, {Plain}, {}, false, true, 100003},
-    {"InsideOntoAnotherTextDropBar", Kind::None, Text, 100003, {Plain}, {}, true, true, 100004},
-    // The file rule.
-    {"FilesActionTakesFileUrls", Kind::Files, "A", 5, {UriList}, SomeFile, true},
-    {"FilesActionTakesDirectSave", Kind::Files, "A", 5, {"XdndDirectSave0"}, {}, true},
-    {"FilesActionTakesPortalFiles",
-     Kind::Files,
-     "A",
-     5,
-     {"application/vnd.portal.filetransfer"},
-     {},
-     true},
-    {"FilesActionTakesMailMessages",
-     Kind::Files,
-     "A",
-     5,
-     {"com.apple.mail.PasteboardTypeMessageTransfer"},
-     {},
-     true},
-    {"FilesActionRefusesText", Kind::Files, "A", 5, {Plain}, {}, false},
-    {"FilesActionRefusesAnImage", Kind::Files, "A", 5, {Png}, {}, false},
-    {"NoEventsLineTakesDrags", Kind::NoEventsLine, "A", 5, {UriList}, SomeFile, true},
-    {"ClicksOnlyRefusesEveryDrag", Kind::ClicksOnly, "A", 5, {UriList}, SomeFile, false},
-    {"MissingPathRefuses",
-     Kind::Files,
-     "A",
-     5,
-     {UriList},
-     SomeFile,
-     false,
-     false,
-     0,
-     false,
-     "missing"},
-    {"MissingPathOnNetworkVolumeStillTakes",
-     Kind::Files,
-     "A",
-     5,
-     {UriList},
-     SomeFile,
-     true,
-     false,
-     0,
-     false,
-     "missing",
-     std::nullopt,
-     true},
-    {"ExistingPathTakes",
-     Kind::Files,
-     "A",
-     5,
-     {UriList},
-     SomeFile,
-     true,
-     false,
-     0,
-     false,
-     "exists"},
-    {"InvalidMetadataRefuses", Kind::Invalid, "A", 5, {UriList}, SomeFile, false},
-    {"AppleScriptHandlingFilesTakesFiles",
-     Kind::AppleScript,
-     "Run AppleScript",
-     5,
-     {UriList},
-     SomeFile,
-     true,
-     false,
-     0,
-     false,
-     {},
-     QStringLiteral("1")},
-    {"AppleScriptNotHandlingFilesRefuses",
-     Kind::AppleScript,
-     "Run AppleScript",
-     5,
-     {UriList},
-     SomeFile,
-     false,
-     false,
-     0,
-     false,
-     {},
-     QStringLiteral("0")},
-    {"UnknownActionRefuses", Kind::None, "Gone", 5, {UriList, Plain}, SomeFile, false},
-    // The text rule.
-    {"TextActionTakesText", Kind::Text, "A", 5, {Plain}, {}, true},
-    {"TextActionRefusesTextWithAnImage", Kind::Text, "A", 5, {Plain, "image/tiff"}, {}, false},
-    {"TextActionRefusesTextWithQtImage",
-     Kind::Text,
-     "A",
-     5,
-     {Plain, "application/x-qt-image"},
-     {},
+    {"InsideOntoFirstDropBarFallsThrough", Kind::None, "files:100000", "uri", "files within=100004",
      false},
-    {"TextActionRefusesFiles", Kind::Text, "A", 5, {UriList}, SomeFile, false},
-    {"TextActionWithMissingPathRefuses",
-     Kind::Text,
-     "A",
-     5,
-     {Plain},
-     {},
-     false,
-     false,
-     0,
-     false,
-     "missing"},
-    {"FilesAndTextRefusesTextWithAnImage", Kind::FilesAndText, "A", 5, {Plain, Png}, {}, false},
-    {"FilesAndTextTakesFilesWithText",
-     Kind::FilesAndText,
-     "A",
-     5,
-     {UriList, Plain},
-     SomeFile,
+    {"InsideOntoItsSourceFallsThrough", Kind::None, "text:100003", "plain", "within=100003", false},
+    {"InsideOntoAnotherTextDropBar", Kind::None, "text:100003", "plain", "within=100004", true},
+    // The file rule.
+    {"FilesActionTakesFileUrls", Kind::Files, "A", "uri", "files", true},
+    {"FilesActionTakesDirectSave", Kind::Files, "A", "XdndDirectSave0", "", true},
+    {"FilesActionTakesPortalFiles", Kind::Files, "A", "application/vnd.portal.filetransfer", "",
      true},
+    {"FilesActionTakesMailMessages", Kind::Files, "A",
+     "com.apple.mail.PasteboardTypeMessageTransfer", "", true},
+    {"FilesActionRefusesText", Kind::Files, "A", "plain", "", false},
+    {"FilesActionRefusesAnImage", Kind::Files, "A", "png", "", false},
+    {"NoEventsLineTakesDrags", Kind::NoEventsLine, "A", "uri", "files", true},
+    {"ClicksOnlyRefusesEveryDrag", Kind::ClicksOnly, "A", "uri", "files", false},
+    {"MissingPathRefuses", Kind::Files, "A", "uri", "files missing", false},
+    {"MissingPathOnNetworkVolumeStillTakes", Kind::Files, "A", "uri", "files missing net", true},
+    {"ExistingPathTakes", Kind::Files, "A", "uri", "files exists", true},
+    {"InvalidMetadataRefuses", Kind::Invalid, "A", "uri", "files", false},
+    {"AppleScriptHandlingFilesTakesFiles", Kind::AppleScript, "Run AppleScript", "uri", "files h1",
+     true},
+    {"AppleScriptNotHandlingFilesRefuses", Kind::AppleScript, "Run AppleScript", "uri", "files h0",
+     false},
+    {"UnknownActionRefuses", Kind::None, "Gone", "uri plain", "files", false},
+    // The text rule.
+    {"TextActionTakesText", Kind::Text, "A", "plain", "", true},
+    {"TextActionRefusesTextWithAnImage", Kind::Text, "A", "plain image/tiff", "", false},
+    {"TextActionRefusesTextWithQtImage", Kind::Text, "A", "plain application/x-qt-image", "",
+     false},
+    {"TextActionRefusesFiles", Kind::Text, "A", "uri", "files", false},
+    {"TextActionWithMissingPathRefuses", Kind::Text, "A", "plain", "missing", false},
+    {"FilesAndTextRefusesTextWithAnImage", Kind::FilesAndText, "A", "plain png", "", false},
+    {"FilesAndTextTakesFilesWithText", Kind::FilesAndText, "A", "uri plain", "files", true},
     // The clipboard's image.
-    {"ClipboardImageIsTaken", Kind::Text, "A", 5, {Png}, {}, true, false, 0, true},
-    {"DraggedImageIsNot", Kind::Text, "A", 5, {Png}, {}, false, false, 0, false},
+    {"ClipboardImageIsTaken", Kind::Text, "A", "png", "general", true},
+    {"DraggedImageIsNot", Kind::Text, "A", "png", "", false},
+};
+
+// Clipboard rows: the same drag description, answered by canHandleClipboard.
+const DragRow ClipboardRows[] = {
+    {"FilesForAFilesAction", Kind::Files, "A", "uri", "files", true},
+    {"FilesForATextAction", Kind::Text, "A", "uri plain", "files", false},
+    {"ImageForAFilesAction", Kind::Files, "A", "png", "", true},
+    {"ImageWithTextForATextAction", Kind::Text, "A", "png plain", "", false},
+    {"TextForATextAction", Kind::Text, "A", "plain", "", true},
+    {"TextForAFilesAction", Kind::Files, "A", "plain", "", false},
+    {"WebLinkForAFilesAction", Kind::Files, "A", "uri plain", "", false},
+    {"NothingForAFilesAction", Kind::Files, "A", "", "", false},
 };
 
 } // namespace
 
-TEST_P(DragAcceptance, Row)
+TEST(AcceptanceRules, DragsAndTheClipboard)
 {
-    const DragRow& row = GetParam();
-    GridAction tile;
-    tile.aId = row.tileId;
-    tile.type = row.tileType;
-    if (row.pathVariable == u"missing") {
-        tile.extraVariables.insert(GridAction::PathVariable, dir.filePath(QStringLiteral("gone")));
-    } else if (row.pathVariable == u"exists") {
-        tile.extraVariables.insert(GridAction::PathVariable, dir.path());
-    }
-    if (row.handlesOption) {
-        tile.extraVariables.insert(AcceptanceRules::HandlesOptionVariable, *row.handlesOption);
-    }
-    if (row.networkVolume) {
-        tile.extraVariables.insert(GridAction::NetworkVolumeVariable, QStringLiteral("1"));
-    }
-    DragInfo drag;
-    drag.formats = row.formats;
-    drag.filePaths = row.filePaths;
-    drag.fromWithinSkelvo = row.fromWithin;
-    drag.sourceDropbarId = row.source;
-    drag.isGeneralPasteboard = row.general;
-    const ActionFilePtr action = actionOf(row.kind);
-    EXPECT_EQ(AcceptanceRules::canHandleDrag(tile, action.get(), drag), row.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rules, DragAcceptance, testing::ValuesIn(DragRows),
-                         [](const testing::TestParamInfo<DragRow>& row) {
-                             return std::string(row.param.name);
-                         });
-
-TEST(PasteboardTypes, FileTypesAreThePromisesThenUrlsThenMail)
-{
-    const QStringList types = PasteboardTypes::validFileDragTypes();
-    ASSERT_GE(types.size(), 3);
-    EXPECT_EQ(types.mid(0, types.size() - 2), PasteboardTypes::filePromiseTypes());
-    EXPECT_EQ(types.at(types.size() - 2), UriList);
-    EXPECT_EQ(types.last(), QStringLiteral("com.apple.mail.PasteboardTypeMessageTransfer"));
-    EXPECT_EQ(PasteboardTypes::validTextDragTypes(), QStringList{Plain});
-    EXPECT_FALSE(PasteboardTypes::isTextDragType(QStringLiteral("text/plainish")));
-    EXPECT_FALSE(PasteboardTypes::isTextDragType(QStringLiteral("text/html")));
-    EXPECT_TRUE(PasteboardTypes::isImageType(QStringLiteral("image/jpeg")));
-    EXPECT_FALSE(PasteboardTypes::isImageType(QStringLiteral("text/uri-list")));
-}
-
-namespace {
-
-struct ClipboardRow {
-    const char* name;
-    Kind kind;
-    QStringList formats;
-    QStringList filePaths;
-    bool expected;
-};
-
-const ClipboardRow ClipboardRows[] = {
-    {"FilesForAFilesAction", Kind::Files, {UriList}, SomeFile, true},
-    {"FilesForATextAction", Kind::Text, {UriList, Plain}, SomeFile, false},
-    {"ImageForAFilesAction", Kind::Files, {Png}, {}, true},
-    {"ImageWithTextForATextAction", Kind::Text, {Png, Plain}, {}, false},
-    {"TextForATextAction", Kind::Text, {Plain}, {}, true},
-    {"TextForAFilesAction", Kind::Files, {Plain}, {}, false},
-    {"WebLinkForAFilesAction", Kind::Files, {UriList, Plain}, {}, false},
-    {"NothingForAFilesAction", Kind::Files, {}, {}, false},
-};
-
-void PrintTo(const ClipboardRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class ClipboardAcceptance : public testing::TestWithParam<ClipboardRow> {};
-
-} // namespace
-
-TEST_P(ClipboardAcceptance, Row)
-{
-    const ClipboardRow& row = GetParam();
-    GridAction tile;
-    tile.aId = 7;
-    tile.type = QStringLiteral("A");
-    DragInfo clipboard;
-    clipboard.isGeneralPasteboard = true;
-    clipboard.formats = row.formats;
-    clipboard.filePaths = row.filePaths;
-    const ActionFilePtr action = actionOf(row.kind);
-    EXPECT_EQ(AcceptanceRules::canHandleClipboard(tile, action.get(), clipboard), row.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rules, ClipboardAcceptance, testing::ValuesIn(ClipboardRows),
-                         [](const testing::TestParamInfo<ClipboardRow>& row) {
-                             return std::string(row.param.name);
-                         });
-
-namespace {
-
-struct ClickRow {
-    const char* name;
-    Kind kind;
-    QString tileType;
-    ActionId tileId;
-    AcceptanceRules::ClickRoute expected;
-    bool onlyConfig = false;
-    QString pathVariable = {};
-    std::optional<QString> handlesOption = std::nullopt;
-};
-
-using Route = AcceptanceRules::ClickRoute;
-
-const ClickRow ClickRows[] = {
-    {"AddToGridShowsTheMenu", Kind::None, {}, Add, Route::AddActionMenu},
-    {"FilesDropBar", Kind::None, Files, 100002, Route::DropBarTile},
-    {"TextDropBar", Kind::None, Text, 100003, Route::DropBarTile},
-    {"FirstDropBar", Kind::None, Files, 100000, Route::DropBarPinned},
-    {"UnknownAction", Kind::None, "Gone", 5, Route::OpenConfig},
-    {"NoEventsLineRunsOnClick", Kind::Files, "A", 5, Route::RunScript},
-    {"ClicksOnlyScript", Kind::ClicksOnly, "A", 5, Route::RunScript},
-    {"TextActionRunsOnClick", Kind::Text, "A", 5, Route::RunScript},
-    {"MissingPathOpensConfig", Kind::ClicksOnly, "A", 5, Route::OpenConfig, false, "missing"},
-    {"InvalidMetadataOpensConfig", Kind::Invalid, "A", 5, Route::OpenConfig},
-    {"RenameAndCopyOpensConfig", Kind::Files, "Rename & Copy Files", 5, Route::OpenConfig},
-    {"RenameAndMoveOpensConfig", Kind::Files, "Rename & Move Files", 5, Route::OpenConfig},
-    {"AppleScriptHandlingFilesRuns",
-     Kind::AppleScript,
-     "Run AppleScript",
-     5,
-     Route::RunBuiltIn,
-     false,
-     {},
-     QStringLiteral("1")},
-    {"AppleScriptOtherwiseOnlyConfigures",
-     Kind::AppleScript,
-     "Run AppleScript",
-     5,
-     Route::OpenConfig,
-     true,
-     {},
-     QStringLiteral("0")},
-};
-
-void PrintTo(const ClickRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class ClickRouting : public testing::TestWithParam<ClickRow> {
-protected:
     QTemporaryDir dir;
-};
-
-} // namespace
-
-TEST_P(ClickRouting, Row)
-{
-    const ClickRow& row = GetParam();
-    GridAction tile;
-    tile.aId = row.tileId;
-    tile.type = row.tileType;
-    if (row.pathVariable == u"missing") {
-        tile.extraVariables.insert(GridAction::PathVariable, dir.filePath(QStringLiteral("gone")));
+    const auto check = [&](const DragRow& row, bool clipboard) {
+        SCOPED_TRACE(row.name);
+        GridAction tile = tileOf(row.tile);
+        DragInfo drag;
+        drag.formats = formatsOf(row.formats);
+        applyFlags(row.flags, tile, drag, dir);
+        const ActionFilePtr action = actionOf(row.kind);
+        if (clipboard) {
+            drag.isGeneralPasteboard = true;
+            EXPECT_EQ(AcceptanceRules::canHandleClipboard(tile, action.get(), drag), row.expected);
+        } else {
+            EXPECT_EQ(AcceptanceRules::canHandleDrag(tile, action.get(), drag), row.expected);
+        }
+    };
+    for (const DragRow& row : DragRows) {
+        check(row, false);
     }
-    if (row.handlesOption) {
-        tile.extraVariables.insert(AcceptanceRules::HandlesOptionVariable, *row.handlesOption);
+    for (const DragRow& row : ClipboardRows) {
+        check(row, true);
     }
-    const ActionFilePtr action = actionOf(row.kind);
-    EXPECT_EQ(AcceptanceRules::routeClick(tile, action.get()), row.expected);
-    EXPECT_EQ(AcceptanceRules::clickWouldOnlyOpenConfig(tile, action.get()), row.onlyConfig);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rules, ClickRouting, testing::ValuesIn(ClickRows),
-                         [](const testing::TestParamInfo<ClickRow>& row) {
-                             return std::string(row.param.name);
-                         });
-
-TEST(ClickRouting, AScriptThatTakesNoClicksOnlyOpensItsSettings)
+TEST(AcceptanceRules, Clicks)
 {
-    auto action = std::make_shared<ActionFile>();
-    ActionFileParser::parseHeader(
-        QStringLiteral("# Skelvo Action Info\n# Name: A\n# Description: d\n# Handles: Files\n"
-                       "# Creator: c\n# URL: u\n# Events: Dragged\n"),
-        *action);
-    GridAction tile;
-    tile.aId = 5;
-    tile.type = QStringLiteral("A");
-    EXPECT_TRUE(AcceptanceRules::clickWouldOnlyOpenConfig(tile, action.get()));
-    EXPECT_EQ(AcceptanceRules::routeClick(tile, action.get()), Route::OpenConfig);
+    using Route = AcceptanceRules::ClickRoute;
+    struct ClickRow {
+        Kind kind;
+        const char* tile;
+        const char* flags;
+        Route expected;
+        bool onlyConfig;
+    };
+    const ClickRow rows[] = {
+        {Kind::None, "add", "", Route::AddActionMenu, false},
+        {Kind::None, "files:100002", "", Route::DropBarTile, false},
+        {Kind::None, "text:100003", "", Route::DropBarTile, false},
+        {Kind::None, "files:100000", "", Route::DropBarPinned, false},
+        {Kind::None, "Gone", "", Route::OpenConfig, false},
+        {Kind::Files, "A", "", Route::RunScript, false},
+        {Kind::ClicksOnly, "A", "", Route::RunScript, false},
+        {Kind::Text, "A", "", Route::RunScript, false},
+        {Kind::DragsOnly, "A", "", Route::OpenConfig, true},
+        {Kind::ClicksOnly, "A", "missing", Route::OpenConfig, false},
+        {Kind::Invalid, "A", "", Route::OpenConfig, false},
+        {Kind::Files, "Rename & Copy Files", "", Route::OpenConfig, false},
+        {Kind::Files, "Rename & Move Files", "", Route::OpenConfig, false},
+        {Kind::AppleScript, "Run AppleScript", "h1", Route::RunBuiltIn, false},
+        {Kind::AppleScript, "Run AppleScript", "h0", Route::OpenConfig, true},
+    };
+    QTemporaryDir dir;
+    for (const ClickRow& row : rows) {
+        SCOPED_TRACE(testing::Message()
+                     << row.tile << " " << row.flags << " " << static_cast<int>(row.kind));
+        GridAction tile = tileOf(row.tile);
+        DragInfo unused;
+        applyFlags(row.flags, tile, unused, dir);
+        const ActionFilePtr action = actionOf(row.kind);
+        EXPECT_EQ(AcceptanceRules::routeClick(tile, action.get()), row.expected);
+        EXPECT_EQ(AcceptanceRules::clickWouldOnlyOpenConfig(tile, action.get()), row.onlyConfig);
+    }
 }
 
-TEST(ClickRouting, SharingServices)
+TEST(AcceptanceRules, ClicksOnSharingServices)
 {
-    GridAction tile;
-    tile.aId = 5;
+    using Route = AcceptanceRules::ClickRoute;
+    GridAction tile = tileOf("A");
     ActionFile service;
     service.isSharingService = true;
     service.metaDataNotFound = false;
     service.sharingServiceName = QStringLiteral("Email");
     EXPECT_EQ(AcceptanceRules::routeClick(tile, &service), Route::SharingService);
     EXPECT_FALSE(AcceptanceRules::clickWouldOnlyOpenConfig(tile, &service));
-
     service.sharingServiceName = QStringLiteral("AirDrop");
     // This desktop has no AirDrop application, so the service can only be configured.
     EXPECT_EQ(AcceptanceRules::routeClick(tile, &service), Route::OpenConfig);
-
     service.sharingServiceName = QStringLiteral("Email");
     service.applyHeaderField(QStringLiteral("Events"), QStringLiteral("Dragged"));
     EXPECT_EQ(AcceptanceRules::routeClick(tile, &service), Route::OpenConfig);

@@ -5,62 +5,39 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-ActionFile withModifiers(const QString& line)
+TEST(KeyModifierSelection, OneEnabledKeyAloneSelectsItself)
 {
-    ActionFile action;
-    ActionFileParser::parseHeader(
-        QStringLiteral("# Skelvo Action Info\n# Name: A\n# Handles: Files\n%1\n").arg(line),
-        action);
-    return action;
-}
-
-KeyModifiers held(bool option, bool command, bool shift, bool control)
-{
-    return KeyModifiers{option, command, shift, control};
-}
-
-} // namespace
-
-TEST(KeyModifierSelection, EachKeyAloneSelectsItselfWhenTheActionEnablesIt)
-{
-    const ActionFile all =
-        withModifiers(QStringLiteral("# KeyModifiers: option, Command, SHIFT, Control"));
-    EXPECT_EQ(held(true, false, false, false).selectFor(all), QStringLiteral("Option"));
-    EXPECT_EQ(held(false, true, false, false).selectFor(all), QStringLiteral("Command"));
-    EXPECT_EQ(held(false, false, true, false).selectFor(all), QStringLiteral("Shift"));
-    EXPECT_EQ(held(false, false, false, true).selectFor(all), QStringLiteral("Control"));
-    EXPECT_EQ(held(false, false, false, false).selectFor(all), QString());
-}
-
-TEST(KeyModifierSelection, TwoKeysTogetherSelectNothing)
-{
-    const ActionFile all =
-        withModifiers(QStringLiteral("# KeyModifiers: Option, Command, Shift, Control"));
-    EXPECT_EQ(held(true, false, true, false).selectFor(all), QString());
-    EXPECT_EQ(held(true, true, false, false).selectFor(all), QString());
-    EXPECT_EQ(held(false, true, false, true).selectFor(all), QString());
-    EXPECT_EQ(held(true, true, true, true).selectFor(all), QString());
-}
-
-TEST(KeyModifierSelection, AKeyTheActionDoesNotEnableSelectsNothing)
-{
-    const ActionFile option = withModifiers(QStringLiteral("# KeyModifiers: Option"));
-    EXPECT_EQ(held(true, false, false, false).selectFor(option), QStringLiteral("Option"));
-    EXPECT_EQ(held(false, false, true, false).selectFor(option), QString());
-    EXPECT_EQ(held(false, true, false, false).selectFor(option), QString());
-    const ActionFile none = withModifiers(QString());
-    EXPECT_EQ(held(true, false, false, false).selectFor(none), QString());
-}
-
-TEST(KeyModifierSelection, TheDesktopsKeysMapOntoTheFourNames)
-{
-    EXPECT_EQ(KeyModifiers::fromQt(Qt::AltModifier), held(true, false, false, false));
-    EXPECT_EQ(KeyModifiers::fromQt(Qt::MetaModifier), held(false, true, false, false));
-    EXPECT_EQ(KeyModifiers::fromQt(Qt::ShiftModifier), held(false, false, true, false));
-    EXPECT_EQ(KeyModifiers::fromQt(Qt::ControlModifier), held(false, false, false, true));
-    EXPECT_EQ(KeyModifiers::fromQt(Qt::AltModifier | Qt::ShiftModifier),
-              held(true, false, true, false));
+    struct Row {
+        const char* enabled; // the KeyModifiers header line
+        KeyModifiers held;   // option, command, shift, control
+        const char* selected;
+    };
+    const Row rows[] = {
+        {"option, Command, SHIFT, Control", {true, false, false, false}, "Option"},
+        {"option, Command, SHIFT, Control", {false, true, false, false}, "Command"},
+        {"option, Command, SHIFT, Control", {false, false, true, false}, "Shift"},
+        {"option, Command, SHIFT, Control", {false, false, false, true}, "Control"},
+        {"option, Command, SHIFT, Control", {false, false, false, false}, ""},
+        {"Option, Command, Shift, Control", {true, false, true, false}, ""},
+        {"Option, Command, Shift, Control", {true, true, false, false}, ""},
+        {"Option, Command, Shift, Control", {false, true, false, true}, ""},
+        {"Option, Command, Shift, Control", {false, false, true, true}, ""},
+        {"Option", {false, false, true, false}, ""},
+        {"", {true, false, false, false}, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.enabled);
+        ActionFile action;
+        ActionFileParser::parseHeader(
+            QStringLiteral(
+                "# Skelvo Action Info\n# Name: A\n# Handles: Files\n# KeyModifiers: %1\n")
+                .arg(QString::fromLatin1(row.enabled)),
+            action);
+        EXPECT_EQ(row.held.selectFor(action), QString::fromLatin1(row.selected));
+    }
+    EXPECT_EQ(KeyModifiers::fromQt(Qt::AltModifier | Qt::MetaModifier),
+              (KeyModifiers{true, true, false, false}));
+    EXPECT_EQ(KeyModifiers::fromQt(Qt::ShiftModifier | Qt::ControlModifier),
+              (KeyModifiers{false, false, true, true}));
     EXPECT_EQ(KeyModifiers::fromQt(Qt::KeypadModifier), KeyModifiers{});
 }

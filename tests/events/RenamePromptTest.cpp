@@ -80,17 +80,19 @@ TEST_F(RenamePromptTest, ThreeFilesAreAskedForInTurnAndTheNamesReachTheTask)
     EXPECT_EQ(titles(), (QStringList{QStringLiteral("Rename and Move Files (1 of 3)"),
                                      QStringLiteral("Rename and Move Files (2 of 3)"),
                                      QStringLiteral("Rename and Move Files (3 of 3)")}));
+    // Label, proposed name and the selected part before the last extension, per item.
     const QList<RenamePrompt>& prompts = windows().renamePrompts;
-    EXPECT_EQ(prompts[0].label, QStringLiteral("New Filename:"));
-    EXPECT_EQ(prompts[0].proposedName, QStringLiteral("a.tar.gz"));
-    EXPECT_EQ(prompts[0].selectionLength, 5) << "the part before the last extension";
-    EXPECT_EQ(prompts[1].label, QStringLiteral("New Folder Name:"));
-    EXPECT_EQ(prompts[1].proposedName, QStringLiteral("Photos"));
-    EXPECT_EQ(prompts[1].selectionLength, 6);
-    EXPECT_EQ(prompts[2].proposedName, QStringLiteral(".hidden"));
-    EXPECT_EQ(prompts[2].selectionLength, 7);
-    EXPECT_EQ(prompts[2].itemNumber, 3);
-    EXPECT_EQ(prompts[2].itemCount, 3);
+    ASSERT_EQ(prompts.size(), 3);
+    const std::tuple<const char*, const char*, int> expected[] = {{"New Filename:", "a.tar.gz", 5},
+                                                                  {"New Folder Name:", "Photos", 6},
+                                                                  {"New Filename:", ".hidden", 7}};
+    for (int i = 0; i < 3; ++i) {
+        const auto& [label, name, selected] = expected[i];
+        EXPECT_EQ(prompts[i].label, QString::fromLatin1(label)) << i;
+        EXPECT_EQ(prompts[i].proposedName, QString::fromLatin1(name)) << i;
+        EXPECT_EQ(prompts[i].selectionLength, selected) << i;
+        EXPECT_EQ(prompts[i].itemNumber, i + 1);
+    }
 
     ASSERT_EQ(started.size(), 1);
     EXPECT_EQ(started.first(), task);
@@ -205,21 +207,6 @@ TEST_F(RenamePromptTest, AnEmptyNameAsksForTheSameItemAgain)
     EXPECT_EQ(task->variables.value(QStringLiteral("RENAMED_FILENAME_0")),
               QStringLiteral("kept.txt"));
     EXPECT_FALSE(task->variables.contains(QStringLiteral("RENAMED_FILENAME_1")));
-}
-
-TEST_F(RenamePromptTest, OnlyOnePromptAtATime)
-{
-    const GridActionPtr action = store(RenameMove, destination);
-    Task* first = handler->createTaskForAction(action, {makeFile(QStringLiteral("a"))},
-                                               QStringLiteral("dragged"), false);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(handler->createTaskForAction(action, {makeFile(QStringLiteral("b"))},
-                                           QStringLiteral("dragged"), true),
-              nullptr);
-    EXPECT_EQ(handler->pendingTask(), first);
-    settle();
-    ASSERT_EQ(windows().pendingRenamePrompts.size(), 1);
-    EXPECT_EQ(windows().renamePrompts[0].proposedName, QStringLiteral("a"));
 }
 
 TEST_F(RenamePromptTest, AnAnswerAfterTheRunWasCancelledIsIgnored)

@@ -71,15 +71,14 @@ TEST_F(GridActionTaskTest, TheFileHoldsTheStoredVariablesAndTheBase64Password)
     const auto description = task->generateTaskDescription(false);
     ASSERT_TRUE(description);
     const QString base64 = QString::fromLatin1(QByteArrayLiteral("s3cret pw").toBase64());
-    EXPECT_TRUE(
-        description->contains(QStringLiteral("VARIABLE: \"password\" \"%1\"\n").arg(base64)));
-    EXPECT_TRUE(
-        description->contains(QStringLiteral("VARIABLE: \"password_variable\" \"password\"\n")));
-    EXPECT_TRUE(
-        description->contains(QStringLiteral("VARIABLE: \"server\" \"sftp.example.org\"\n")));
-    EXPECT_TRUE(description->contains(QStringLiteral("VARIABLE: \"remote_path\" \"/var/www\"\n")));
-    EXPECT_TRUE(
-        description->contains(QStringLiteral("VARIABLE: \"path\" \"/home/ann/key \\\"id\\\"\"\n")));
+    const QString lines[] = {QStringLiteral("VARIABLE: \"password\" \"%1\"\n").arg(base64),
+                             QStringLiteral("VARIABLE: \"password_variable\" \"password\"\n"),
+                             QStringLiteral("VARIABLE: \"server\" \"sftp.example.org\"\n"),
+                             QStringLiteral("VARIABLE: \"remote_path\" \"/var/www\"\n"),
+                             QStringLiteral("VARIABLE: \"path\" \"/home/ann/key \\\"id\\\"\"\n")};
+    for (const QString& line : lines) {
+        EXPECT_TRUE(description->contains(line)) << line.toStdString();
+    }
     EXPECT_FALSE(description->contains(QStringLiteral("scoped_bookmark")));
 
     const auto console = task->generateTaskDescription(true);

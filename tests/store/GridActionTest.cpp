@@ -304,31 +304,6 @@ TEST_F(GridActionTest, AnActionNeverCollidesWithItself)
 
 // --- Record, saving and removing
 
-TEST_F(GridActionTest, TheDictionaryFormHasExactlySevenKeys)
-{
-    GridAction action;
-    action.name = QStringLiteral("N");
-    action.type = QStringLiteral("T");
-    const QVariantMap dict = action.actionDict();
-    EXPECT_EQ(dict.keys(),
-              (QStringList{QStringLiteral("bundled_icon"), QStringLiteral("category_id"),
-                           QStringLiteral("name"), QStringLiteral("position"),
-                           QStringLiteral("services_key"), QStringLiteral("type"),
-                           QStringLiteral("using_default_icon")}));
-    EXPECT_TRUE(SqliteConnection::isNull(dict.value(QStringLiteral("services_key"))));
-    EXPECT_TRUE(SqliteConnection::isNull(dict.value(QStringLiteral("bundled_icon"))));
-    EXPECT_TRUE(action.description().startsWith(QStringLiteral("GridAction: ")));
-}
-
-TEST_F(GridActionTest, ACopyIsDeep)
-{
-    GridAction original;
-    original.extraVariables.insert(QStringLiteral("k"), QStringLiteral("v"));
-    const GridActionPtr copy = original.copy();
-    copy->extraVariables.insert(QStringLiteral("k"), QStringLiteral("changed"));
-    EXPECT_EQ(original.extraVariables.value(QStringLiteral("k")).toString(), QStringLiteral("v"));
-}
-
 TEST_F(GridActionTest, CreatingStoresRowVariablesAndIcon)
 {
     int prepared = 0;
@@ -488,13 +463,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, MissingPathTest,
                          [](const testing::TestParamInfo<MissingRow>& row) {
                              return std::string(row.param.label);
                          });
-
-TEST_F(GridActionTest, NoPathIsNeverMissing)
-{
-    GridAction action;
-    EXPECT_FALSE(action.isReferencedPathMissing());
-    EXPECT_FALSE(action.isReferencedPathMissingIncludingNetworkVolumes());
-}
 
 TEST_F(GridActionTest, BookmarksRecordBothChosenPaths)
 {

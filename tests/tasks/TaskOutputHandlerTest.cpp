@@ -181,7 +181,7 @@ TEST_F(OutputHandlerTest, TextResultGoesToClipboardResponseRecentItemsAndFinishe
     EXPECT_EQ(presenters.desktop().notifications[0].title, QStringLiteral("Move Files Completed"));
     EXPECT_EQ(presenters.desktop().notifications[0].body, QStringLiteral("Moved 1 item"));
     EXPECT_TRUE(presenters.desktop().sounds.isEmpty()) << "the sound comes a little later";
-    spin(150);
+    EXPECT_TRUE(waitUntil([&] { return !presenters.desktop().sounds.isEmpty(); }));
     EXPECT_EQ(presenters.desktop().sounds, QStringList{QStringLiteral("TaskFinished")});
 }
 
@@ -247,8 +247,7 @@ TEST_F(OutputHandlerTest, ErrorsAndAlertsAreShownLater)
     feed("Progress: 10\nError_Title: Upload\nError: No network");
     EXPECT_TRUE(handler.taskFailed());
     EXPECT_TRUE(presenters.alerts().alerts.isEmpty());
-    spin(300);
-    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
+    ASSERT_TRUE(waitUntil([&] { return presenters.alerts().alerts.size() == 1; }));
     EXPECT_EQ(presenters.alerts().alerts[0].style, Alert::Style::Critical);
     EXPECT_EQ(presenters.alerts().alerts[0].title, QStringLiteral("Upload"));
     EXPECT_EQ(presenters.alerts().alerts[0].message, QStringLiteral("No network"));
@@ -256,8 +255,7 @@ TEST_F(OutputHandlerTest, ErrorsAndAlertsAreShownLater)
     EXPECT_EQ(showed.posted[0].userInfo.value(QStringLiteral("task")).value<QObject*>(), &task);
 
     feed("Alert: first[;nsecond");
-    spin(300);
-    ASSERT_EQ(presenters.alerts().alerts.size(), 2);
+    ASSERT_TRUE(waitUntil([&] { return presenters.alerts().alerts.size() == 2; }));
     EXPECT_EQ(presenters.alerts().alerts[1].style, Alert::Style::Informational);
     EXPECT_EQ(presenters.alerts().alerts[1].message, QStringLiteral("first\nsecond"));
 }
@@ -334,8 +332,7 @@ TEST(TaskStatusRows, OverallProgressCountsIndeterminateRowsAsComplete)
     spinning->finishWithFade(true);
     spinning->finishWithFade(false); // only once
     EXPECT_EQ(controller.numTasks(), 3) << "a fading row stays for a moment";
-    spin(400);
-    EXPECT_EQ(controller.numTasks(), 2);
+    EXPECT_TRUE(waitUntil([&] { return controller.numTasks() == 2; }));
     EXPECT_EQ(controller.getTaskPosition(third), 1);
     EXPECT_EQ(movedFrom, 1);
     EXPECT_EQ(controller.progressAreaHeight(), 110);
@@ -347,8 +344,7 @@ TEST(TaskStatusRows, OverallProgressCountsIndeterminateRowsAsComplete)
     for (TaskStatus* row : {half, third}) {
         row->finishWithFade(false);
     }
-    spin(50);
-    EXPECT_FALSE(controller.hasTasks());
+    EXPECT_TRUE(waitUntil([&] { return !controller.hasTasks(); }));
 }
 
 TEST(TaskStatusRows, CancellingABuiltInActionFadesAndReportsFailure)
@@ -366,6 +362,5 @@ TEST(TaskStatusRows, CancellingABuiltInActionFadesAndReportsFailure)
     EXPECT_TRUE(faded);
     ASSERT_EQ(exits.posted.size(), 1);
     EXPECT_EQ(exits.posted[0].userInfo.value(QStringLiteral("success")).toBool(), false);
-    spin(400);
-    EXPECT_FALSE(TaskStatusController::shared().hasTasks());
+    EXPECT_TRUE(waitUntil([] { return !TaskStatusController::shared().hasTasks(); }));
 }

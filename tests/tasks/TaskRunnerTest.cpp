@@ -102,13 +102,6 @@ private:
     int m_count = 0;
 };
 
-bool processRunning(pid_t pid)
-{
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    return ::kill(pid, 0) == 0 && stat.open(QIODevice::ReadOnly) &&
-           !stat.readAll().contains(") Z ");
-}
-
 } // namespace
 
 TEST_F(TaskRunnerTest, ProtocolRoundTripWithAcknowledgements)
@@ -223,27 +216,6 @@ sleep 60
     EXPECT_NE(::kill(grandchild, 0), 0);
 }
 
-TEST_F(TaskRunnerTest, ProgramStartedByTheScriptOutlivesANormalEnd)
-{
-    const QPointer<Task> task = start(R"RUBY(
-$stdout.sync = true
-pid = spawn("sleep", "30")
-Process.detach(pid)
-print "Text: #{pid}\n"
-STDIN.gets
-)RUBY");
-    // The parent made the group too: a cancel at once would reach it.
-    ASSERT_TRUE(task && task->taskRunner());
-    const auto group = static_cast<pid_t>(task->taskRunner()->processId());
-    EXPECT_EQ(::getpgid(group), group);
-    ASSERT_TRUE(waitForFinish());
-    ASSERT_EQ(presenters.desktop().clipboard.size(), 1);
-    const auto sleeper = static_cast<pid_t>(presenters.desktop().clipboard[0].mid(5).toLongLong());
-    ASSERT_GT(sleeper, 0);
-    EXPECT_TRUE(processRunning(sleeper));
-    ::kill(sleeper, SIGKILL);
-}
-
 TEST_F(TaskRunnerTest, EndlessOutputWithoutLineBreaksIsProcessedOnceItPilesUp)
 {
     // Writes without pause, so only the size limit can make the runner process the output.
@@ -341,24 +313,6 @@ TEST_F(TaskRunnerTest, InterpreterChoice)
         QStringLiteral("res/Actions/lib/ruby/ruby_%1/bin/ruby").arg(arch), "#!/bin/sh\n");
     QFile::setPermissions(embedded, QFile::ReadOwner | QFile::ExeOwner);
     EXPECT_EQ(runner.launchPath(), embedded);
-}
-
-TEST_F(TaskRunnerTest, PythonActionsGetTheirInterpreter)
-{
-    const QString script = home.writeFile(QStringLiteral("py.skelvo"), R"RUBY(
-$stdout.sync = true
-print "Text: #{ENV['PYTHON_PATH']}|#{ENV['PYTHONDONTWRITEBYTECODE']}\n"
-STDIN.gets
-)RUBY");
-    auto* task = new Task;
-    task->actionFile = std::make_shared<ActionFile>();
-    task->actionFile->taskPath = script;
-    task->actionFile->isPythonAction = true;
-    task->actionFile->pythonPath = QStringLiteral("/opt/py/bin/python3");
-    task->run();
-    ASSERT_TRUE(waitForFinish());
-    EXPECT_EQ(presenters.desktop().clipboard,
-              QStringList{QStringLiteral("text:/opt/py/bin/python3|1")});
 }
 
 TEST_F(TaskRunnerTest, RerunLastRunsTheStoredCopyOrSaysWhatIsMissing)
