@@ -14,6 +14,7 @@
 #include "store/GridDatabase.h"
 #include "store/Icons.h"
 #include "tasks/Task.h"
+#include "tasks/TaskContext.h"
 #include "tasks/TaskOutputHandler.h"
 #include "tasks/TaskRunner.h"
 #include "tasks/TaskStatus.h"
@@ -332,7 +333,7 @@ void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariant
     if (reset) {
         action.icon.clear();
         action.usingDefaultIcon = true;
-        if (!action.update() || !Icons::shared().deleteIcon(action.aId)) {
+        if (!action.update() || !m_context.icons.deleteIcon(action.aId)) {
             client->respond(QStringLiteral("Error: Failed to reset the icon of '%1'").arg(name));
             return;
         }
@@ -348,7 +349,7 @@ void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariant
     }
     action.icon = icon.readAll();
     action.usingDefaultIcon = false;
-    if (!Icons::shared().saveIcon(action.icon, action.aId) || !action.update()) {
+    if (!m_context.icons.saveIcon(action.icon, action.aId) || !action.update()) {
         client->respond(QStringLiteral("Error: Failed to set the icon of '%1'").arg(name));
         return;
     }

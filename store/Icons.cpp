@@ -38,12 +38,6 @@ QStringList dataDirectories()
 
 } // namespace
 
-Icons& Icons::shared()
-{
-    static Icons icons;
-    return icons;
-}
-
 QString Icons::iconsDirectory() const
 {
     return QDir(SupportPaths::applicationSupportDirectory()).filePath(QStringLiteral("Icons/5"));

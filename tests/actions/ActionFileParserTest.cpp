@@ -5,7 +5,7 @@
 #include "builtin/ActionInfo.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
-#include "tests/support/FakePresenters.h"
+#include "tests/support/TestEngine.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -67,8 +67,10 @@ protected:
         return file.fileName();
     }
 
-    TestHome home;
-    FakePresenters presenters;
+    ParserTest() { parser.setPresenters(&engine->alerts, &engine->windows); }
+
+    TestEngine engine;
+    TestHome& home = engine.home();
     ActionFileParser parser{internalDir(), userDir()};
 };
 
@@ -274,22 +276,22 @@ TEST(Queries, OptionSheetsDecideKeychainAndConstants)
 
 TEST(Validation, MessagesInOrderAndAlerts)
 {
-    FakePresenters presenters;
+    TestEngine engine;
     QString errors;
     const ActionFile none = parse(QStringLiteral("puts 1\n"));
-    EXPECT_FALSE(none.validateMetaData(false, &errors));
+    EXPECT_FALSE(none.validateMetaData(nullptr, &errors));
     EXPECT_EQ(errors, QStringLiteral("-Section beginning with # Skelvo Action Info not found\n"));
 
     const ActionFile bare = parse(QStringLiteral("# Skelvo Action Info\n# Handles: files\n"));
-    EXPECT_FALSE(bare.validateMetaData(true, &errors));
+    EXPECT_FALSE(bare.validateMetaData(&engine->alerts, &errors));
     EXPECT_EQ(errors,
               QStringLiteral("-Name field is missing\n-Description field is missing\n"
                              "-Handles field is missing and action responds to drag events\n"
                              "-Creator field is missing\n-URL field is missing\n"));
-    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
-    EXPECT_EQ(presenters.alerts().alerts[0].style, Alert::Style::Critical);
-    EXPECT_EQ(presenters.alerts().alerts[0].title, QStringLiteral("Invalid Action Meta Data"));
-    EXPECT_EQ(presenters.alerts().alerts[0].message,
+    ASSERT_EQ(engine.alerts().alerts.size(), 1);
+    EXPECT_EQ(engine.alerts().alerts[0].style, Alert::Style::Critical);
+    EXPECT_EQ(engine.alerts().alerts[0].title, QStringLiteral("Invalid Action Meta Data"));
+    EXPECT_EQ(engine.alerts().alerts[0].message,
               QStringLiteral(
                   "The action script you are trying to add contains invalid or missing meta data. "
                   "The following problems were found:\n\n") +
@@ -299,19 +301,19 @@ TEST(Validation, MessagesInOrderAndAlerts)
     const ActionFile clicks =
         parse(QStringLiteral("# Skelvo Action Info\n# Name: A\n# Description: D\n"
                              "# Events: Clicked\n# Creator: C\n# URL: U\n"));
-    EXPECT_TRUE(clicks.validateMetaData(true, &errors));
+    EXPECT_TRUE(clicks.validateMetaData(&engine->alerts, &errors));
     EXPECT_TRUE(errors.isEmpty());
-    EXPECT_EQ(presenters.alerts().alerts.size(), 1);
+    EXPECT_EQ(engine.alerts().alerts.size(), 1);
 
     ActionFile scanned = bare;
     scanned.metaValidationFailed = true;
     scanned.metaValidationErrors = QStringLiteral("-Name field is missing\n");
-    EXPECT_FALSE(scanned.checkValidMetadataAndDisplayErrors());
-    EXPECT_EQ(presenters.alerts().alerts.last().message,
+    EXPECT_FALSE(scanned.checkValidMetadataAndDisplayErrors(engine->alerts));
+    EXPECT_EQ(engine.alerts().alerts.last().message,
               QStringLiteral(
                   "This action contains invalid or missing meta data. The following problems were "
                   "found:\n\n-Name field is missing\n"));
-    EXPECT_TRUE(clicks.checkValidMetadataAndDisplayErrors());
+    EXPECT_TRUE(clicks.checkValidMetadataAndDisplayErrors(engine->alerts));
 }
 
 TEST(Versions, CompareWalksOnlyCommonComponents)
@@ -356,7 +358,7 @@ TEST(BuiltInRecords, CopyTheCatalogueEntry)
     EXPECT_EQ(r.handles(), QStringList{DragTypes::Files});
     EXPECT_EQ(r.defaultPort, QStringLiteral("22"));
     EXPECT_EQ(r.iconPath(), QStringLiteral("/icons/sftp.png"));
-    EXPECT_TRUE(r.validateMetaData(false) || r.creator.isEmpty());
+    EXPECT_TRUE(r.validateMetaData(nullptr) || r.creator.isEmpty());
 
     ActionInfo both;
     both.name = QStringLiteral("Run Shortcut");
@@ -478,7 +480,7 @@ TEST_F(ParserTest, DuplicateAlertShowsOncePerChange)
 {
     addBundle(internalDir(), QStringLiteral("A.skbundle"), header(QStringLiteral("Same")));
     addFile(userDir(), QStringLiteral("a.skelvo"), header(QStringLiteral("Same")));
-    auto& alerts = presenters.alerts().alerts;
+    auto& alerts = engine.alerts().alerts;
 
     parser.actionFiles();
     ASSERT_EQ(alerts.size(), 1);
@@ -488,7 +490,7 @@ TEST_F(ParserTest, DuplicateAlertShowsOncePerChange)
         QStringLiteral(
             "There are currently multiple Skelvo action bundles with the name 'Same'.\n\n"
             "You must either rename or delete one as each action bundle must have a unique name."));
-    EXPECT_EQ(presenters.windows().settingsPages, QStringList{QStringLiteral("Add-on Actions")});
+    EXPECT_EQ(engine.windows().settingsPages, QStringList{QStringLiteral("Add-on Actions")});
 
     parser.invalidateActionsCache();
     parser.actionFiles();
@@ -719,7 +721,7 @@ TEST_F(ParserTest, RewriteMetaDataReplacesTheHeaderOnDisk)
 TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate)
 {
     addFile(userDir(), QStringLiteral("taken.skelvo"), header(QStringLiteral("Taken")));
-    DevelopActionController controller(parser);
+    DevelopActionController controller(parser, engine->settings, engine->alerts);
     DevelopActionRequest request;
     request.name = QStringLiteral("Fresh");
     request.clicked = false;
@@ -738,26 +740,23 @@ TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate)
                   "An action already exists with the same name. Action names must be unique."));
     QString error;
     EXPECT_FALSE(controller.createAction(request, true, &error));
-    EXPECT_TRUE(presenters.alerts().alerts.isEmpty());
+    EXPECT_TRUE(engine.alerts().alerts.isEmpty());
     request.name = QStringLiteral("Fresh");
     EXPECT_FALSE(controller.refusalFor(request));
 
     // This parser's internal folder has no templates.
     EXPECT_FALSE(controller.createAction(request, true, &error));
-    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
-    EXPECT_EQ(presenters.alerts().alerts[0].title,
-              QStringLiteral("Could not find action template."));
-    EXPECT_EQ(presenters.alerts().alerts[0].message,
-              QStringLiteral("You should re-install Skelvo."));
+    ASSERT_EQ(engine.alerts().alerts.size(), 1);
+    EXPECT_EQ(engine.alerts().alerts[0].title, QStringLiteral("Could not find action template."));
+    EXPECT_EQ(engine.alerts().alerts[0].message, QStringLiteral("You should re-install Skelvo."));
 }
 
 TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates)
 {
-    TestHome home;
-    FakePresenters presenters;
+    TestEngine engine;
     ActionFileParser parser(SupportPaths::internalActionsDirectory(),
                             SupportPaths::userActionsDirectory());
-    DevelopActionController controller(parser);
+    DevelopActionController controller(parser, engine->settings, engine->alerts);
     for (const auto language :
          {DevelopActionRequest::Language::Ruby, DevelopActionRequest::Language::Python}) {
         for (const bool comments : {true, false}) {
@@ -785,7 +784,7 @@ TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates)
             EXPECT_EQ(text.mid(newHeader.size()).contains("\n# "), comments);
         }
     }
-    EXPECT_TRUE(presenters.alerts().alerts.isEmpty());
-    EXPECT_EQ(Settings::shared().stringValue(Settings::DevelopPreferredLanguage),
+    EXPECT_TRUE(engine.alerts().alerts.isEmpty());
+    EXPECT_EQ(engine->settings.stringValue(Settings::DevelopPreferredLanguage),
               QStringLiteral("Python"));
 }

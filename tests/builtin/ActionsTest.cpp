@@ -63,11 +63,11 @@ public:
 
 TEST_F(BuiltInTest, ResultGoesToClipboardResponseAndRecentItemsAndRunFinishesOnce)
 {
-    RecentItems::shared().clear();
+    engine().recentItems.clear();
     ActionInfo info;
     info.name = QStringLiteral("Uploader");
     auto action = std::make_unique<ResultAction>();
-    action->setUp(info,
+    action->setUp(engine().builtInContext, info,
                   gridAction(QStringLiteral("Uploader"), {},
                              QStringLiteral("An upload action with a very long name indeed")),
                   QString());
@@ -76,8 +76,8 @@ TEST_F(BuiltInTest, ResultGoesToClipboardResponseAndRecentItemsAndRunFinishesOnc
     action->runWithClick();
     EXPECT_EQ(desktop().clipboard, QStringList{QStringLiteral("url:https://example.com/shared")});
     EXPECT_EQ(responses, QStringList{QStringLiteral("https://example.com/shared")});
-    ASSERT_EQ(RecentItems::shared().items().size(), 1);
-    EXPECT_EQ(RecentItems::shared().items().first().title,
+    ASSERT_EQ(engine().recentItems.items().size(), 1);
+    EXPECT_EQ(engine().recentItems.items().first().title,
               QStringLiteral("An upload action with a very long name indeed - "
                              "https://example.com/shared"));
     EXPECT_EQ(completions, 1);
@@ -156,10 +156,10 @@ TEST_F(BuiltInTest, RunScriptExitingWithTwoFailsWithItsStatus)
 {
     const QString script =
         writeFile(QStringLiteral("fail.sh"), "#!/bin/sh\necho out\necho trouble >&2\nexit 2\n");
-    DebugConsoleController::shared().clear();
+    engine().debugConsole.clear();
     runner->runActionWithClickWithGridAction(
         gridAction(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}));
-    EXPECT_EQ(TaskStatusController::shared().taskStatuses().last()->statusText(),
+    EXPECT_EQ(engine().taskStatuses.taskStatuses().last()->statusText(),
               QStringLiteral("Running Run Script..."));
     ASSERT_TRUE(waitForIdle());
     EXPECT_EQ(notificationBodies(),
@@ -167,14 +167,14 @@ TEST_F(BuiltInTest, RunScriptExitingWithTwoFailsWithItsStatus)
                   "Script exited with status 2. Check the Action Console for details.")});
     EXPECT_EQ(desktop().notifications.first().title, QStringLiteral("Run Script Failed"));
     EXPECT_EQ(finishes, 1);
-    const QString console = DebugConsoleController::shared().text();
+    const QString console = engine().debugConsole.text();
     EXPECT_TRUE(
         console.contains(QStringLiteral("\n[Launching script with command line: \"/bin/sh\" \"") +
                          script + QStringLiteral("\"]")));
     EXPECT_TRUE(console.contains(QStringLiteral("out\n")));
     EXPECT_TRUE(console.endsWith(QStringLiteral("\n[Task completed]\n")));
     bool redError = false;
-    for (const DebugConsoleController::Run& run : DebugConsoleController::shared().runs()) {
+    for (const DebugConsoleController::Run& run : engine().debugConsole.runs()) {
         redError |= run.colour == DebugConsoleController::Colour::Red &&
                     run.text.contains(QStringLiteral("trouble"));
     }
@@ -570,7 +570,7 @@ TEST_F(BuiltInTest, ImageActionsReportMissingImagesAndAMissingFolderChoice)
 TEST_F(BuiltInTest, ImageOutputsGoToTheChosenFolderOrToTheDropBar)
 {
     QStringList dropped;
-    DropbarSink::shared().setAdder([&](const QStringList& paths) { dropped << paths; });
+    engine().dropbarSink.setAdder([&](const QStringList& paths) { dropped << paths; });
     const QString png = writeFile(QStringLiteral("img/photo.png"), TinyPng);
     const QString chosen = homePath() + QStringLiteral("/chosen");
     QDir().mkpath(chosen);
@@ -598,5 +598,5 @@ TEST_F(BuiltInTest, ImageOutputsGoToTheChosenFolderOrToTheDropBar)
         QFileInfo(dropped.first()).absolutePath().contains(QStringLiteral("SkActionOutput-")));
     EXPECT_TRUE(QFileInfo::exists(dropped.first()));
     EXPECT_EQ(finishes, 2);
-    DropbarSink::shared().setAdder({});
+    engine().dropbarSink.setAdder({});
 }

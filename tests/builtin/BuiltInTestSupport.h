@@ -6,8 +6,7 @@
 #include "platform/Launcher.h"
 #include "store/GridAction.h"
 #include "tests/support/EventLoop.h"
-#include "tests/support/FakePresenters.h"
-#include "tests/support/TestHome.h"
+#include "tests/support/TestEngine.h"
 
 #include <QStringList>
 
@@ -51,13 +50,11 @@ protected:
     void SetUp() override
     {
         ensureCoreApplication();
-        m_home = std::make_unique<TestHome>();
-        m_presenters = std::make_unique<FakePresenters>();
-        Launcher::setShared(launcher);
-        runner = std::make_shared<BuiltInActionRunner>();
-        m_finishToken = NotificationCenter::distributed().addObserver(
+        m_engine = std::make_unique<TestEngine>(launcher);
+        runner = std::make_shared<BuiltInActionRunner>(&engine().builtInContext);
+        m_finishToken = engine().distributed.addObserver(
             CmdLineNotifications::Finish, nullptr, [this](const Notification&) { ++finishes; });
-        m_responseToken = NotificationCenter::distributed().addObserver(
+        m_responseToken = engine().distributed.addObserver(
             CmdLineNotifications::Response, nullptr, [this](const Notification& note) {
                 responses << note.userInfo.value(QStringLiteral("response")).toString();
             });
@@ -65,13 +62,11 @@ protected:
 
     void TearDown() override
     {
-        NotificationCenter::distributed().removeObserver(m_finishToken);
-        NotificationCenter::distributed().removeObserver(m_responseToken);
+        engine().distributed.removeObserver(m_finishToken);
+        engine().distributed.removeObserver(m_responseToken);
         runner.reset();
         spin(50);
-        Launcher::setShared(nullptr);
-        m_presenters.reset();
-        m_home.reset();
+        m_engine.reset();
     }
 
     GridActionPtr gridAction(const QString& type, const QVariantMap& variables = {},
@@ -86,11 +81,12 @@ protected:
 
     QString writeFile(const QString& relativePath, const QByteArray& contents)
     {
-        return m_home->writeFile(relativePath, contents);
+        return m_engine->home().writeFile(relativePath, contents);
     }
-    QString homePath() const { return m_home->path(); }
-    FakeDesktopServices& desktop() { return m_presenters->desktop(); }
-    FakeWindowPresenter& windows() { return m_presenters->windows(); }
+    QString homePath() const { return m_engine->home().path(); }
+    FakeDesktopServices& desktop() { return m_engine->desktop(); }
+    FakeWindowPresenter& windows() { return m_engine->windows(); }
+    Engine& engine() { return m_engine->engine(); }
 
     // The bodies of the notifications sent, in order.
     QStringList notificationBodies()
@@ -113,8 +109,7 @@ protected:
     QStringList responses;
 
 private:
-    std::unique_ptr<TestHome> m_home;
-    std::unique_ptr<FakePresenters> m_presenters;
+    std::unique_ptr<TestEngine> m_engine;
     int m_finishToken = 0;
     int m_responseToken = 0;
 };

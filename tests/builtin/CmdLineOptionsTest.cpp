@@ -9,8 +9,7 @@
 #include "platform/CmdLineServer.h"
 #include "store/GridDatabase.h"
 #include "tests/support/EventLoop.h"
-#include "tests/support/FakePresenters.h"
-#include "tests/support/TestHome.h"
+#include "tests/support/TestEngine.h"
 
 #include <QDir>
 
@@ -24,27 +23,24 @@ protected:
     void SetUp() override
     {
         ensureCoreApplication();
-        m_home = std::make_unique<TestHome>();
-        m_presenters = std::make_unique<FakePresenters>();
-        GridDatabase::reopenShared();
+        m_engine = std::make_unique<TestEngine>();
         ASSERT_TRUE(GridDatabase::sharedGridDatabase().loadDatabase());
         ActionOptionSchemas::registerOptionSheets();
         ActionFileParser::shared() = ActionFileParser(SupportPaths::internalActionsDirectory(),
                                                       SupportPaths::userActionsDirectory());
         provideBuiltInActions(ActionFileParser::shared(),
                               BuiltInActionCatalog().availableActions());
-        m_handler = std::make_unique<CmdLineTaskHandler>();
+        m_handler =
+            std::make_unique<CmdLineTaskHandler>((*m_engine)->taskContext, (*m_engine)->events);
         ASSERT_TRUE(m_handler->setup(runtime()));
     }
     void TearDown() override
     {
         m_handler.reset();
         provideBuiltInActions(ActionFileParser::shared(), {});
-        GridDatabase::reopenShared();
-        m_presenters.reset();
-        m_home.reset();
+        m_engine.reset();
     }
-    QString runtime() const { return QDir(m_home->path()).filePath(QStringLiteral("rt")); }
+    QString runtime() const { return QDir(m_engine->home().path()).filePath(QStringLiteral("rt")); }
 
     QString one(const QVariantMap& request)
     {
@@ -62,12 +58,11 @@ protected:
     {
         return one({{QStringLiteral("action"), QStringLiteral("add-action")},
                     {QStringLiteral("type"), type},
-                    {QStringLiteral("cwd"), m_home->path()},
+                    {QStringLiteral("cwd"), m_engine->home().path()},
                     {QStringLiteral("options"), options}});
     }
 
-    std::unique_ptr<TestHome> m_home;
-    std::unique_ptr<FakePresenters> m_presenters;
+    std::unique_ptr<TestEngine> m_engine;
     std::unique_ptr<CmdLineTaskHandler> m_handler;
 };
 
@@ -85,13 +80,13 @@ TEST_F(BuiltInCmdLineTest, AddActionChecksOptionsAgainstTheSchema)
               QStringLiteral("Error: Option 'path' is required."));
     EXPECT_EQ(addAction(QStringLiteral("Run Script"),
                         {{QStringLiteral("path"), QStringLiteral("nope.sh")}}),
-              QStringLiteral("Error: The script '") + m_home->path() +
+              QStringLiteral("Error: The script '") + m_engine->home().path() +
                   QStringLiteral("/nope.sh' does not exist."));
     EXPECT_EQ(
         GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Run Script")),
         nullptr);
 
-    m_home->writeFile(QStringLiteral("ok.sh"), "#!/bin/sh\n");
+    m_engine->home().writeFile(QStringLiteral("ok.sh"), "#!/bin/sh\n");
     EXPECT_EQ(addAction(QStringLiteral("Run Script"),
                         {{QStringLiteral("path"), QStringLiteral("ok.sh")}}),
               QStringLiteral("Added action 'Run Script' (Run Script) to grid 'Main Grid'"));
@@ -102,7 +97,7 @@ TEST_F(BuiltInCmdLineTest, AddActionChecksOptionsAgainstTheSchema)
         GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Run Script"));
     ASSERT_TRUE(script);
     EXPECT_EQ(script->extraVariables.value(QStringLiteral("path")).toString(),
-              m_home->path() + QStringLiteral("/ok.sh"));
+              m_engine->home().path() + QStringLiteral("/ok.sh"));
     const GridActionPtr resize =
         GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Resize Images"));
     ASSERT_TRUE(resize);

@@ -21,23 +21,23 @@ protected:
     {
         EventsTest::SetUp();
         useRealRunner();
-        m_responses = NotificationCenter::distributed().addObserver(
+        m_responses = (*engine)->distributed.addObserver(
             CmdLineNotifications::Response, nullptr, [this](const Notification& n) {
                 responses << n.userInfo.value(QStringLiteral("response")).toString();
             });
-        m_finishes = NotificationCenter::distributed().addObserver(
+        m_finishes = (*engine)->distributed.addObserver(
             CmdLineNotifications::Finish, nullptr, [this](const Notification&) { ++finishes; });
-        m_taskFinished = NotificationCenter::shared().addObserver(
+        m_taskFinished = (*engine)->notifications.addObserver(
             Notifications::TaskFinished, nullptr, [this](const Notification&) { ++tasksFinished; });
         destination = makeFolder(QStringLiteral("dest"));
     }
     void TearDown() override
     {
-        waitUntil([] { return !TasksController::shared().hasTasks(); }, 10000);
+        waitUntil([this] { return !(*engine)->tasks.hasTasks(); }, 10000);
         settle(300);
-        NotificationCenter::distributed().removeObserver(m_responses);
-        NotificationCenter::distributed().removeObserver(m_finishes);
-        NotificationCenter::shared().removeObserver(m_taskFinished);
+        (*engine)->distributed.removeObserver(m_responses);
+        (*engine)->distributed.removeObserver(m_finishes);
+        (*engine)->notifications.removeObserver(m_taskFinished);
         EventsTest::TearDown();
     }
     // Waits for the run of `task` to be over: finished and released.
@@ -94,7 +94,7 @@ TEST_F(EventsRunTest, TheHandlerAddsNoFinishOfItsOwnToACommandLineRun)
     const QString file = makeFile(QStringLiteral("a.txt"), "a");
 
     // What the task machinery posts for one run on its own.
-    auto* bare = new Task;
+    auto* bare = new Task((*engine)->taskContext);
     bare->gridAction = action;
     bare->actionFile = action->actionFile();
     bare->event = QStringLiteral("dragged");
@@ -121,7 +121,7 @@ TEST_F(EventsRunTest, ACommandLineRenameRunWritesTheNamesAsTyped)
 {
     const GridActionPtr action = store(RenameCopy, destination);
     const QString name = QStringLiteral("new \"quoted\" name.txt");
-    presenters->windows().setNextRename(name);
+    engine->windows().setNextRename(name);
     const QPointer<Task> task = handler->createTaskForAction(
         action, {makeFile(QStringLiteral("old.txt"), "content")}, QStringLiteral("dragged"), true);
     ASSERT_TRUE(task);

@@ -120,7 +120,7 @@ TEST_F(FileActionsTest, BundlesCarryTheMetadataFolderTilesReferTo)
         const auto record = parser.processPath(bundle(name));
         ASSERT_TRUE(record.has_value()) << name.toStdString();
         QString errors;
-        EXPECT_TRUE(record->validateMetaData(false, &errors)) << errors.toStdString();
+        EXPECT_TRUE(record->validateMetaData(nullptr, &errors)) << errors.toStdString();
         EXPECT_EQ(record->actionName, name);
         EXPECT_FALSE(record->isPythonAction);
         EXPECT_TRUE(record->handlesFilesDragType());

@@ -5,6 +5,7 @@
 //                                       "commit ..." after each one; exits 1 on a failure
 //   store_writer migrate DB VERSION     loads DB and stops for good before the migration
 //                                       step to VERSION, after printing "step VERSION"
+#include "app/Engine.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
 
@@ -96,7 +97,9 @@ int main(int argc, char* argv[])
         std::fputs("usage: store_writer changes DB TAG COUNT | migrate DB VERSION\n", stderr);
         return 2;
     }
+    Engine engine;
     GridDatabase db(args.at(2), QString());
+    db.setContext(&engine.storeContext);
     if (args.at(1) == QLatin1String("migrate")) {
         const int stopAt = args.at(3).toInt();
         db.setMigrationStepObserver([stopAt](int toVersion) {
