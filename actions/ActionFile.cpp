@@ -267,7 +267,7 @@ QMap<QString, QString> ActionFile::constantVariables() const
     return sheet ? sheet->constantVariables : QMap<QString, QString>();
 }
 
-bool ActionFile::validateMetaData(bool displayErrors, QString* validationErrors) const
+bool ActionFile::validateMetaData(AlertHelper* displayErrorsTo, QString* validationErrors) const
 {
     QStringList problems;
     if (metaDataNotFound) {
@@ -294,8 +294,8 @@ bool ActionFile::validateMetaData(bool displayErrors, QString* validationErrors)
     for (const QString& problem : problems) {
         joined += QStringLiteral("-%1\n").arg(problem);
     }
-    if (displayErrors && !problems.isEmpty()) {
-        AlertHelper::showCriticalAlertWithTitle(
+    if (displayErrorsTo && !problems.isEmpty()) {
+        displayErrorsTo->showCriticalAlertWithTitle(
             QStringLiteral("Invalid Action Meta Data"),
             QStringLiteral("The action script you are trying to add contains invalid or missing "
                            "meta data. The following problems were found:\n\n%1")
@@ -307,12 +307,12 @@ bool ActionFile::validateMetaData(bool displayErrors, QString* validationErrors)
     return problems.isEmpty();
 }
 
-bool ActionFile::checkValidMetadataAndDisplayErrors() const
+bool ActionFile::checkValidMetadataAndDisplayErrors(AlertHelper& alerts) const
 {
     if (!metaValidationFailed) {
         return true;
     }
-    AlertHelper::showCriticalAlertWithTitle(
+    alerts.showCriticalAlertWithTitle(
         QStringLiteral("Invalid Action Meta Data"),
         QStringLiteral("This action contains invalid or missing meta data. The following problems "
                        "were found:\n\n%1")

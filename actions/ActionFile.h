@@ -15,6 +15,7 @@ inline const QString None = QStringLiteral("SKNoDragType");
 
 // One action's parsed description: a script bundle, a single-file script, a built-in action
 // or a sharing service. Two records are equal when their task paths are equal.
+class AlertHelper;
 class ActionFile {
 public:
     // Header fields.
@@ -91,10 +92,10 @@ public:
     QMap<QString, QString> constantVariables() const;
 
     // Checks the required fields; the problems are joined as "-<problem>\n" lines.
-    // With displayErrors a critical alert lists them.
-    bool validateMetaData(bool displayErrors, QString* validationErrors = nullptr) const;
+    // With `displayErrorsTo` a critical alert there lists them.
+    bool validateMetaData(AlertHelper* displayErrorsTo, QString* validationErrors = nullptr) const;
     // Alerts with the problems found at scan time; returns whether the record is valid.
-    bool checkValidMetadataAndDisplayErrors() const;
+    bool checkValidMetadataAndDisplayErrors(AlertHelper& alerts) const;
 
     // -1 when appVersion is older than minimumVersion, 1 when newer, 0 when equal.
     // Only the indexes that both versions have are compared.

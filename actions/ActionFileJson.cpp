@@ -138,7 +138,7 @@ QJsonObject inspect(const QString& path)
     }
 
     QString joined;
-    const bool valid = record->validateMetaData(false, &joined);
+    const bool valid = record->validateMetaData(nullptr, &joined);
     record->metaValidationFailed = !valid;
     record->metaValidationErrors = joined;
 

@@ -116,7 +116,7 @@ void ActionFileParser::scanFolder(const QString& folder, ActionFileList& into) c
             continue;
         }
         QString errors;
-        record->metaValidationFailed = !record->validateMetaData(false, &errors);
+        record->metaValidationFailed = !record->validateMetaData(nullptr, &errors);
         record->metaValidationErrors = errors;
         // Without a name nothing can refer to the action; other problems are shown when
         // the action is used.
@@ -153,6 +153,15 @@ void ActionFileParser::invalidateActionsCache()
     m_cache.reset();
 }
 
+void ActionFileParser::showDuplicatesAlert(const QString& title, const QString& message)
+{
+    if (m_alerts) {
+        m_alerts->showCriticalAlertWithTitle(title, message);
+    } else {
+        HeadlessAlertPresenter().present({Alert::Style::Critical, title, message, {}, nullptr}, {});
+    }
+}
+
 void ActionFileParser::checkForDuplicates(const ActionFileList& records)
 {
     QSet<QString> seen;
@@ -171,7 +180,7 @@ void ActionFileParser::checkForDuplicates(const ActionFileList& records)
     }
     if (duplicates.size() == 1) {
         const QString& name = duplicates.first();
-        AlertHelper::showCriticalAlertWithTitle(
+        showDuplicatesAlert(
             QStringLiteral("Duplicate action bundles named '%1' detected").arg(name),
             QStringLiteral("There are currently multiple Skelvo action bundles with the name "
                            "'%1'.\n\nYou must either rename or delete one as each action bundle "
@@ -182,13 +191,15 @@ void ActionFileParser::checkForDuplicates(const ActionFileList& records)
         for (const QString& name : std::as_const(duplicates)) {
             list += QStringLiteral("-") + name + QStringLiteral("\n");
         }
-        AlertHelper::showCriticalAlertWithTitle(
+        showDuplicatesAlert(
             QStringLiteral("Duplicate action bundle names detected"),
             QStringLiteral("The following action bundles have duplicates with the same "
                            "name:\n\n%1\nYou must either rename or delete the duplicates.")
                 .arg(list));
     }
-    WindowPresenter::shared().openSettingsPage(QStringLiteral("Add-on Actions"));
+    if (m_windows) {
+        m_windows->openSettingsPage(QStringLiteral("Add-on Actions"));
+    }
 }
 
 ActionFilePtr ActionFileParser::getActionWithType(const QString& name)

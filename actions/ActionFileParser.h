@@ -8,6 +8,9 @@
 #include <functional>
 #include <optional>
 
+class AlertHelper;
+class WindowPresenter;
+
 // Scans the action folders into ActionFile records and keeps them cached.
 // One shared instance serves the application; tests make their own over their own folders.
 class ActionFileParser {
@@ -41,6 +44,14 @@ public:
     QString getUniqueNameForCopiedActionWithPrefix(const QString& prefix);
     void deleteActionFiles(const ActionFileList& records);
 
+    // Where the duplicate alert goes and the settings page it opens; without them (a parser
+    // of its own in a tool or test) the alert is only logged.
+    void setPresenters(AlertHelper* alerts, WindowPresenter* windows)
+    {
+        m_alerts = alerts;
+        m_windows = windows;
+    }
+
     // The duplicate alert is off while an install replaces an action.
     bool skipDuplicatesCheck() const { return m_skipDuplicatesCheck; }
     void setSkipDuplicatesCheck(bool skip) { m_skipDuplicatesCheck = skip; }
@@ -52,11 +63,14 @@ public:
 
 private:
     void checkForDuplicates(const ActionFileList& records);
+    void showDuplicatesAlert(const QString& title, const QString& message);
     void scanFolder(const QString& folder, ActionFileList& into) const;
 
     QString m_internalDirectory;
     QString m_userDirectory;
     std::optional<ActionFileList> m_cache;
+    AlertHelper* m_alerts = nullptr;
+    WindowPresenter* m_windows = nullptr;
     QStringList m_lastDuplicates;
     bool m_skipDuplicatesCheck = false;
     std::function<ActionFileList()> m_sharingServices;

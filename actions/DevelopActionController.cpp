@@ -11,8 +11,11 @@
 #include <QSaveFile>
 #include <QStringDecoder>
 
-DevelopActionController::DevelopActionController(ActionFileParser& parser)
+DevelopActionController::DevelopActionController(ActionFileParser& parser, Settings& settings,
+                                                 AlertHelper& alerts)
     : m_parser(parser)
+    , m_settings(settings)
+    , m_alerts(alerts)
 {}
 
 std::optional<QString> DevelopActionController::refusalFor(const DevelopActionRequest& request)
@@ -177,16 +180,16 @@ ActionFilePtr DevelopActionController::createAction(const DevelopActionRequest& 
     const ActionFilePtr templ =
         m_parser.getActionWithType(python ? PythonTemplateName : RubyTemplateName);
     if (!templ || !templ->isBundle || templ->isUserScript) {
-        AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Could not find action template."),
-                                                QStringLiteral("You should re-install Skelvo."));
+        m_alerts.showCriticalAlertWithTitle(QStringLiteral("Could not find action template."),
+                                            QStringLiteral("You should re-install Skelvo."));
         if (error) {
             *error = QStringLiteral("Could not find action template.");
         }
         return nullptr;
     }
-    Settings::shared().setValue(Settings::DevelopPreferredLanguage,
-                                python ? QStringLiteral("Python") : QStringLiteral("Ruby"));
-    Settings::shared().setValue(Settings::IncludeDevelopComments, includeComments);
+    m_settings.setValue(Settings::DevelopPreferredLanguage,
+                        python ? QStringLiteral("Python") : QStringLiteral("Ruby"));
+    m_settings.setValue(Settings::IncludeDevelopComments, includeComments);
 
     const QString destination =
         QDir(m_parser.userActionsDirectory()).filePath(request.name + QStringLiteral(".skbundle"));

@@ -28,6 +28,9 @@ struct DevelopActionRequest {
     ActionFilePtr copiedFrom; // set when the new action copies an existing one
 };
 
+class AlertHelper;
+class Settings;
+
 // Creates a new action from one of the two shipped templates with a header written from
 // the sheet, and rewrites headers of existing scripts.
 class DevelopActionController {
@@ -36,7 +39,7 @@ public:
     static inline const QString PythonTemplateName =
         QStringLiteral("Custom Action Python Template");
 
-    explicit DevelopActionController(ActionFileParser& parser);
+    DevelopActionController(ActionFileParser& parser, Settings& settings, AlertHelper& alerts);
 
     // The sheet's refusal message for the request, if it must refuse.
     std::optional<QString> refusalFor(const DevelopActionRequest& request);
@@ -59,4 +62,6 @@ public:
 
 private:
     ActionFileParser& m_parser;
+    Settings& m_settings;
+    AlertHelper& m_alerts;
 };

@@ -23,11 +23,10 @@
 namespace {
 
 // A command-line run goes through event dispatch like a drop or a click on the grid.
-Task* startGridActionTask(const GridActionPtr& action, const QString& event,
+Task* startGridActionTask(EventsHandler& events, const GridActionPtr& action, const QString& event,
                           const QStringList& files, const QString& text,
                           std::function<void()> finished)
 {
-    EventsHandler& events = EventsHandler::shared();
     if (event == u"clicked") {
         return events.performActionClick(action, std::move(finished)).task;
     }
@@ -39,10 +38,12 @@ Task* startGridActionTask(const GridActionPtr& action, const QString& event,
 
 } // namespace
 
-AppDelegate::AppDelegate(bool headless, QObject* parent)
+AppDelegate::AppDelegate(bool headless, EngineParts parts, QObject* parent)
     : QObject(parent)
     , m_headless(headless)
-    , m_cmdLineTaskHandler(std::make_unique<CmdLineTaskHandler>())
+    , m_engine(std::move(parts))
+    , m_cmdLineTaskHandler(
+          std::make_unique<CmdLineTaskHandler>(m_engine.taskContext, m_engine.events))
 {}
 
 AppDelegate::~AppDelegate() = default;
@@ -73,7 +74,7 @@ QString AppDelegate::openArguments(const QStringList& arguments, const QString& 
 
 void AppDelegate::registerDefaultSettings()
 {
-    Settings::shared().registerDefaults(QJsonObject{
+    m_engine.settings.registerDefaults(QJsonObject{
         {Settings::PlaySounds, true},
         {Settings::KeepTaskDescriptionFiles, false},
         {Settings::DisableSSLVerify, false},
@@ -96,10 +97,8 @@ void AppDelegate::applicationDidFinishLaunching()
     ActionOptionSchemas::registerStandardSchemas();
     registerBuiltInOptionSchemas();
     // Built-in actions: listed by the parser like bundles, run by the shared runner.
-    provideBuiltInActions(ActionFileParser::shared(),
-                          BuiltInActionRunner::shared()->builtInActionCatalog().availableActions());
-    BuiltInDispatcher::install(BuiltInActionRunner::shared());
-    DebugConsoleController::shared().setLogFile(
+    m_engine.installBuiltInActions();
+    m_engine.debugConsole.setLogFile(
         QDir(SupportPaths::logsDirectory()).filePath(QStringLiteral("debug-console.log")));
 
     GridDatabase& database = GridDatabase::sharedGridDatabase();
@@ -120,7 +119,12 @@ void AppDelegate::applicationDidFinishLaunching()
                   .arg(ActionFileParser::shared().internalActionsDirectory(),
                        ActionFileParser::shared().userActionsDirectory()));
 
-    m_cmdLineTaskHandler->setRunStarter(startGridActionTask);
+    m_cmdLineTaskHandler->setRunStarter([this](const GridActionPtr& action, const QString& event,
+                                               const QStringList& files, const QString& text,
+                                               std::function<void()> finished) {
+        return startGridActionTask(m_engine.events, action, event, files, text,
+                                   std::move(finished));
+    });
     m_cmdLineTaskHandler->setHandOverReceiver(
         [this](const QStringList& arguments, const QString& cwd) {
             return openArguments(arguments, cwd);
@@ -133,5 +137,5 @@ void AppDelegate::applicationDidFinishLaunching()
 void AppDelegate::applicationWillTerminate()
 {
     Log::info(QStringLiteral("Skelvo is shutting down"));
-    TasksController::shared().terminateAll();
+    m_engine.tasks.terminateAll();
 }

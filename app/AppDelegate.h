@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/Engine.h"
+
 #include <QObject>
 #include <QStringList>
 
@@ -7,12 +9,13 @@
 
 class CmdLineTaskHandler;
 
-// Brings the engine up in its fixed order and holds what lives for the whole run.
-// It opens no window, so the same start-up serves the desktop and headless runs.
+// Brings the engine up in its fixed order and holds what lives for the whole run: the
+// engine and the command-line handler. It opens no window, so the same start-up serves the
+// desktop and headless runs; the desktop hands in its presenters and secret store.
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
-    explicit AppDelegate(bool headless, QObject* parent = nullptr);
+    AppDelegate(bool headless, EngineParts parts, QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // Takes the one-instance-per-user lock and opens the command-line socket, so that a
@@ -26,18 +29,20 @@ public:
     // True when the grid database did not exist at start.
     bool isFirstLaunch() const { return m_isFirstLaunch; }
     CmdLineTaskHandler* cmdLineTaskHandler() const { return m_cmdLineTaskHandler.get(); }
+    Engine& engine() { return m_engine; }
 
     // Action files and URLs given on the command line or handed over by a second instance;
     // kept until start-up has finished.
     QString openArguments(const QStringList& arguments, const QString& cwd);
     QStringList pendingArguments() const { return m_pendingArguments; }
 
-    static void registerDefaultSettings();
+    void registerDefaultSettings();
 
 private:
     bool m_headless;
     bool m_didFinishStartup = false;
     bool m_isFirstLaunch = false;
+    Engine m_engine;
     std::unique_ptr<CmdLineTaskHandler> m_cmdLineTaskHandler;
     QStringList m_pendingArguments;
 };

@@ -48,9 +48,9 @@ QByteArray workspaceIcon(const QString& path)
     return pixmap.save(&buffer, "PNG") ? png : QByteArray();
 }
 
-void install()
+void install(Icons& icons)
 {
-    Icons::shared().setWorkspaceIconProvider(workspaceIcon);
+    icons.setWorkspaceIconProvider(workspaceIcon);
 }
 
 } // namespace DesktopIcons

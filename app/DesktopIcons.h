@@ -4,6 +4,8 @@
 #include <QString>
 
 // The icons the desktop shows for files, from the user's icon theme.
+class Icons;
+
 namespace DesktopIcons {
 
 // PNG bytes of a desktop entry's Icon (a theme name or a file), else of the icon of the
@@ -11,6 +13,6 @@ namespace DesktopIcons {
 QByteArray workspaceIcon(const QString& path);
 
 // Makes workspaceIcon the engine's workspace icon provider.
-void install();
+void install(Icons& icons);
 
 } // namespace DesktopIcons

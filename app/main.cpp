@@ -91,23 +91,26 @@ int main(int argc, char* argv[])
     }
     headless = headless || !displayAvailable();
 
+    EngineParts parts;
     std::unique_ptr<QCoreApplication> app;
     if (headless) {
         app = std::make_unique<QCoreApplication>(argc, argv);
     } else {
         auto gui = std::make_unique<QApplication>(argc, argv);
         gui->setQuitOnLastWindowClosed(false);
-        AlertHelper::setPresenter(std::make_shared<DesktopAlertPresenter>());
-        DesktopIcons::install();
+        parts.alerts = std::make_shared<DesktopAlertPresenter>();
         app = std::move(gui);
     }
     // A secret service keeps passwords whenever one answers on the session bus, headless or
     // not (`sk --start` from a desktop terminal); without one, a file readable by the user.
-    SecretStore::setShared(std::make_shared<QtKeychainSecretStore>());
+    parts.secrets = std::make_shared<QtKeychainSecretStore>();
     QCoreApplication::setApplicationName(QStringLiteral("Skelvo"));
     QCoreApplication::setApplicationVersion(Version::shortVersionString());
 
-    AppDelegate delegate(headless);
+    AppDelegate delegate(headless, std::move(parts));
+    if (!headless) {
+        DesktopIcons::install(delegate.engine().icons);
+    }
     QString error;
     if (!delegate.claimInstance(&error)) {
         if (!delegate.cmdLineTaskHandler()->server().anotherInstanceIsRunning()) {

@@ -4,6 +4,7 @@
 //      what the interpreter itself costs;
 //  (c) a Ruby action sending the same commands through runner.rb and the real TaskRunner.
 #include "actions/ActionFileParser.h"
+#include "app/Engine.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
 #include "core/SupportPaths.h"
@@ -105,7 +106,7 @@ std::pair<double, double> pingPongRuby()
     return {seconds + startup, startup};
 }
 
-double throughTaskRunner(const QString& actionsFolder, int commands)
+double throughTaskRunner(Engine& engine, const QString& actionsFolder, int commands)
 {
     const QString name = QStringLiteral("Progress Bench %1").arg(commands);
     const QString bundle = QDir(actionsFolder).filePath(name + QStringLiteral(".skbundle"));
@@ -130,20 +131,20 @@ double throughTaskRunner(const QString& actionsFolder, int commands)
         std::fprintf(stderr, "bench action not found\n");
         std::exit(1);
     }
-    auto* task = new Task;
+    auto* task = new Task(engine.taskContext);
     task->actionFile = action;
     task->event = QStringLiteral("clicked");
     QElapsedTimer timer;
     bool done = false;
-    const int token = NotificationCenter::shared().addObserver(Notifications::TaskFinished, nullptr,
-                                                               [&](const Notification&) {
-                                                                   done = true;
-                                                                   QCoreApplication::quit();
-                                                               });
+    const int token = engine.notifications.addObserver(Notifications::TaskFinished, nullptr,
+                                                       [&](const Notification&) {
+                                                           done = true;
+                                                           QCoreApplication::quit();
+                                                       });
     timer.start();
     task->run();
     QCoreApplication::exec();
-    NotificationCenter::shared().removeObserver(token);
+    engine.notifications.removeObserver(token);
     // The runner reports the end 0.2 s after the process exits, so that buffered output
     // is read first; that wait is not per-command work.
     return done ? static_cast<double>(timer.nsecsElapsed()) / 1e9 - 0.2 : -1.0;
@@ -157,6 +158,7 @@ int main(int argc, char* argv[])
     qputenv("SKELVO_HOME", home.path().toUtf8());
     QCoreApplication app(argc, argv);
     Log::setStderrLevel(Log::Level::Warning);
+    Engine engine;
 
     // Best of three, so that a busy moment of the machine does not decide the figures.
     double c = 1e9;
@@ -170,8 +172,8 @@ int main(int argc, char* argv[])
         const auto [whole, startup] = pingPongRuby();
         ruby = std::min(ruby, whole - startup);
         rubyStartup = std::min(rubyStartup, startup);
-        runnerEmpty = std::min(runnerEmpty, throughTaskRunner(actions, 0));
-        runner = std::min(runner, throughTaskRunner(actions, Commands));
+        runnerEmpty = std::min(runnerEmpty, throughTaskRunner(engine, actions, 0));
+        runner = std::min(runner, throughTaskRunner(engine, actions, Commands));
     }
     if (runner < 0 || runnerEmpty < 0) {
         std::fprintf(stderr, "the task did not finish\n");

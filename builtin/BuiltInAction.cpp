@@ -1,11 +1,13 @@
 #include "builtin/BuiltInAction.h"
 
 #include "builtin/BuiltInActionTaskBridge.h"
+#include "builtin/BuiltInContext.h"
 #include "core/DesktopServices.h"
 #include "core/Log.h"
 #include "core/NotificationCenter.h"
 #include "core/Settings.h"
 #include "tasks/RecentItems.h"
+#include "tasks/TaskContext.h"
 
 #include <QTimer>
 
@@ -23,14 +25,20 @@ QString truncated(const QString& text, qsizetype length)
 BuiltInAction::BuiltInAction() = default;
 BuiltInAction::~BuiltInAction() = default;
 
-void BuiltInAction::setUp(const ActionInfo& actionInfo, const GridActionPtr& gridAction,
-                          const QString& keyModifier)
+void BuiltInAction::setUp(const BuiltInContext& context, const ActionInfo& actionInfo,
+                          const GridActionPtr& gridAction, const QString& keyModifier)
 {
+    m_context = &context;
     m_actionInfo = actionInfo;
     m_gridAction = gridAction;
     m_keyModifier = keyModifier;
     delete m_bridge;
-    m_bridge = new BuiltInActionTaskBridge(actionInfo, this, this);
+    m_bridge = new BuiltInActionTaskBridge(context.tasks, actionInfo, this, this);
+}
+
+const TaskContext& BuiltInAction::tasks() const
+{
+    return m_context->tasks;
 }
 
 void BuiltInAction::runWithClick()
@@ -69,7 +77,7 @@ void BuiltInAction::finish()
         const auto remove = std::exchange(removeFromRunner, nullptr);
         remove(this);
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
+    tasks().distributed.post(CmdLineNotifications::Finish, this);
 }
 
 QString BuiltInAction::actionName() const
@@ -85,16 +93,16 @@ QString BuiltInAction::variable(const QString& key) const
 void BuiltInAction::returnResult(const QString& result, bool isText)
 {
     if (isText) {
-        DesktopServices::shared().pasteString(result);
+        tasks().desktop.pasteString(result);
     } else {
-        DesktopServices::shared().pasteUrl(result);
+        tasks().desktop.pasteUrl(result);
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
-                                           {{QStringLiteral("response"), result}});
+    tasks().distributed.post(CmdLineNotifications::Response, this,
+                             {{QStringLiteral("response"), result}});
     m_answered = true;
-    RecentItems::shared().addItem(
-        {result, QStringLiteral("%1 - %2").arg(truncated(actionName(), 50), result), isText ? 2 : 1,
-         m_actionInfo.iconPath});
+    tasks().recentItems.addItem({result,
+                                 QStringLiteral("%1 - %2").arg(truncated(actionName(), 50), result),
+                                 isText ? 2 : 1, m_actionInfo.iconPath});
 }
 
 void BuiltInAction::failWithMessage(const QString& message, const QString& title)
@@ -103,7 +111,7 @@ void BuiltInAction::failWithMessage(const QString& message, const QString& title
     m_bridge->completeTaskWithSuccess(false);
     m_bridge->sendFinishNotification(message, false, title);
     // A command-line caller hears the failure as an error answer.
-    NotificationCenter::distributed().post(
+    tasks().distributed.post(
         CmdLineNotifications::Response, this,
         {{QStringLiteral("response"),
           QStringLiteral("Error: ") +
@@ -117,8 +125,8 @@ void BuiltInAction::succeedWithMessage(const QString& message)
     if (!message.isEmpty()) {
         m_bridge->sendFinishNotification(message, true);
         if (!m_answered) {
-            NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
-                                                   {{QStringLiteral("response"), message}});
+            tasks().distributed.post(CmdLineNotifications::Response, this,
+                                     {{QStringLiteral("response"), message}});
         }
     }
     finish();
@@ -126,9 +134,9 @@ void BuiltInAction::succeedWithMessage(const QString& message)
 
 void BuiltInAction::playFinishedSoundIfWanted()
 {
-    if (Settings::shared().boolValue(Settings::PlaySounds)) {
-        QTimer::singleShot(SoundDelayMs, [] {
-            DesktopServices::shared().playSound(QStringLiteral("TaskFinished"));
+    if (tasks().settings.boolValue(Settings::PlaySounds)) {
+        QTimer::singleShot(SoundDelayMs, [&desktop = tasks().desktop] {
+            desktop.playSound(QStringLiteral("TaskFinished"));
         });
     }
 }

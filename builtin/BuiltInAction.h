@@ -15,6 +15,8 @@
 class ActionFile;
 class BuiltInActionTaskBridge;
 class FolderMonitorContext;
+struct BuiltInContext;
+struct TaskContext;
 
 // Base of every built-in action; one instance per run. The run operations start the work
 // and every run ends with exactly one call of finish(), however it went.
@@ -25,8 +27,10 @@ public:
     ~BuiltInAction() override;
 
     // Set by the runner before a run operation is called.
-    void setUp(const ActionInfo& actionInfo, const GridActionPtr& gridAction,
-               const QString& keyModifier);
+    void setUp(const BuiltInContext& context, const ActionInfo& actionInfo,
+               const GridActionPtr& gridAction, const QString& keyModifier);
+    const BuiltInContext& context() const { return *m_context; }
+    const TaskContext& tasks() const;
 
     virtual void runWithClick();
     virtual void runWithDraggedUrls(const QList<QUrl>& urls);
@@ -62,6 +66,7 @@ protected:
     void playFinishedSoundIfWanted();
 
 private:
+    const BuiltInContext* m_context = nullptr;
     ActionInfo m_actionInfo;
     // Held strongly: command-line runs hand over grid actions that nothing else keeps.
     GridActionPtr m_gridAction;

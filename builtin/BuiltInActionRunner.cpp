@@ -2,10 +2,14 @@
 
 #include "actions/ActionFile.h"
 #include "builtin/BuiltInAction.h"
+#include "builtin/BuiltInContext.h"
 #include "core/Log.h"
 #include "core/WindowPresenter.h"
+#include "tasks/TaskContext.h"
 
-BuiltInActionRunner::BuiltInActionRunner() = default;
+BuiltInActionRunner::BuiltInActionRunner(const BuiltInContext* context)
+    : m_context(context)
+{}
 
 BuiltInActionRunner::~BuiltInActionRunner()
 {
@@ -32,7 +36,10 @@ BuiltInAction* BuiltInActionRunner::getBuiltInActionWithActionInfo(const ActionI
                          .arg(info.name));
         action = new BuiltInAction();
     }
-    action->setUp(info, gridAction, keyModifier);
+    if (!m_context) {
+        qFatal("A built-in action runs before the engine handed the runner a context");
+    }
+    action->setUp(*m_context, info, gridAction, keyModifier);
     return action;
 }
 
@@ -42,7 +49,9 @@ BuiltInAction* BuiltInActionRunner::start(const GridActionPtr& gridAction,
                                           std::shared_ptr<FolderMonitorContext> context)
 {
     // Built-in actions run with the grid closed.
-    WindowPresenter::shared().closeGrid();
+    if (m_context) {
+        m_context->tasks.windows.closeGrid();
+    }
     const std::optional<ActionInfo> info =
         gridAction ? m_catalog.getActionWithGridAction(*gridAction) : std::nullopt;
     if (!info) {

@@ -12,14 +12,18 @@
 
 class ActionFile;
 class BuiltInAction;
+struct BuiltInContext;
 
 // Creates and tracks the running instances of built-in actions. Main thread only.
 class BuiltInActionRunner : public BuiltInDispatcher {
 public:
-    BuiltInActionRunner();
+    explicit BuiltInActionRunner(const BuiltInContext* context = nullptr);
     ~BuiltInActionRunner() override;
 
     static std::shared_ptr<BuiltInActionRunner> shared();
+    // What the runs report to; the engine hands in its own at start-up (not owned). A run
+    // needs one.
+    void setContext(const BuiltInContext* context) { m_context = context; }
 
     const BuiltInActionCatalog& builtInActionCatalog() const { return m_catalog; }
     const QList<BuiltInAction*>& runningBuiltInActions() const { return m_running; }
@@ -59,6 +63,7 @@ private:
                          std::function<void()> completion,
                          std::shared_ptr<FolderMonitorContext> context);
 
+    const BuiltInContext* m_context;
     BuiltInActionCatalog m_catalog;
     QList<BuiltInAction*> m_running;
 };

@@ -3,20 +3,22 @@
 #include "builtin/BuiltInAction.h"
 #include "core/DesktopServices.h"
 #include "core/NotificationCenter.h"
+#include "tasks/TaskContext.h"
 #include "tasks/TaskStatus.h"
 #include "tasks/TaskStatusController.h"
 
-BuiltInActionTaskBridge::BuiltInActionTaskBridge(ActionInfo actionInfo, BuiltInAction* actionClass,
-                                                 QObject* parent)
+BuiltInActionTaskBridge::BuiltInActionTaskBridge(const TaskContext& context, ActionInfo actionInfo,
+                                                 BuiltInAction* actionClass, QObject* parent)
     : QObject(parent)
     , m_actionInfo(std::move(actionInfo))
+    , m_context(context)
     , m_actionClass(actionClass)
 {}
 
 TaskStatus* BuiltInActionTaskBridge::createTaskStatus()
 {
     if (!m_taskStatus && !m_completed) {
-        m_taskStatus = TaskStatusController::shared().newTaskWithIcon(m_actionInfo.iconPath);
+        m_taskStatus = m_context.taskStatuses.newTaskWithIcon(m_actionInfo.iconPath);
         QPointer<BuiltInAction> action = m_actionClass;
         m_taskStatus->setBuiltInCancel([action] {
             if (action) {
@@ -40,7 +42,7 @@ void BuiltInActionTaskBridge::setProgress(int percent)
     if (m_taskStatus) {
         m_taskStatus->setProgress(qBound(0, percent, 100));
     }
-    NotificationCenter::shared().post(Notifications::TasksStatusItemAnimationAdvance, this);
+    m_context.notifications.post(Notifications::TasksStatusItemAnimationAdvance, this);
 }
 
 void BuiltInActionTaskBridge::setIndeterminate(bool indeterminate)
@@ -67,8 +69,8 @@ void BuiltInActionTaskBridge::completeTaskWithSuccess(bool success)
         m_taskStatus->finishWithFade(true);
         m_taskStatus = nullptr;
     }
-    NotificationCenter::shared().post(Notifications::TaskShowExitStatus, this,
-                                      {{QStringLiteral("success"), success ? 1 : 0}});
+    m_context.notifications.post(Notifications::TaskShowExitStatus, this,
+                                 {{QStringLiteral("success"), success ? 1 : 0}});
 }
 
 void BuiltInActionTaskBridge::sendFinishNotification(const QString& message, bool success,
@@ -82,5 +84,5 @@ void BuiltInActionTaskBridge::sendFinishNotification(const QString& message, boo
                                                                      : QStringLiteral("Failed"));
     notification.body = message;
     notification.imagePath = m_actionInfo.iconPath;
-    DesktopServices::shared().sendNotification(notification);
+    m_context.desktop.sendNotification(notification);
 }

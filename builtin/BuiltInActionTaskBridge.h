@@ -8,13 +8,14 @@
 #include <QString>
 
 class BuiltInAction;
+struct TaskContext;
 
 // Links one run of a built-in action to the progress rows that script tasks use.
 class BuiltInActionTaskBridge : public QObject {
     Q_OBJECT
 public:
-    BuiltInActionTaskBridge(ActionInfo actionInfo, BuiltInAction* actionClass,
-                            QObject* parent = nullptr);
+    BuiltInActionTaskBridge(const TaskContext& context, ActionInfo actionInfo,
+                            BuiltInAction* actionClass, QObject* parent = nullptr);
 
     const ActionInfo& actionInfo() const { return m_actionInfo; }
     BuiltInAction* actionClass() const { return m_actionClass; }
@@ -34,6 +35,7 @@ public:
 
 private:
     ActionInfo m_actionInfo;
+    const TaskContext& m_context;
     QPointer<BuiltInAction> m_actionClass;
     QPointer<TaskStatus> m_taskStatus;
     bool m_completed = false;

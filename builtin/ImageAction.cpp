@@ -4,6 +4,7 @@
 #include "core/SupportPaths.h"
 #include "core/WindowPresenter.h"
 #include "tasks/DropbarSink.h"
+#include "tasks/TaskContext.h"
 
 #include <QDir>
 #include <QPointer>
@@ -56,7 +57,7 @@ void ImageAction::runWithDraggedUrls(const QList<QUrl>& urls)
         return;
     }
     QPointer<ImageAction> self = this;
-    WindowPresenter::shared().chooseFolder(
+    tasks().windows.chooseFolder(
         QStringLiteral("Choose output folder"),
         QStringLiteral("Choose an output folder for the converted image"),
         QStandardPaths::writableLocation(QStandardPaths::DesktopLocation),
@@ -128,7 +129,7 @@ void ImageAction::processed(const ImageProcessing::RunResult& result)
         return;
     }
     if (m_addToDropBar && !result.written.isEmpty()) {
-        DropbarSink::shared().addFilePaths(result.written);
+        tasks().dropbarSink.addFilePaths(result.written);
     }
     if (result.written.isEmpty()) {
         failWithMessage(result.cancelled ? QStringLiteral("Cancelled")

@@ -1,12 +1,13 @@
 #include "builtin/MoveToTrashAction.h"
 
+#include "builtin/BuiltInContext.h"
 #include "platform/Launcher.h"
 #include "platform/Trash.h"
 
 void MoveToTrashAction::runWithClick()
 {
     QString error;
-    if (!Launcher::shared().openUrl(Trash::trashUri(), &error)) {
+    if (!context().launcher.openUrl(Trash::trashUri(), &error)) {
         failWithMessage(QStringLiteral("Error opening the Trash: ") + error);
         return;
     }

@@ -1,5 +1,6 @@
 #include "builtin/OpenApplicationAction.h"
 
+#include "builtin/BuiltInContext.h"
 #include "platform/Launcher.h"
 
 void OpenApplicationAction::runWithClick()
@@ -21,7 +22,7 @@ void OpenApplicationAction::runWithDraggedUrls(const QList<QUrl>& urls)
 void OpenApplicationAction::launch(const QStringList& filePaths)
 {
     QString error;
-    if (!Launcher::shared().launchApplication(variable(GridAction::PathVariable), filePaths,
+    if (!context().launcher.launchApplication(variable(GridAction::PathVariable), filePaths,
                                               &error)) {
         failWithMessage(QStringLiteral("Error opening application: ") + error);
         return;

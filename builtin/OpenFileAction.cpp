@@ -1,6 +1,7 @@
 #include "builtin/OpenFileAction.h"
 
 #include "builtin/BuiltInActionTaskBridge.h"
+#include "builtin/BuiltInContext.h"
 #include "platform/Launcher.h"
 
 #include <QFileInfo>
@@ -14,7 +15,7 @@ void OpenFileAction::runWithClick()
         return;
     }
     QString error;
-    if (!Launcher::shared().openUrl(QString::fromUtf8(QUrl::fromLocalFile(path).toEncoded()),
+    if (!context().launcher.openUrl(QString::fromUtf8(QUrl::fromLocalFile(path).toEncoded()),
                                     &error)) {
         failWithMessage(QStringLiteral("Error opening file: ") + error);
         return;

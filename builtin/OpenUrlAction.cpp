@@ -1,5 +1,6 @@
 #include "builtin/OpenUrlAction.h"
 
+#include "builtin/BuiltInContext.h"
 #include "core/UserUrl.h"
 #include "platform/Launcher.h"
 
@@ -20,7 +21,7 @@ void OpenUrlAction::runWithClick()
         return;
     }
     QString error;
-    if (!Launcher::shared().openUrl(QString::fromUtf8(url->toEncoded()), &error)) {
+    if (!context().launcher.openUrl(QString::fromUtf8(url->toEncoded()), &error)) {
         failWithMessage(QStringLiteral("Error opening URL: ") + error);
         return;
     }

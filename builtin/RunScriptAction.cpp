@@ -3,6 +3,7 @@
 #include "builtin/BuiltInActionTaskBridge.h"
 #include "platform/ChildProcess.h"
 #include "tasks/DebugConsoleController.h"
+#include "tasks/TaskContext.h"
 
 #include <QDir>
 #include <QFile>
@@ -140,9 +141,8 @@ void RunScriptAction::run(const QStringList& filePaths, bool dragged)
     bridge->createTaskStatus();
     bridge->beginProgress(false);
     bridge->setStatusText(QStringLiteral("Running %1...").arg(actionName()));
-    DebugConsoleController::shared().append(
-        QStringLiteral("\n[Launching script with command line: %1]\n")
-            .arg(quotedCommandLine(interpreter, arguments)));
+    tasks().debugConsole.append(QStringLiteral("\n[Launching script with command line: %1]\n")
+                                    .arg(quotedCommandLine(interpreter, arguments)));
 
     m_child->start();
 }
@@ -150,8 +150,8 @@ void RunScriptAction::run(const QStringList& filePaths, bool dragged)
 void RunScriptAction::failedToStart()
 {
     const QString error = m_child->process()->errorString();
-    DebugConsoleController::shared().append(
-        QStringLiteral("Failed to launch script: %1\n").arg(error), Colour::Red);
+    tasks().debugConsole.append(QStringLiteral("Failed to launch script: %1\n").arg(error),
+                                Colour::Red);
     m_child->process()->disconnect(this);
     m_child->deleteLater();
     failWithMessage(QStringLiteral("The script could not be launched: %1").arg(error));
@@ -166,9 +166,9 @@ void RunScriptAction::readOutput(QProcess::ProcessChannel channel)
     process->setReadChannel(channel);
     const QByteArray data = process->readAll();
     if (channel == QProcess::StandardError) {
-        DebugConsoleController::shared().append(m_stderrDecoder.decode(data), Colour::Red);
+        tasks().debugConsole.append(m_stderrDecoder.decode(data), Colour::Red);
     } else {
-        DebugConsoleController::shared().append(m_stdoutDecoder.decode(data));
+        tasks().debugConsole.append(m_stdoutDecoder.decode(data));
     }
 }
 
@@ -176,7 +176,7 @@ void RunScriptAction::processFinished(int exitCode, QProcess::ExitStatus status)
 {
     readOutput(QProcess::StandardOutput);
     readOutput(QProcess::StandardError);
-    DebugConsoleController::shared().append(QStringLiteral("\n[Task completed]\n"));
+    tasks().debugConsole.append(QStringLiteral("\n[Task completed]\n"));
     const QString errorText = m_child->process()->errorString();
     m_child->deleteLater();
     if (m_cancelled) {

@@ -4,6 +4,12 @@
 #include "cmdline/CommandSupport.h"
 #include "store/GridAction.h"
 #include "store/Icons.h"
+#include "tasks/Task.h"
+#include "tasks/TaskContext.h"
+#include "tasks/TaskOutputHandler.h"
+#include "tasks/TaskRunner.h"
+#include "tasks/TaskStatus.h"
+#include "tasks/TasksController.h"
 
 #include <QDir>
 #include <QFile>
@@ -318,7 +324,7 @@ void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariant
     if (reset) {
         action.icon.clear();
         action.usingDefaultIcon = true;
-        if (!action.update() || !Icons::shared().deleteIcon(action.aId)) {
+        if (!action.update() || !m_context.icons.deleteIcon(action.aId)) {
             client->respond(QStringLiteral("Error: Failed to reset the icon of '%1'").arg(name));
             return;
         }
@@ -334,7 +340,7 @@ void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariant
     }
     action.icon = icon.readAll();
     action.usingDefaultIcon = false;
-    if (!Icons::shared().saveIcon(action.icon, action.aId) || !action.update()) {
+    if (!m_context.icons.saveIcon(action.icon, action.aId) || !action.update()) {
         client->respond(QStringLiteral("Error: Failed to set the icon of '%1'").arg(name));
         return;
     }

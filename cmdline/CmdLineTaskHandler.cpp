@@ -6,6 +6,11 @@
 #include "core/CmdLineProtocol.h"
 #include "core/NotificationCenter.h"
 #include "tasks/Task.h"
+#include "tasks/TaskContext.h"
+#include "tasks/TaskOutputHandler.h"
+#include "tasks/TaskRunner.h"
+#include "tasks/TaskStatus.h"
+#include "tasks/TasksController.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,21 +22,24 @@
 using namespace CommandSupport;
 using namespace GridLookup;
 
-CmdLineTaskHandler::CmdLineTaskHandler(QObject* parent)
+CmdLineTaskHandler::CmdLineTaskHandler(const TaskContext& context, EventsHandler& events,
+                                       QObject* parent)
     : QObject(parent)
+    , m_context(context)
+    , m_events(events)
 {
     connect(&m_server, &CmdLineServer::requestReceived, this, &CmdLineTaskHandler::requestReceived);
-    m_observer =
-        NotificationCenter::distributed().addObserver({}, nullptr, [this](const Notification& n) {
-            distributedPosted(n.name, n.object, n.userInfo);
-        });
-    m_alertObserver = AlertHelper::addObserver([this](const Alert& alert) { alertRaised(alert); });
+    m_observer = m_context.distributed.addObserver({}, nullptr, [this](const Notification& n) {
+        distributedPosted(n.name, n.object, n.userInfo);
+    });
+    m_alertObserver =
+        m_context.alerts.addObserver([this](const Alert& alert) { alertRaised(alert); });
 }
 
 CmdLineTaskHandler::~CmdLineTaskHandler()
 {
-    AlertHelper::removeObserver(m_alertObserver);
-    NotificationCenter::distributed().removeObserver(m_observer);
+    m_context.alerts.removeObserver(m_alertObserver);
+    m_context.distributed.removeObserver(m_observer);
 }
 
 bool CmdLineTaskHandler::setup(const QString& runtimeFolder, QString* error)

@@ -13,7 +13,9 @@
 
 struct Alert;
 class GridAction;
+class EventsHandler;
 class Task;
+struct TaskContext;
 
 // Answers the requests of the `sk` command-line tool: dispatches each by its command word
 // to a command that answers through the request's own context (CmdLineRequest) and
@@ -29,7 +31,9 @@ public:
                                            const QString& event, const QStringList& files,
                                            const QString& text, std::function<void()> finished)>;
 
-    explicit CmdLineTaskHandler(QObject* parent = nullptr);
+    // Runs and what they report come from the engine's `context` and `events`.
+    CmdLineTaskHandler(const TaskContext& context, EventsHandler& events,
+                       QObject* parent = nullptr);
     ~CmdLineTaskHandler() override;
 
     // Listens on the socket in `runtimeFolder`; false when another instance runs there.
@@ -82,6 +86,8 @@ private:
     void setIcon(const CmdLineRequestPtr& client, const QVariantMap& request);
     void notAvailable(const CmdLineRequestPtr& client, const QVariantMap& request);
 
+    const TaskContext& m_context;
+    EventsHandler& m_events;
     CmdLineServer m_server;
     int m_observer = 0;
     int m_alertObserver = 0;

@@ -2,6 +2,14 @@
 #include "cmdline/CommandSupport.h"
 #include "core/NotificationCenter.h"
 #include "store/GridAction.h"
+#include "store/GridDatabase.h"
+#include "store/Icons.h"
+#include "tasks/Task.h"
+#include "tasks/TaskContext.h"
+#include "tasks/TaskOutputHandler.h"
+#include "tasks/TaskRunner.h"
+#include "tasks/TaskStatus.h"
+#include "tasks/TasksController.h"
 
 #include <QDir>
 #include <QFile>
@@ -53,7 +61,7 @@ void CmdLineTaskHandler::switchGrid(const CmdLineRequestPtr& client, const QVari
         return;
     }
     db().setSelectedGridId(grids.first().value(QStringLiteral("id")).toLongLong());
-    NotificationCenter::shared().post(Notifications::GridsChanged);
+    m_context.notifications.post(Notifications::GridsChanged);
     client->respond(QStringLiteral("Switched to grid '") + name + QStringLiteral("'"));
 }
 
@@ -74,7 +82,7 @@ void CmdLineTaskHandler::createGrid(const CmdLineRequestPtr& client, const QVari
                         QStringLiteral("'"));
         return;
     }
-    NotificationCenter::shared().post(Notifications::GridsChanged);
+    m_context.notifications.post(Notifications::GridsChanged);
     client->respond(QStringLiteral("Created grid '") + name + QStringLiteral("'"));
 }
 
@@ -109,7 +117,7 @@ void CmdLineTaskHandler::removeGrid(const CmdLineRequestPtr& client, const QVari
                         QStringLiteral("'"));
         return;
     }
-    NotificationCenter::shared().post(Notifications::GridsChanged);
+    m_context.notifications.post(Notifications::GridsChanged);
     if (wasCurrent) {
         const SqlRows left = db().getGrids();
         const GridId next = left.first().value(QStringLiteral("id")).toLongLong();
@@ -297,7 +305,7 @@ void CmdLineTaskHandler::gridSettings(const CmdLineRequestPtr& client, const QVa
         return;
     }
     if (!changes.isEmpty()) {
-        NotificationCenter::shared().post(Notifications::GridsChanged);
+        m_context.notifications.post(Notifications::GridsChanged);
         client->respond(
             QStringLiteral("Updated grid '%1': %2").arg(grid, changes.join(QStringLiteral(", "))));
         return;
@@ -389,6 +397,6 @@ void CmdLineTaskHandler::moveAction(const CmdLineRequestPtr& client, const QVari
                                           QStringLiteral("' to avoid a conflict.");
         }
     }
-    NotificationCenter::shared().post(Notifications::GridActionPositionsSaved);
+    m_context.notifications.post(Notifications::GridActionPositionsSaved);
     client->respond(answer);
 }

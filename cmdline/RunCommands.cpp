@@ -5,6 +5,7 @@
 #include "core/Log.h"
 #include "events/EventsHandler.h"
 #include "tasks/Task.h"
+#include "tasks/TaskContext.h"
 #include "tasks/TaskOutputHandler.h"
 #include "tasks/TaskRunner.h"
 #include "tasks/TaskStatus.h"
@@ -70,7 +71,7 @@ void CmdLineTaskHandler::run(const CmdLineRequestPtr& client, const QVariantMap&
         }
     }
     if ((action->type == u"Rename & Move Files" || action->type == u"Rename & Copy Files") &&
-        EventsHandler::shared().isRenamePromptOpen()) {
+        m_events.isRenamePromptOpen()) {
         client->respond(
             QStringLiteral("Error: Complete or cancel the current rename dialog before starting "
                            "another rename action."));
@@ -120,7 +121,7 @@ void CmdLineTaskHandler::run(const CmdLineRequestPtr& client, const QVariantMap&
 
 void CmdLineTaskHandler::listRunning(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    const QList<Task*>& tasks = TasksController::shared().tasks();
+    const QList<Task*>& tasks = m_context.tasks.tasks();
     if (flag(request, "json")) {
         QJsonArray array;
         for (qsizetype i = 0; i < tasks.size(); ++i) {
@@ -166,7 +167,7 @@ void CmdLineTaskHandler::cancel(const CmdLineRequestPtr& client, const QVariantM
         client->respond(QStringLiteral("Error: Missing index for cancel command."));
         return;
     }
-    const QList<Task*>& tasks = TasksController::shared().tasks();
+    const QList<Task*>& tasks = m_context.tasks.tasks();
     if (*index < 0 || *index >= tasks.size()) {
         client->respond(
             QString::number(*index) +

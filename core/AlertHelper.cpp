@@ -2,24 +2,6 @@
 
 #include "core/Log.h"
 
-#include <map>
-
-namespace {
-
-std::shared_ptr<AlertPresenter>& current()
-{
-    static std::shared_ptr<AlertPresenter> presenter = std::make_shared<HeadlessAlertPresenter>();
-    return presenter;
-}
-
-std::map<int, std::function<void(const Alert&)>>& observers()
-{
-    static std::map<int, std::function<void(const Alert&)>> registered;
-    return registered;
-}
-
-} // namespace
-
 void HeadlessAlertPresenter::present(const Alert& alert, Answered answered)
 {
     const char* kind = alert.style == Alert::Style::Critical  ? "critical alert"
@@ -36,54 +18,45 @@ void HeadlessAlertPresenter::present(const Alert& alert, Answered answered)
     }
 }
 
-namespace AlertHelper {
+AlertHelper::AlertHelper(std::shared_ptr<AlertPresenter> presenter)
+    : m_presenter(presenter ? std::move(presenter) : std::make_shared<HeadlessAlertPresenter>())
+{}
 
-AlertPresenter& presenter()
+int AlertHelper::addObserver(std::function<void(const Alert&)> observer)
 {
-    return *current();
+    m_observers.emplace(m_nextToken, std::move(observer));
+    return m_nextToken++;
 }
 
-void setPresenter(std::shared_ptr<AlertPresenter> presenter)
+void AlertHelper::removeObserver(int token)
 {
-    current() = presenter ? std::move(presenter) : std::make_shared<HeadlessAlertPresenter>();
+    m_observers.erase(token);
 }
 
-int addObserver(std::function<void(const Alert&)> observer)
-{
-    static int nextToken = 1;
-    observers().emplace(nextToken, std::move(observer));
-    return nextToken++;
-}
-
-void removeObserver(int token)
-{
-    observers().erase(token);
-}
-
-void showCriticalAlertWithTitle(const QString& title, const QString& message, const QObject* origin)
+void AlertHelper::showCriticalAlertWithTitle(const QString& title, const QString& message,
+                                             const QObject* origin)
 {
     runAlert({Alert::Style::Critical, title, message, {}, origin});
 }
 
-void showAlertWithTitle(const QString& title, const QString& message, const QObject* origin)
+void AlertHelper::showAlertWithTitle(const QString& title, const QString& message,
+                                     const QObject* origin)
 {
     runAlert({Alert::Style::Informational, title, message, {}, origin});
 }
 
-void runAlert(const Alert& alert, AlertPresenter::Answered answered)
+void AlertHelper::runAlert(const Alert& alert, AlertPresenter::Answered answered)
 {
     // A copy: an observer may remove itself.
-    const auto listening = observers();
+    const auto listening = m_observers;
     for (const auto& [token, observer] : listening) {
         observer(alert);
     }
-    // Keeps the presenter alive until it has answered, even if another is installed.
-    std::shared_ptr<AlertPresenter> presenter = current();
+    // Keeps the presenter alive until it has answered.
+    std::shared_ptr<AlertPresenter> presenter = m_presenter;
     presenter->present(alert, [presenter, answered = std::move(answered)](int button) {
         if (answered) {
             answered(button);
         }
     });
 }
-
-} // namespace AlertHelper

@@ -4,6 +4,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <map>
 #include <memory>
 
 class QObject;
@@ -37,22 +38,27 @@ public:
     void present(const Alert& alert, Answered answered) override;
 };
 
-namespace AlertHelper {
+// Presents alerts through the presenter it was given (headless when none) and lets
+// observers hear of each one first (the command-line handler sends them to waiting requests).
+class AlertHelper {
+public:
+    explicit AlertHelper(std::shared_ptr<AlertPresenter> presenter = nullptr);
 
-// The presenter in use; headless until the application installs another.
-AlertPresenter& presenter();
-void setPresenter(std::shared_ptr<AlertPresenter> presenter);
+    AlertPresenter& presenter() { return *m_presenter; }
 
-// Observers hear of every alert before it is presented (the command-line handler sends
-// them to waiting requests). The token removes the observer again.
-int addObserver(std::function<void(const Alert&)> observer);
-void removeObserver(int token);
+    // The token removes the observer again.
+    int addObserver(std::function<void(const Alert&)> observer);
+    void removeObserver(int token);
 
-void showCriticalAlertWithTitle(const QString& title, const QString& message,
-                                const QObject* origin = nullptr);
-void showAlertWithTitle(const QString& title, const QString& message,
-                        const QObject* origin = nullptr);
-// `answered` may be empty when the answer does not matter.
-void runAlert(const Alert& alert, AlertPresenter::Answered answered = {});
+    void showCriticalAlertWithTitle(const QString& title, const QString& message,
+                                    const QObject* origin = nullptr);
+    void showAlertWithTitle(const QString& title, const QString& message,
+                            const QObject* origin = nullptr);
+    // `answered` may be empty when the answer does not matter.
+    void runAlert(const Alert& alert, AlertPresenter::Answered answered = {});
 
-} // namespace AlertHelper
+private:
+    std::shared_ptr<AlertPresenter> m_presenter;
+    std::map<int, std::function<void(const Alert&)>> m_observers;
+    int m_nextToken = 1;
+};

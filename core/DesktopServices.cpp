@@ -2,26 +2,6 @@
 
 #include "core/Log.h"
 
-namespace {
-
-std::shared_ptr<DesktopServices>& current()
-{
-    static std::shared_ptr<DesktopServices> services = std::make_shared<HeadlessDesktopServices>();
-    return services;
-}
-
-} // namespace
-
-DesktopServices& DesktopServices::shared()
-{
-    return *current();
-}
-
-void DesktopServices::setShared(std::shared_ptr<DesktopServices> services)
-{
-    current() = services ? std::move(services) : std::make_shared<HeadlessDesktopServices>();
-}
-
 void HeadlessDesktopServices::pasteUrl(const QString& url)
 {
     m_clipboard = url;

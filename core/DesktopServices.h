@@ -24,9 +24,6 @@ public:
     virtual void pasteString(const QString& text) = 0;
     virtual void playSound(const QString& name) = 0;
     virtual void sendNotification(const UserNotification& notification) = 0;
-
-    static DesktopServices& shared();
-    static void setShared(std::shared_ptr<DesktopServices> services);
 };
 
 class HeadlessDesktopServices : public DesktopServices {

@@ -2,18 +2,6 @@
 
 #include <vector>
 
-NotificationCenter& NotificationCenter::shared()
-{
-    static NotificationCenter center;
-    return center;
-}
-
-NotificationCenter& NotificationCenter::distributed()
-{
-    static NotificationCenter center;
-    return center;
-}
-
 int NotificationCenter::addObserver(const QString& name, const QObject* sender, Observer observer)
 {
     const int token = m_nextToken++;

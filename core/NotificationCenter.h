@@ -46,14 +46,11 @@ struct Notification {
 
 // The application's notification centre: named notifications with an optional sender
 // object and user information, delivered synchronously to observers on the posting thread.
-// Post from the main thread only, as the rest of the engine does.
+// Post from the main thread only, as the rest of the engine does. The engine keeps two: the
+// application's, and the distributed one whose notifications reach the command-line tool.
 class NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
-
-    static NotificationCenter& shared();
-    // The centre whose notifications reach the command-line tool (through its socket).
-    static NotificationCenter& distributed();
 
     // Observes `name` (all names when empty), from `sender` only when one is given.
     // The returned token removes the observer again.

@@ -7,7 +7,7 @@
 #include <memory>
 
 // Where grid actions keep their logins: a secret per service and account name. The desktop
-// installs the system's secret service; without one the engine keeps them in a file that
+// uses the system's secret service; without one the engine keeps them in a file that
 // only the user can read.
 //
 // The calls never wait: each result reaches its continuation, on the main thread, either
@@ -29,9 +29,4 @@ public:
                              const QByteArray& secret, Done done) = 0;
     // Deleting what is not there is NotFound, not a failure of the store.
     virtual void deleteSecret(const QString& service, const QString& account, Done done) = 0;
-
-    // The store in use, installed at start-up (a private file or the system's secret service).
-    static SecretStore& shared();
-    static std::shared_ptr<SecretStore> sharedPointer();
-    static void setShared(std::shared_ptr<SecretStore> store);
 };

@@ -8,26 +8,9 @@
 #include <QJsonDocument>
 #include <QSaveFile>
 
-namespace {
-
-QString sharedFilePath()
+QString Settings::defaultFilePath()
 {
     return QDir(SupportPaths::configDirectory()).filePath(QStringLiteral("settings.json"));
-}
-
-} // namespace
-
-Settings& Settings::shared()
-{
-    static Settings* instance = new Settings(sharedFilePath());
-    return *instance;
-}
-
-void Settings::reopenShared()
-{
-    Settings& settings = shared();
-    settings.m_filePath = sharedFilePath();
-    settings.reload();
 }
 
 Settings::Settings(QString filePath, QObject* parent)

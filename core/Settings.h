@@ -28,10 +28,8 @@ public:
     static inline const QString GridPositionLoggingEnabled =
         QStringLiteral("GridPositionLoggingEnabled");
 
-    // The shared instance over the file in SupportPaths::configDirectory().
-    static Settings& shared();
-    // Points the shared instance at the settings file of the current SKELVO_HOME (tests).
-    static void reopenShared();
+    // "settings.json" in SupportPaths::configDirectory().
+    static QString defaultFilePath();
 
     explicit Settings(QString filePath, QObject* parent = nullptr);
 

@@ -2,26 +2,6 @@
 
 #include "core/Log.h"
 
-namespace {
-
-std::shared_ptr<WindowPresenter>& current()
-{
-    static std::shared_ptr<WindowPresenter> presenter = std::make_shared<HeadlessWindowPresenter>();
-    return presenter;
-}
-
-} // namespace
-
-WindowPresenter& WindowPresenter::shared()
-{
-    return *current();
-}
-
-void WindowPresenter::setShared(std::shared_ptr<WindowPresenter> presenter)
-{
-    current() = presenter ? std::move(presenter) : std::make_shared<HeadlessWindowPresenter>();
-}
-
 void HeadlessWindowPresenter::openSettingsPage(const QString& page)
 {
     Log::info(QStringLiteral("Settings page \"%1\" would open (no display)").arg(page));

@@ -62,9 +62,6 @@ public:
     // `answered` is called once.
     virtual void promptForRenamedFilename(const RenamePrompt& prompt,
                                           std::function<void(const RenameAnswer&)> answered) = 0;
-
-    static WindowPresenter& shared();
-    static void setShared(std::shared_ptr<WindowPresenter> presenter);
 };
 
 class HeadlessWindowPresenter : public WindowPresenter {

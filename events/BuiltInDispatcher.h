@@ -11,8 +11,8 @@
 
 class FolderMonitorContext;
 
-// Where the events handler hands runs of built-in actions. The built-in action runner
-// installs itself here when it comes up; until then EventsHandler alerts that built-in
+// Where the events handler hands runs of built-in actions. The engine sets the built-in
+// action runner on its handler at start-up; until then EventsHandler alerts that built-in
 // actions cannot run and starts nothing.
 class BuiltInDispatcher {
 public:
@@ -29,8 +29,4 @@ public:
                                    std::function<void()> completion) = 0;
     virtual void runActionWithClick(const GridActionPtr& gridAction,
                                     std::function<void()> completion) = 0;
-
-    // The installed dispatcher, or null.
-    static BuiltInDispatcher* installed();
-    static void install(std::shared_ptr<BuiltInDispatcher> dispatcher);
 };

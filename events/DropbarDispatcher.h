@@ -7,7 +7,7 @@
 #include <memory>
 
 // Where the events handler hands drops on and clicks of Drop Bar tiles. The Drop Bar
-// controller installs itself here; without one such drops and clicks are logged.
+// controller is set on the handler; without one such drops and clicks are logged.
 class DropbarDispatcher {
 public:
     virtual ~DropbarDispatcher() = default;
@@ -19,7 +19,4 @@ public:
     // A "Drop Bar Files" tile shows its stack or opens its one item; a "Drop Bar Text" tile
     // inserts its text into the frontmost application.
     virtual void handleClick(const GridAction& dropBarTile) = 0;
-
-    static DropbarDispatcher* installed();
-    static void install(std::shared_ptr<DropbarDispatcher> dispatcher);
 };

@@ -17,6 +17,7 @@
 #include "store/GridStoreHooks.h"
 #include "tasks/FolderMonitorContext.h"
 #include "tasks/Task.h"
+#include "tasks/TaskContext.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -35,11 +36,6 @@ using Outcome = DispatchResult::Outcome;
 ActionFilePtr actionFileOf(const GridAction& action)
 {
     return action.actionFile();
-}
-
-WindowPresenter& windows()
-{
-    return WindowPresenter::shared();
 }
 
 // The length of a name without its extension; a leading dot does not start an extension.
@@ -71,14 +67,10 @@ bool usesEnglish()
 
 } // namespace
 
-EventsHandler& EventsHandler::shared()
-{
-    static EventsHandler handler;
-    return handler;
-}
-
-EventsHandler::EventsHandler(QObject* parent)
+EventsHandler::EventsHandler(const TaskContext& context, GridStoreHooks& hooks, QObject* parent)
     : QObject(parent)
+    , m_context(context)
+    , m_hooks(hooks)
 {}
 
 EventsHandler::~EventsHandler() = default;
@@ -146,8 +138,8 @@ DispatchResult EventsHandler::performActionDrag(const GridActionPtr& action, con
         endDispatch();
     }
     if (result.outcome != Outcome::NotHandled &&
-        Settings::shared().boolValue(Settings::PlaySounds)) {
-        DesktopServices::shared().playSound(GridDropSound);
+        m_context.settings.boolValue(Settings::PlaySounds)) {
+        m_context.desktop.playSound(GridDropSound);
     }
     return result;
 }
@@ -155,7 +147,7 @@ DispatchResult EventsHandler::performActionDrag(const GridActionPtr& action, con
 DispatchResult EventsHandler::dispatchDrop(const GridActionPtr& action, const DragInfo& drag)
 {
     if (AcceptanceRules::isAddToGridTile(*action)) {
-        windows().closeGrid();
+        m_context.windows.closeGrid();
         // Gives the grid time to close before it is rebuilt with the new tiles.
         QTimer::singleShot(AddToGridDelayMs, this,
                            [this, paths = drag.filePaths] { addItemsToGrid(paths); });
@@ -163,7 +155,7 @@ DispatchResult EventsHandler::dispatchDrop(const GridActionPtr& action, const Dr
     }
 
     if (AcceptanceRules::isDropbarTile(*action)) {
-        DropbarDispatcher* dropbar = DropbarDispatcher::installed();
+        DropbarDispatcher* dropbar = m_dropbars.get();
         if (!dropbar) {
             Log::warning(QStringLiteral("No Drop Bar is available; the drop on \"%1\" is ignored")
                              .arg(action->name));
@@ -173,9 +165,9 @@ DispatchResult EventsHandler::dispatchDrop(const GridActionPtr& action, const Dr
         const bool added = dropbar->addItemsFromDrag(drag, action->aId, drag.fromWithinSkelvo,
                                                      fromOutside && !drag.isGeneralPasteboard);
         if (added && fromOutside) {
-            windows().closeGrid();
+            m_context.windows.closeGrid();
             if (drag.modifiers.option) {
-                windows().showDropBarSecondaryPinned();
+                m_context.windows.showDropBarSecondaryPinned();
             }
         }
         return {Outcome::HandedToDropBar};
@@ -306,8 +298,7 @@ DispatchResult EventsHandler::dispatchFiles(const GridActionPtr& action,
     }
 
     if (file->isSharingService) {
-        const std::shared_ptr<SharingServiceDispatcher> sharing =
-            SharingServiceDispatcher::installed();
+        const std::shared_ptr<SharingServiceDispatcher> sharing = m_sharing;
         if (!sharing) {
             Log::warning(
                 QStringLiteral("No sharing service is available for \"%1\"").arg(action->name));
@@ -319,12 +310,12 @@ DispatchResult EventsHandler::dispatchFiles(const GridActionPtr& action,
             m_monitoredSharingService = sharing;
         }
         sharing->shareItems(*action, filePaths, runEnd(std::move(completion)));
-        windows().closeGrid();
+        m_context.windows.closeGrid();
         return {Outcome::HandedToSharingService};
     }
 
     if (file->isBuiltInAction) {
-        BuiltInDispatcher* builtIn = BuiltInDispatcher::installed();
+        BuiltInDispatcher* builtIn = m_builtIns.get();
         if (!builtIn) {
             reportBuiltInUnavailable(*action);
             abandonRun(std::move(completion));
@@ -357,8 +348,7 @@ DispatchResult EventsHandler::dispatchText(const GridActionPtr& action, const QS
         return {};
     }
     if (file->isSharingService) {
-        const std::shared_ptr<SharingServiceDispatcher> sharing =
-            SharingServiceDispatcher::installed();
+        const std::shared_ptr<SharingServiceDispatcher> sharing = m_sharing;
         if (!sharing) {
             Log::warning(
                 QStringLiteral("No sharing service is available for \"%1\"").arg(action->name));
@@ -366,13 +356,13 @@ DispatchResult EventsHandler::dispatchText(const GridActionPtr& action, const QS
             return {};
         }
         sharing->shareText(*action, text);
-        windows().closeGrid();
+        m_context.windows.closeGrid();
         // Sharing text is over once the service has it.
         abandonRun(std::move(completion));
         return {Outcome::HandedToSharingService};
     }
     if (file->isBuiltInAction) {
-        BuiltInDispatcher* builtIn = BuiltInDispatcher::installed();
+        BuiltInDispatcher* builtIn = m_builtIns.get();
         if (!builtIn) {
             reportBuiltInUnavailable(*action);
             abandonRun(std::move(completion));
@@ -408,11 +398,11 @@ DispatchResult EventsHandler::dispatchClick(const GridActionPtr& action,
     DispatchResult result;
     switch (AcceptanceRules::routeClick(*action, file.get())) {
     case Route::AddActionMenu:
-        windows().showAddActionMenu();
+        m_context.windows.showAddActionMenu();
         result.outcome = Outcome::ShowedAddActionMenu;
         break;
     case Route::DropBarTile:
-        if (DropbarDispatcher* dropbar = DropbarDispatcher::installed()) {
+        if (DropbarDispatcher* dropbar = m_dropbars.get()) {
             dropbar->handleClick(*action);
             result.outcome = Outcome::HandedToDropBar;
         } else {
@@ -421,17 +411,16 @@ DispatchResult EventsHandler::dispatchClick(const GridActionPtr& action,
         }
         break;
     case Route::DropBarPinned:
-        if (!windows().isDropBarSecondaryVisible()) {
-            windows().showDropBarSecondaryPinned();
-            windows().closeGrid();
+        if (!m_context.windows.isDropBarSecondaryVisible()) {
+            m_context.windows.showDropBarSecondaryPinned();
+            m_context.windows.closeGrid();
         }
         result.outcome = Outcome::ShowedDropBarPinned;
         break;
     case Route::SharingService:
-        if (const std::shared_ptr<SharingServiceDispatcher> sharing =
-                SharingServiceDispatcher::installed()) {
+        if (const std::shared_ptr<SharingServiceDispatcher> sharing = m_sharing) {
             sharing->handleClick(*action);
-            windows().closeGrid();
+            m_context.windows.closeGrid();
             result.outcome = Outcome::HandedToSharingService;
         } else {
             Log::warning(
@@ -443,7 +432,7 @@ DispatchResult EventsHandler::dispatchClick(const GridActionPtr& action,
         result.outcome = Outcome::OpenedActionConfig;
         break;
     case Route::RunBuiltIn:
-        if (BuiltInDispatcher* builtIn = BuiltInDispatcher::installed()) {
+        if (BuiltInDispatcher* builtIn = m_builtIns.get()) {
             builtIn->runActionWithClick(action, runEnd(std::move(completion)));
             return {Outcome::HandedToBuiltIn};
         }
@@ -461,9 +450,9 @@ DispatchResult EventsHandler::dispatchClick(const GridActionPtr& action,
 
 void EventsHandler::openActionConfigForGridAction(const GridAction& action)
 {
-    windows().closeGrid();
-    NotificationCenter::shared().post(Notifications::CloseActionConfigWindows);
-    windows().showActionConfigSheet(action.aId);
+    m_context.windows.closeGrid();
+    m_context.notifications.post(Notifications::CloseActionConfigWindows);
+    m_context.windows.showActionConfigSheet(action.aId);
 }
 
 // --- Monitored runs
@@ -530,7 +519,7 @@ Task* EventsHandler::createTaskForAction(const GridActionPtr& action, const QStr
         return nullptr;
     }
     // Without a sandbox the tile's referenced path needs no access grant first.
-    auto* task = new Task;
+    auto* task = new Task(m_context);
     const bool monitored = m_monitoredDispatch;
     if (monitored) {
         task->folderMonitorContext = m_folderMonitorContext;
@@ -579,7 +568,7 @@ Task* EventsHandler::createTaskForAction(const GridActionPtr& action, const QStr
             dropTask(task);
             return nullptr;
         }
-        windows().closeGrid();
+        m_context.windows.closeGrid();
         m_renamedFilenames.clear();
         m_pendingTask = task;
         task->setParent(this); // owned here until it runs or is dropped
@@ -612,7 +601,7 @@ Task* EventsHandler::startTask(Task* task)
 {
     task->setParent(nullptr); // from here the tasks controller owns it
     task->run();
-    windows().closeGrid();
+    m_context.windows.closeGrid();
     if (task->taskDescriptionPath().isEmpty() && !task->isWaitingForSecrets()) {
         // Nothing was started (the tile is gone or its password is missing); its completion
         // has been queued already. One still waiting for its login starts, or goes, later.
@@ -640,8 +629,8 @@ void EventsHandler::endDispatch()
 
 void EventsHandler::reportBuiltInUnavailable(const GridAction& action)
 {
-    AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Cannot Run Action"),
-                                            builtInUnavailableMessage(action.type));
+    m_context.alerts.showCriticalAlertWithTitle(QStringLiteral("Cannot Run Action"),
+                                                builtInUnavailableMessage(action.type));
 }
 
 // --- The rename prompt
@@ -680,7 +669,7 @@ void EventsHandler::promptForNextName()
     prompt.itemCount = static_cast<int>(task->items.size());
     prompt.title = renamePromptTitle(copy, prompt.itemNumber, prompt.itemCount);
 
-    windows().promptForRenamedFilename(
+    m_context.windows.promptForRenamedFilename(
         prompt, [self = QPointer<EventsHandler>(this),
                  generation = m_renameGeneration](const RenameAnswer& answer) {
             // An answer to a prompt that was cancelled meanwhile is ignored.
@@ -740,9 +729,9 @@ void EventsHandler::finishRename(bool cancelled, const QString& response)
     if (task) {
         // The task is the sender, so the answer reaches the request that started it.
         if (viaCmdLine) {
-            NotificationCenter::distributed().post(CmdLineNotifications::Response, task,
-                                                   {{QStringLiteral("response"), response}});
-            NotificationCenter::distributed().post(CmdLineNotifications::Finish, task);
+            m_context.distributed.post(CmdLineNotifications::Response, task,
+                                       {{QStringLiteral("response"), response}});
+            m_context.distributed.post(CmdLineNotifications::Finish, task);
         }
         task->completion = nullptr;
         task->deleteLater();
@@ -795,8 +784,8 @@ int EventsHandler::addItemsToGrid(const QStringList& paths)
             ++added;
         }
     }
-    if (added > 0 && GridStoreHooks::shared().prepareGrid) {
-        GridStoreHooks::shared().prepareGrid();
+    if (added > 0 && m_hooks.prepareGrid) {
+        m_hooks.prepareGrid();
     }
     return added;
 }

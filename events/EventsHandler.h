@@ -12,10 +12,14 @@
 #include <functional>
 #include <memory>
 
+class BuiltInDispatcher;
+class DropbarDispatcher;
 class FolderMonitorContext;
+class GridStoreHooks;
 class SharingServiceDispatcher;
 class Task;
 struct RenameAnswer;
+struct TaskContext;
 
 // Turns drops, clicks, clipboard runs, intents, command-line runs and monitored-folder
 // arrivals on grid tiles into runs: a script action becomes a Task that is started; built-in
@@ -53,11 +57,23 @@ public:
                        "one, so the action did not run.");
     static constexpr int AddToGridDelayMs = 300;
 
-    // The application's handler, used by the command line, intents and folder monitoring.
-    static EventsHandler& shared();
-
-    explicit EventsHandler(QObject* parent = nullptr);
+    // Tasks report to `context`; `hooks` rebuild the grid after tiles were added.
+    EventsHandler(const TaskContext& context, GridStoreHooks& hooks, QObject* parent = nullptr);
     ~EventsHandler() override;
+
+    // Where runs of built-in actions, sharing services and Drop Bar tiles go; none until set.
+    void setBuiltInDispatcher(std::shared_ptr<BuiltInDispatcher> dispatcher)
+    {
+        m_builtIns = std::move(dispatcher);
+    }
+    void setSharingServiceDispatcher(std::shared_ptr<SharingServiceDispatcher> dispatcher)
+    {
+        m_sharing = std::move(dispatcher);
+    }
+    void setDropbarDispatcher(std::shared_ptr<DropbarDispatcher> dispatcher)
+    {
+        m_dropbars = std::move(dispatcher);
+    }
 
     // --- Questions the grid asks while a drag hovers, for its cursor and its menus.
     static bool canHandleDragForAction(const GridAction& action, const DragInfo& drag);
@@ -125,10 +141,16 @@ public:
     bool copyActivated() const { return m_copyActivated; }
     bool isMonitoredRunPending() const { return static_cast<bool>(m_monitoredCompletion); }
 
-    // The alert text when a built-in action is run while no built-in runner is installed.
+    // The alert text when a built-in action is run while no built-in runner is set.
     static QString builtInUnavailableMessage(const QString& actionName);
 
 private:
+    const TaskContext& m_context;
+    GridStoreHooks& m_hooks;
+    std::shared_ptr<BuiltInDispatcher> m_builtIns;
+    std::shared_ptr<SharingServiceDispatcher> m_sharing;
+    std::shared_ptr<DropbarDispatcher> m_dropbars;
+
     DispatchResult dispatchDrop(const GridActionPtr& action, const DragInfo& drag);
     DispatchResult dispatchFiles(const GridActionPtr& action, const QStringList& filePaths,
                                  std::function<void()> completion);

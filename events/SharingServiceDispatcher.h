@@ -9,7 +9,7 @@
 #include <memory>
 
 // Where the events handler hands actions that stand for one of the desktop's sharing
-// services. The sharing adapter installs itself here; without one such runs are logged.
+// services. The sharing adapter is set on the handler; without one such runs are logged.
 class SharingServiceDispatcher {
 public:
     virtual ~SharingServiceDispatcher() = default;
@@ -19,7 +19,4 @@ public:
                             std::function<void()> completion) = 0;
     virtual void shareText(const GridAction& gridAction, const QString& text) = 0;
     virtual void handleClick(const GridAction& gridAction) = 0;
-
-    static std::shared_ptr<SharingServiceDispatcher> installed();
-    static void install(std::shared_ptr<SharingServiceDispatcher> dispatcher);
 };

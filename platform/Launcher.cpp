@@ -11,12 +11,6 @@
 
 namespace {
 
-std::shared_ptr<Launcher>& current()
-{
-    static std::shared_ptr<Launcher> launcher = std::make_shared<GioLauncher>();
-    return launcher;
-}
-
 QString takeError(GError* gerror)
 {
     const QString text = gerror ? QString::fromUtf8(gerror->message) : QString();
@@ -27,16 +21,6 @@ QString takeError(GError* gerror)
 }
 
 } // namespace
-
-Launcher& Launcher::shared()
-{
-    return *current();
-}
-
-void Launcher::setShared(std::shared_ptr<Launcher> launcher)
-{
-    current() = launcher ? std::move(launcher) : std::make_shared<GioLauncher>();
-}
 
 bool GioLauncher::openUrl(const QString& url, QString* error)
 {

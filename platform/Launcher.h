@@ -3,8 +3,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <memory>
-
 // Hands URLs, files and applications to the desktop. The engine asks through this so that
 // tests can record the requests instead of opening windows.
 class Launcher {
@@ -16,9 +14,6 @@ public:
     // Launches an application (a .desktop file or an executable), with the files given.
     virtual bool launchApplication(const QString& application, const QStringList& filePaths,
                                    QString* error) = 0;
-
-    static Launcher& shared();
-    static void setShared(std::shared_ptr<Launcher> launcher);
 };
 
 // Launches through GIO: default handlers and Desktop Entry files as the freedesktop

@@ -10,6 +10,7 @@
 #include "platform/FileSystemInfo.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
+#include "store/StoreContext.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -17,6 +18,12 @@
 #include <QJsonObject>
 
 namespace {
+
+// Records are saved through the shared store, so they report where it does.
+const StoreContext& store()
+{
+    return GridDatabase::sharedGridDatabase().context();
+}
 
 const QString OpenApplication = QStringLiteral("Open Application");
 const QString MoveFiles = QStringLiteral("Move Files");
@@ -76,7 +83,7 @@ GridActionPtr GridAction::initWithPath(const QString& path, const ActionFilePtr&
     } else if (isApplication) {
         record->type = OpenApplication;
     } else {
-        const auto& optionKeyHeld = GridStoreHooks::shared().optionKeyHeld;
+        const auto& optionKeyHeld = store().hooks.optionKeyHeld;
         record->type = optionKeyHeld && optionKeyHeld() ? CopyFiles : MoveFiles;
     }
     const ActionFilePtr actionFile = ActionFileParser::shared().getActionWithType(record->type);
@@ -108,7 +115,7 @@ GridActionPtr GridAction::initWithPath(const QString& path, const ActionFilePtr&
         if (record->name.isEmpty()) {
             record->name = isFolder ? info.fileName() : info.completeBaseName();
         }
-        Icons& icons = Icons::shared();
+        Icons& icons = store().icons;
         if (actionFile->optionsNib == QLatin1String("ChooseFile")) {
             record->icon = icons.previewImageForPath(path, 512);
         }
@@ -200,11 +207,11 @@ ActionId GridAction::createWithReload(bool reload)
         return 0;
     }
     aId = newId;
-    Icons::shared().saveIcon(icon, aId);
-    if (reload && GridStoreHooks::shared().prepareGrid) {
-        GridStoreHooks::shared().prepareGrid();
+    store().icons.saveIcon(icon, aId);
+    if (reload && store().hooks.prepareGrid) {
+        store().hooks.prepareGrid();
     }
-    NotificationCenter::shared().post(Notifications::GridActionPositionsSaved);
+    store().notifications.post(Notifications::GridActionPositionsSaved);
     return aId;
 }
 
@@ -215,15 +222,15 @@ bool GridAction::update()
 
 void GridAction::remove()
 {
-    GridStoreHooks& hooks = GridStoreHooks::shared();
+    GridStoreHooks& hooks = store().hooks;
     if (isDropbarType(type)) {
         // The Drop Bar controller owns these rows and the files behind them.
         if (hooks.removeDropbarItems) {
             hooks.removeDropbarItems(*this);
         }
-        GridStore::runOnNextTurn([] {
-            if (GridStoreHooks::shared().prepareGrid) {
-                GridStoreHooks::shared().prepareGrid();
+        GridStore::runOnNextTurn([&hooks] {
+            if (hooks.prepareGrid) {
+                hooks.prepareGrid();
             }
         });
         return;
@@ -231,7 +238,7 @@ void GridAction::remove()
     GridDatabase::sharedGridDatabase().deleteAction(aId);
     deleteKeychainPassword();
     if (bundledIcon.isEmpty()) {
-        Icons::shared().deleteIcon(aId);
+        store().icons.deleteIcon(aId);
     }
     if (hooks.prepareGrid) {
         hooks.prepareGrid();
@@ -239,7 +246,7 @@ void GridAction::remove()
     if (hooks.saveGridActionPositions) {
         hooks.saveGridActionPositions();
     }
-    NotificationCenter::shared().post(Notifications::GridActionPositionsSaved);
+    store().notifications.post(Notifications::GridActionPositionsSaved);
 }
 
 QString GridAction::pathVariable(const QString& key) const
@@ -289,7 +296,7 @@ void GridAction::updateScopedBookmark()
         QString why;
         const auto bookmark = FileBookmark::create(path, &why);
         if (!bookmark) {
-            AlertHelper::showCriticalAlertWithTitle(
+            store().alerts.showCriticalAlertWithTitle(
                 QStringLiteral("Cannot Read Path"),
                 QStringLiteral("Skelvo could not read the path\n'%1': %2\n\nCheck that it is "
                                "still there and try adding this action again.")
@@ -345,11 +352,10 @@ void GridAction::storeKeychainPassword(const QString& password, Stored stored)
     } else {
         extraVariables.remove(BlankPasswordVariable);
     }
-    SecretStore::shared().writeSecret(
-        keychainServiceName(), keychainAccountName(), password.toUtf8(),
-        [stored = std::move(stored)](const SecretStore::Result& result) {
-            stored(result.ok(), result.errorString);
-        });
+    store().secrets.writeSecret(keychainServiceName(), keychainAccountName(), password.toUtf8(),
+                                [stored = std::move(stored)](const SecretStore::Result& result) {
+                                    stored(result.ok(), result.errorString);
+                                });
 }
 
 void GridAction::storeSecondaryKeychainPassword(const QString& passphrase, Stored stored)
@@ -359,11 +365,11 @@ void GridAction::storeSecondaryKeychainPassword(const QString& passphrase, Store
     } else {
         extraVariables.remove(BlankPassphraseVariable);
     }
-    SecretStore::shared().writeSecret(
-        secondaryKeychainServiceName(), keychainAccountName(), passphrase.toUtf8(),
-        [stored = std::move(stored)](const SecretStore::Result& result) {
-            stored(result.ok(), result.errorString);
-        });
+    store().secrets.writeSecret(secondaryKeychainServiceName(), keychainAccountName(),
+                                passphrase.toUtf8(),
+                                [stored = std::move(stored)](const SecretStore::Result& result) {
+                                    stored(result.ok(), result.errorString);
+                                });
 }
 
 bool GridAction::isAnotherGridActionUsingKeychainItem(const QString& service,
@@ -400,10 +406,12 @@ void GridAction::deleteKeychainPassword()
         if (isAnotherGridActionUsingKeychainItem(service, account)) {
             continue;
         }
-        SecretStore::shared().deleteSecret(
-            service, account, [service, account, failureText](const SecretStore::Result& result) {
+        store().secrets.deleteSecret(
+            service, account,
+            [&alerts = store().alerts, service, account,
+             failureText](const SecretStore::Result& result) {
                 if (result.status == SecretStore::Status::Failed) {
-                    AlertHelper::showCriticalAlertWithTitle(
+                    alerts.showCriticalAlertWithTitle(
                         QStringLiteral("Error deleting item from Keychain"),
                         failureText.arg(service, account, result.errorString));
                 }
@@ -420,9 +428,9 @@ void GridAction::retrieveSecret(const QString& service, const QString& variable,
         return;
     }
     const QString account = keychainAccountName();
-    SecretStore::shared().readSecret(
+    store().secrets.readSecret(
         service, account,
-        [service, account, variable, showErrors, base64Encoded,
+        [&alerts = store().alerts, service, account, variable, showErrors, base64Encoded,
          retrieved = std::move(retrieved)](const SecretStore::Result& result) {
             if (result.ok()) {
                 const QString value = base64Encoded ? QString::fromLatin1(result.secret.toBase64())
@@ -431,7 +439,7 @@ void GridAction::retrieveSecret(const QString& service, const QString& variable,
                 return;
             }
             if (result.status == SecretStore::Status::Failed && showErrors) {
-                AlertHelper::showCriticalAlertWithTitle(
+                alerts.showCriticalAlertWithTitle(
                     QStringLiteral("Error retrieving item from Keychain"),
                     QStringLiteral("Failed to retrieve login from keychain for service %1 with "
                                    "account name %2.\n\n%3")

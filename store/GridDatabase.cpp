@@ -10,6 +10,7 @@
 #include "store/GridAction.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
+#include "store/StoreContext.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -98,10 +99,10 @@ bool copyIntoPlace(const QString& source, const QString& destination, QString* e
     return true;
 }
 
-void showAlertLater(const QString& title, const QString& message)
+void showAlertLater(AlertHelper& alerts, const QString& title, const QString& message)
 {
     GridStore::runOnNextTurn(
-        [title, message] { AlertHelper::showCriticalAlertWithTitle(title, message); });
+        [&alerts, title, message] { alerts.showCriticalAlertWithTitle(title, message); });
 }
 
 // Only logical failures of a migration step are let pass ("duplicate column" on a file that
@@ -208,7 +209,17 @@ GridDatabase& GridDatabase::sharedGridDatabase()
 
 void GridDatabase::reopenShared()
 {
+    const StoreContext* context = sharedInstance() ? sharedInstance()->m_context : nullptr;
     sharedInstance() = std::make_unique<GridDatabase>(sharedDbPath());
+    sharedInstance()->m_context = context;
+}
+
+const StoreContext& GridDatabase::context() const
+{
+    if (!m_context) {
+        qFatal("The grid store is used before the engine handed it a context");
+    }
+    return *m_context;
 }
 
 GridDatabase::GridDatabase(QString dbPath, QString initialDbPath)
@@ -266,7 +277,7 @@ bool GridDatabase::loadDatabase()
         return false;
     }
     migrateDatabase();
-    NotificationCenter::shared().post(Notifications::GridsChanged);
+    context().notifications.post(Notifications::GridsChanged);
     return true;
 }
 
@@ -389,7 +400,7 @@ bool GridDatabase::migrateDatabase()
                 return false;
             }
             if (step.toVersion == 6 && step.schema) {
-                const qint64 iconSize = Settings::shared().integerValue(GridIconSizeKey);
+                const qint64 iconSize = context().settings.integerValue(GridIconSizeKey);
                 if (iconSize >= 1 && !runStep(QStringLiteral("UPDATE grids SET grid_size = ?"),
                                               {static_cast<double>(iconSize)}, false)) {
                     return false;
@@ -411,7 +422,7 @@ bool GridDatabase::copyInInitalDb()
         Log::error(QStringLiteral("Error creating initial actions database: source path (%1) or "
                                   "destination path (%2) is nil")
                        .arg(nilIfEmpty(source), nilIfEmpty(destination)));
-        showAlertLater(QStringLiteral("Database Initialization Error"),
+        showAlertLater(context().alerts, QStringLiteral("Database Initialization Error"),
                        QStringLiteral("Skelvo was unable to initialize its database.\n\nSource "
                                       "path: %1\nDestination path: %2\n\n")
                                .arg(nilIfEmpty(source), nilIfEmpty(destination)) +
@@ -423,7 +434,7 @@ bool GridDatabase::copyInInitalDb()
     if (!copyIntoPlace(source, destination, &error)) {
         Log::error(QStringLiteral("Error creating initial actions database: %1").arg(error));
         showAlertLater(
-            QStringLiteral("Database Initialization Error"),
+            context().alerts, QStringLiteral("Database Initialization Error"),
             QStringLiteral("Skelvo was unable to copy its initial database.\n\n%1\n\n").arg(error) +
                 SupportSentence);
         return false;
@@ -456,8 +467,8 @@ void GridDatabase::recreateDatabase()
     QFile::remove(m_dbPath + QStringLiteral("-shm"));
     copyInInitalDb();
     loadDatabase();
-    if (GridStoreHooks::shared().createFirstLaunchGridActions) {
-        GridStoreHooks::shared().createFirstLaunchGridActions();
+    if (context().hooks.createFirstLaunchGridActions) {
+        context().hooks.createFirstLaunchGridActions();
     }
 }
 
@@ -472,18 +483,18 @@ void GridDatabase::handleDBCorrupt()
             "attempt to recreate the database, but please note that this will result in the loss "
             "of any actions you have previously set up.");
         alert.buttons = {QStringLiteral("Close"), QStringLiteral("Recreate Database")};
-        AlertHelper::runAlert(alert, [this](int button) {
+        context().alerts.runAlert(alert, [this](int button) {
             if (button == 1) {
                 recreateDatabase();
-                GridStore::runOnNextTurn([] {
-                    if (GridStoreHooks::shared().prepareGrid) {
-                        GridStoreHooks::shared().prepareGrid();
+                GridStore::runOnNextTurn([this] {
+                    if (context().hooks.prepareGrid) {
+                        context().hooks.prepareGrid();
                     }
                 });
                 return;
             }
-            if (GridStoreHooks::shared().quitApplication) {
-                GridStoreHooks::shared().quitApplication();
+            if (context().hooks.quitApplication) {
+                context().hooks.quitApplication();
             } else {
                 QCoreApplication::quit();
             }
@@ -570,7 +581,7 @@ GridId GridDatabase::addGridWithName(const QString& name)
     if (!ok) {
         return 0;
     }
-    NotificationCenter::shared().post(Notifications::GridsChanged);
+    context().notifications.post(Notifications::GridsChanged);
     return gridId;
 }
 
@@ -601,14 +612,14 @@ bool GridDatabase::deleteGrid(GridId gridId)
         return m_connection.update(QStringLiteral("DELETE FROM grids WHERE id = ?"), {gridId});
     });
     if (ok) {
-        NotificationCenter::shared().post(Notifications::GridsChanged);
+        context().notifications.post(Notifications::GridsChanged);
     }
     return ok;
 }
 
 GridId GridDatabase::selectedGridId()
 {
-    const GridId stored = Settings::shared().integerValue(Settings::SelectedGridId);
+    const GridId stored = context().settings.integerValue(Settings::SelectedGridId);
     if (stored >= 1 &&
         integerOf(QStringLiteral("SELECT id FROM grids WHERE id = ?"), {stored}, 0) == stored) {
         return stored;
@@ -624,7 +635,7 @@ GridId GridDatabase::selectedGridId()
 
 void GridDatabase::setSelectedGridId(GridId gridId)
 {
-    Settings::shared().setValue(Settings::SelectedGridId, gridId);
+    context().settings.setValue(Settings::SelectedGridId, gridId);
 }
 
 std::optional<SqlRow> GridDatabase::selectedGrid()
@@ -808,7 +819,7 @@ CategoryId GridDatabase::getOrCreateFirstCategoryIdForSelectedGrid()
     }
     const CategoryId created = addCategoryWithName(QStringLiteral("Actions"), selectedGridId());
     if (created != 0) {
-        NotificationCenter::shared().post(Notifications::GridCategoryCreated);
+        context().notifications.post(Notifications::GridCategoryCreated);
     }
     return created;
 }
@@ -948,7 +959,7 @@ GridActionPtr GridDatabase::gridActionFromRowDict(const SqlRow& row)
     action->aId = toInteger(row.value(QStringLiteral("id")), 0);
     action->usingDefaultIcon = toInteger(row.value(QStringLiteral("using_default_icon")), 0) != 0;
     action->extraVariables = getExtraVariablesForActionId(action->aId);
-    action->icon = Icons::shared().getIcon(*action);
+    action->icon = context().icons.getIcon(*action);
     return action;
 }
 

@@ -14,6 +14,7 @@
 #include <optional>
 
 class GridAction;
+struct StoreContext;
 using GridActionPtr = std::shared_ptr<GridAction>;
 // An action's stored option values: each a QString, or a QByteArray for binary data.
 using GridActionVariables = QVariantMap;
@@ -40,7 +41,8 @@ public:
 
     // The shared store over the file in the support folder; creating it only fixes dbPath.
     static GridDatabase& sharedGridDatabase();
-    // Closes the shared store and points it at the support folder of the moment (tests).
+    // Closes the shared store and points it at the support folder of the moment (tests);
+    // the new one keeps the context of the old.
     static void reopenShared();
 
     // A store over `dbPath`, copying in `initialDbPath` when there is no file.
@@ -48,6 +50,11 @@ public:
     ~GridDatabase();
     GridDatabase(const GridDatabase&) = delete;
     GridDatabase& operator=(const GridDatabase&) = delete;
+
+    // What the store reports to and reads from, handed in by the engine (not owned); a
+    // store must have one before it is used.
+    void setContext(const StoreContext* context) { m_context = context; }
+    const StoreContext& context() const;
 
     // The shipped initial database: in the resources, or in the build tree's generated ones.
     static QString initialDatabaseResourcePath();
@@ -156,6 +163,7 @@ public:
     GridId gridIdForDropbar(DropbarId dropbarId); // 0 for an orphaned Drop Bar
 
 private:
+    const StoreContext* m_context = nullptr;
     bool openConnection();
     void configureConnection();
     bool backUpBeforeMigration(int version);

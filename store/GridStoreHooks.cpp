@@ -3,12 +3,6 @@
 #include <QCoreApplication>
 #include <QTimer>
 
-GridStoreHooks& GridStoreHooks::shared()
-{
-    static GridStoreHooks hooks;
-    return hooks;
-}
-
 namespace GridStore {
 
 void runOnNextTurn(std::function<void()> step)

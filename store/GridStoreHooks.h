@@ -5,9 +5,10 @@
 class GridAction;
 
 // What the store and its grid actions ask of the parts above them: the grid controller,
-// the Drop Bar controller and start-up. Those parts install their hooks when they come up;
-// a hook that is not set does nothing (quitApplication then quits the event loop).
-struct GridStoreHooks {
+// the Drop Bar controller and start-up. Those parts set their hooks in the engine when they come
+// up; a hook that is not set does nothing (quitApplication then quits the event loop).
+class GridStoreHooks {
+public:
     std::function<void()> prepareGrid;             // rebuild the shown grid
     std::function<void()> saveGridActionPositions; // store the grid's current order
     // Remove the items (and their temporary files) of a Drop Bar action.
@@ -15,8 +16,6 @@ struct GridStoreHooks {
     std::function<void()> createFirstLaunchGridActions; // fill a freshly created grid
     std::function<void()> quitApplication;
     std::function<bool()> optionKeyHeld; // whether the Option (Alt) key is down right now
-
-    static GridStoreHooks& shared();
 };
 
 namespace GridStore {

@@ -23,12 +23,6 @@ QByteArray readFile(const QString& path)
 
 } // namespace
 
-Icons& Icons::shared()
-{
-    static Icons icons;
-    return icons;
-}
-
 QString Icons::iconsDirectory() const
 {
     return QDir(SupportPaths::applicationSupportDirectory()).filePath(QStringLiteral("Icons/5"));

@@ -19,8 +19,6 @@ public:
     using Provider = std::function<QByteArray(const QString& path)>;
     using PreviewProvider = std::function<QByteArray(const QString& path, int size)>;
 
-    static Icons& shared();
-
     QString iconsDirectory() const;
     QString iconPathForId(ActionId actionId) const;
 

@@ -5,14 +5,11 @@
 #include "core/WindowPresenter.h"
 #include "tasks/Task.h"
 
-DebugConsoleController& DebugConsoleController::shared()
-{
-    static DebugConsoleController* instance = new DebugConsoleController;
-    return *instance;
-}
-
-DebugConsoleController::DebugConsoleController(QObject* parent)
+DebugConsoleController::DebugConsoleController(WindowPresenter& windows, AlertHelper& alerts,
+                                               QObject* parent)
     : QObject(parent)
+    , m_windows(windows)
+    , m_alerts(alerts)
 {}
 
 DebugConsoleController::~DebugConsoleController() = default;
@@ -119,7 +116,7 @@ void DebugConsoleController::writeToLog(const Run& run)
 
 void DebugConsoleController::showDebugConsole()
 {
-    WindowPresenter::shared().showDebugConsole();
+    m_windows.showDebugConsole();
 }
 
 Task* DebugConsoleController::rerunLast()
@@ -129,20 +126,20 @@ Task* DebugConsoleController::rerunLast()
     }
     if (const GridActionPtr& gridAction = m_lastRunTask->gridAction) {
         if (!ActionFileParser::shared().getActionWithType(gridAction->type)) {
-            AlertHelper::showCriticalAlertWithTitle(
+            m_alerts.showCriticalAlertWithTitle(
                 QStringLiteral("Missing Grid Action"),
                 QStringLiteral("The last run grid action could not be found."));
             return nullptr;
         }
         if (gridAction->isReferencedPathMissing()) {
-            AlertHelper::showCriticalAlertWithTitle(
+            m_alerts.showCriticalAlertWithTitle(
                 QStringLiteral("Missing Path"),
                 QStringLiteral("The path referenced by this action could not be found."));
             return nullptr;
         }
     } else if (!ActionFileParser::shared().getActionWithType(
                    m_lastRunTask->actionFile->actionName)) {
-        AlertHelper::showCriticalAlertWithTitle(
+        m_alerts.showCriticalAlertWithTitle(
             QStringLiteral("Missing Action Bundle"),
             QStringLiteral("The last run action bundle could not be found."));
         return nullptr;

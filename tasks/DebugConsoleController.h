@@ -7,7 +7,9 @@
 
 #include <memory>
 
+class AlertHelper;
 class Task;
+class WindowPresenter;
 
 // The engine side of the debug console: the text of launch headers, protocol lines and
 // error output as styled runs, and the last task started so that it can be run again.
@@ -28,9 +30,8 @@ public:
     // The oldest text goes once the console holds more characters than this.
     static constexpr qsizetype DefaultMaximumLength = 4 * 1024 * 1024;
 
-    static DebugConsoleController& shared();
-
-    explicit DebugConsoleController(QObject* parent = nullptr);
+    DebugConsoleController(WindowPresenter& windows, AlertHelper& alerts,
+                           QObject* parent = nullptr);
     ~DebugConsoleController() override;
 
     // Appends text in the colour; text in the style of the last run extends that run.
@@ -71,6 +72,8 @@ private:
     void trimToMaximum();
     void writeToLog(const Run& run);
 
+    WindowPresenter& m_windows;
+    AlertHelper& m_alerts;
     QList<Run> m_runs;
     qsizetype m_length = 0;
     qsizetype m_maximumLength = DefaultMaximumLength;

@@ -2,12 +2,6 @@
 
 #include "core/Log.h"
 
-DropbarSink& DropbarSink::shared()
-{
-    static DropbarSink sink;
-    return sink;
-}
-
 void DropbarSink::addFilePaths(const QStringList& paths)
 {
     if (m_adder) {

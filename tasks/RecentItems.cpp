@@ -1,11 +1,5 @@
 #include "tasks/RecentItems.h"
 
-RecentItems& RecentItems::shared()
-{
-    static RecentItems items;
-    return items;
-}
-
 void RecentItems::addItem(const Item& item)
 {
     m_items.prepend(item);

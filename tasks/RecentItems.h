@@ -15,8 +15,6 @@ public:
 
     static constexpr qsizetype MaximumItems = 20;
 
-    static RecentItems& shared();
-
     void addItem(const Item& item);
     const QList<Item>& items() const { return m_items; }
     void clear() { m_items.clear(); }

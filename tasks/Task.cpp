@@ -11,6 +11,7 @@
 #include "store/Icons.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/FolderMonitorContext.h"
+#include "tasks/TaskContext.h"
 #include "tasks/TaskRunner.h"
 #include "tasks/TasksController.h"
 
@@ -56,23 +57,27 @@ QString quoted(const QString& text)
 
 } // namespace
 
-Task::Task(QObject* parent)
+Task::Task(const TaskContext& context, QObject* parent)
     : QObject(parent)
-    , m_debugConsole(&DebugConsoleController::shared())
+    , m_context(context)
 {}
 
 Task::~Task() = default;
 
 std::unique_ptr<Task> Task::copy() const
 {
-    auto task = std::make_unique<Task>();
+    auto task = std::make_unique<Task>(m_context);
     task->actionFile = actionFile;
     task->gridAction = gridAction;
     task->event = event;
     task->items = items;
     task->variables = variables;
-    task->m_debugConsole = m_debugConsole;
     return task;
+}
+
+DebugConsoleController& Task::debugConsole() const
+{
+    return m_context.debugConsole;
 }
 
 void Task::run()
@@ -88,7 +93,7 @@ void Task::run()
         self->m_waitingForSecrets = false;
         const bool late = *returned;
         const std::optional<QString> description = self->generateTaskDescription(false);
-        self->m_debugConsole->setLastRunTask(self->copy());
+        self->debugConsole().setLastRunTask(self->copy());
         self->runWithTaskDescription(description);
         // Whoever started it has moved on: a task that could not start is nobody's now.
         if (late && self->m_taskDescriptionPath.isEmpty()) {
@@ -191,7 +196,7 @@ std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) cons
         const auto& password = m_secret;
         if (!m_secretLoaded || !password) {
             // Nothing runs until the user has entered the password.
-            WindowPresenter::shared().showEditWindowForAction(gridAction->aId);
+            m_context.windows.showEditWindowForAction(gridAction->aId);
             return std::nullopt;
         }
         const QString key = password->isEmpty() ? QString() : password->firstKey();
@@ -218,7 +223,7 @@ std::optional<QString> Task::generateTaskDescription(bool debugConsoleMode) cons
     if (SystemInfo::isArm64()) {
         merged.insert(QStringLiteral("apple_silicon"), QStringLiteral("1"));
     }
-    if (Settings::shared().boolValue(Settings::DisableSSLVerify)) {
+    if (m_context.settings.boolValue(Settings::DisableSSLVerify)) {
         merged.insert(QStringLiteral("disable_ssl_verify"), QStringLiteral("1"));
     }
 
@@ -258,7 +263,7 @@ std::optional<QString> Task::writeTaskDescriptionFile(const std::optional<QStrin
     };
     if (!createTaskDescriptionFile(file, &path, &error, idSource())) {
         if (error == NoFreeNameError) {
-            AlertHelper::showCriticalAlertWithTitle(
+            m_context.alerts.showCriticalAlertWithTitle(
                 QStringLiteral("Failed to launch task"),
                 QStringLiteral("Could not create a task description file in %1: %2")
                     .arg(QFileInfo(path).absolutePath(), error));
@@ -278,13 +283,13 @@ std::optional<QString> Task::writeTaskDescriptionFile(const std::optional<QStrin
 void Task::appendDebugConsoleInfo() const
 {
     const QString name = QFileInfo(m_taskDescriptionPath).fileName();
-    m_debugConsole->appendBold(QStringLiteral("\n[Launching task with command line: "));
-    m_debugConsole->appendBold(QStringLiteral("runner.rb ") + name + QStringLiteral("]\n\n"));
+    debugConsole().appendBold(QStringLiteral("\n[Launching task with command line: "));
+    debugConsole().appendBold(QStringLiteral("runner.rb ") + name + QStringLiteral("]\n\n"));
     const auto black = DebugConsoleController::Colour::Black;
-    m_debugConsole->append(
-        QStringLiteral("Task description file ") + name + QStringLiteral(":\n\n"), black);
-    m_debugConsole->append(generateTaskDescription(true).value_or(QString()), black);
-    m_debugConsole->append(QStringLiteral("\n"), black);
+    debugConsole().append(QStringLiteral("Task description file ") + name + QStringLiteral(":\n\n"),
+                          black);
+    debugConsole().append(generateTaskDescription(true).value_or(QString()), black);
+    debugConsole().append(QStringLiteral("\n"), black);
 }
 
 void Task::finishCompletion()
@@ -306,7 +311,7 @@ void Task::cleanup()
 {
     finishCompletion();
     if (m_taskDescriptionPath.isEmpty() || m_descriptionFileRemoved ||
-        Settings::shared().boolValue(Settings::KeepTaskDescriptionFiles)) {
+        m_context.settings.boolValue(Settings::KeepTaskDescriptionFiles)) {
         return;
     }
     QFile file(m_taskDescriptionPath);
@@ -458,7 +463,7 @@ bool Task::startTaskRunner(Task& task)
 {
     // The runner lives and dies with its task; the tasks controller owns the task from here.
     task.m_taskRunner = new TaskRunner(&task, &task);
-    TasksController::shared().addTask(&task);
+    task.m_context.tasks.addTask(&task);
     task.m_taskRunner->run();
     return true;
 }
@@ -474,7 +479,7 @@ QString Task::actionType() const
 QString Task::actionIconPath() const
 {
     if (gridAction) {
-        const QString cached = Icons::shared().iconPathForId(gridAction->aId);
+        const QString cached = m_context.icons.iconPathForId(gridAction->aId);
         if (QFileInfo::exists(cached)) {
             return cached;
         }

@@ -18,6 +18,7 @@
 class DebugConsoleController;
 class FolderMonitorContext;
 class TaskRunner;
+struct TaskContext;
 
 using TaskVariables = QMap<QString, QString>;
 
@@ -41,7 +42,8 @@ public:
     static inline const QString HttpProxyVariable = QStringLiteral("http_proxy");
     static inline const QString HttpsProxyVariable = QStringLiteral("https_proxy");
 
-    explicit Task(QObject* parent = nullptr);
+    // `context` (the engine's) outlives every task.
+    explicit Task(const TaskContext& context, QObject* parent = nullptr);
     ~Task() override;
 
     // The grid action the task runs, if any. Building the description re-reads it and its
@@ -58,7 +60,8 @@ public:
 
     // Set once the description file is written.
     QString taskDescriptionPath() const { return m_taskDescriptionPath; }
-    DebugConsoleController& debugConsole() const { return *m_debugConsole; }
+    const TaskContext& context() const { return m_context; }
+    DebugConsoleController& debugConsole() const;
     // The runner of this run, once started.
     TaskRunner* taskRunner() const { return m_taskRunner; }
 
@@ -124,7 +127,7 @@ private:
 
     QString m_taskDescriptionPath;
     TaskRunner* m_taskRunner = nullptr;
-    DebugConsoleController* m_debugConsole;
+    const TaskContext& m_context;
     bool m_descriptionFileRemoved = false;
     bool m_waitingForSecrets = false;
     std::optional<QMap<QString, QString>> m_secret;

@@ -11,6 +11,7 @@
 #include "tasks/FolderMonitorContext.h"
 #include "tasks/RecentItems.h"
 #include "tasks/Task.h"
+#include "tasks/TaskContext.h"
 #include "tasks/TaskRunner.h"
 #include "tasks/TaskStatus.h"
 #include "tasks/TaskStatusController.h"
@@ -54,16 +55,12 @@ QString truncated(const QString& text, qsizetype length)
     return text.size() > length ? text.left(length) + QStringLiteral("…") : text;
 }
 
-DebugConsoleController& console()
-{
-    return DebugConsoleController::shared();
-}
-
 } // namespace
 
 TaskOutputHandler::TaskOutputHandler(Task* task, TaskRunner* runner, QObject* parent)
     : QObject(parent)
     , m_task(task)
+    , m_context(task->context())
     , m_runner(runner)
 {}
 
@@ -105,7 +102,7 @@ QList<TaskOutputHandler::Item> TaskOutputHandler::extractCommands(const QString&
 void TaskOutputHandler::processOutput(const QString& text)
 {
     if (!m_hasReceivedOutput) {
-        console().append(QStringLiteral("\n"));
+        m_context.debugConsole.append(QStringLiteral("\n"));
         m_hasReceivedOutput = true;
     }
     for (const Item& item : extractCommands(text)) {
@@ -119,7 +116,7 @@ void TaskOutputHandler::processOutput(const QString& text)
             }
         } else {
             // Mostly error output: standard error shares the pipe.
-            console().append(item.text, Colour::Red);
+            m_context.debugConsole.append(item.text, Colour::Red);
             m_errorOutput = (m_errorOutput + item.text).right(ErrorOutputKeptChars);
         }
     }
@@ -138,7 +135,7 @@ void TaskOutputHandler::processCommand(const QString& command, const QString& me
                                         "but got '%1'")
                              .arg(message));
         }
-        NotificationCenter::shared().post(Notifications::TasksDeterminateUpdated, this);
+        m_context.notifications.post(Notifications::TasksDeterminateUpdated, this);
     } else if (command == u"Begin_Message") {
         createTaskStatus()->setStatusText(message);
     } else if (command == u"Progress") {
@@ -196,29 +193,29 @@ void TaskOutputHandler::processCommand(const QString& command, const QString& me
                 m_taskFailed = true;
                 const QString failure =
                     QStringLiteral("Add to Drop Bar failed. Path at %1 not found").arg(path);
-                console().append(failure + u'\n', Colour::Red);
+                m_context.debugConsole.append(failure + u'\n', Colour::Red);
                 reportFailure(failure);
                 completeTaskWithCancel(false);
                 return;
             }
         }
-        DropbarSink::shared().addFilePaths(m_dropbarAddPaths);
+        m_context.dropbarSink.addFilePaths(m_dropbarAddPaths);
         m_dropbarAddPaths.clear();
     } else if (command == u"Select_Folder") {
         QPointer<TaskRunner> runner = m_runner;
-        WindowPresenter::shared().chooseFolder(
-            QStringLiteral("Choose Folder"), message, QDir::homePath(),
-            [runner](const QString& folder) {
-                if (runner) {
-                    runner->writeToChild(folder.isEmpty() ? QByteArray("0\n")
-                                                          : folder.toUtf8() + '\n');
-                }
-            });
+        m_context.windows.chooseFolder(QStringLiteral("Choose Folder"), message, QDir::homePath(),
+                                       [runner](const QString& folder) {
+                                           if (runner) {
+                                               runner->writeToChild(folder.isEmpty()
+                                                                        ? QByteArray("0\n")
+                                                                        : folder.toUtf8() + '\n');
+                                           }
+                                       });
     } else if (command == u"Notification_AppleScript") {
         m_notificationScript = message;
     }
-    console().append(command + QStringLiteral(": ") + message + u'\n',
-                     isKnownCommand(command) ? Colour::Black : Colour::Red);
+    m_context.debugConsole.append(command + QStringLiteral(": ") + message + u'\n',
+                                  isKnownCommand(command) ? Colour::Black : Colour::Red);
     m_lastCommand = command;
     m_lastMessage = message;
 }
@@ -228,12 +225,12 @@ void TaskOutputHandler::completeTaskWithOutputType(int type, const QString& outp
     if (!output.isEmpty() && output != u"0") {
         if (type == UrlOutput) {
             m_url = output;
-            DesktopServices::shared().pasteUrl(output);
+            m_context.desktop.pasteUrl(output);
         } else {
-            DesktopServices::shared().pasteString(output);
+            m_context.desktop.pasteString(output);
         }
-        NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
-                                               {{QStringLiteral("response"), output}});
+        m_context.distributed.post(CmdLineNotifications::Response, this,
+                                   {{QStringLiteral("response"), output}});
         m_answered = true;
         QString label = m_urlTitle;
         if (label.isEmpty() && m_task) {
@@ -249,17 +246,17 @@ void TaskOutputHandler::completeTaskWithOutputType(int type, const QString& outp
             label = output;
         }
         const QString type_ = m_task ? m_task->actionType() : QString();
-        RecentItems::shared().addItem({output,
+        m_context.recentItems.addItem({output,
                                        QStringLiteral("%1 - %2").arg(truncated(label, 50), type_),
                                        type, m_task ? m_task->actionIconPath() : QString()});
     }
     if (!m_finishMessage.isEmpty()) {
         sendFinishNotification(m_finishMessage);
     }
-    if (Settings::shared().boolValue(Settings::PlaySounds)) {
+    if (m_context.settings.boolValue(Settings::PlaySounds)) {
         QTimer::singleShot(SoundDelayMs, this, &TaskOutputHandler::playTaskCompletionSound);
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
+    m_context.distributed.post(CmdLineNotifications::Finish, this);
     completeTaskWithCancel(false);
 }
 
@@ -298,7 +295,7 @@ void TaskOutputHandler::sendFinishNotification(const QString& message)
             m_task->gridActionVariable(QStringLiteral("path")).value_or(QString());
     }
     notification.clickScript = m_notificationScript;
-    DesktopServices::shared().sendNotification(notification);
+    m_context.desktop.sendNotification(notification);
     m_hasSentFinishNotification = true;
     if (m_taskFailed) {
         reportFailure(message);
@@ -317,8 +314,8 @@ void TaskOutputHandler::reportFailure(const QString& message)
     if (!m_errorOutput.trimmed().isEmpty()) {
         text += u'\n' + m_errorOutput.trimmed();
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
-                                           {{QStringLiteral("response"), text}});
+    m_context.distributed.post(CmdLineNotifications::Response, this,
+                               {{QStringLiteral("response"), text}});
 }
 
 void TaskOutputHandler::reportEnd(bool cancelled)
@@ -331,8 +328,8 @@ void TaskOutputHandler::reportEnd(bool cancelled)
                                                 : m_finishMessage);
     } else if (!m_answered && !m_finishMessage.isEmpty()) {
         m_answered = true;
-        NotificationCenter::distributed().post(CmdLineNotifications::Response, this,
-                                               {{QStringLiteral("response"), m_finishMessage}});
+        m_context.distributed.post(CmdLineNotifications::Response, this,
+                                   {{QStringLiteral("response"), m_finishMessage}});
     }
 }
 
@@ -342,16 +339,16 @@ void TaskOutputHandler::completeTaskWithCancel(bool cancelled)
         m_taskStatus->finishWithFade(!cancelled);
         m_taskStatus = nullptr;
     }
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
-    NotificationCenter::shared().post(Notifications::TaskShowExitStatus, this,
-                                      {{QStringLiteral("success"), m_taskFailed ? 0 : 1}});
+    m_context.distributed.post(CmdLineNotifications::Finish, this);
+    m_context.notifications.post(Notifications::TaskShowExitStatus, this,
+                                 {{QStringLiteral("success"), m_taskFailed ? 0 : 1}});
 }
 
 TaskStatus* TaskOutputHandler::createTaskStatus()
 {
     if (!m_taskStatus) {
-        m_taskStatus = TaskStatusController::shared().newTaskWithIcon(
-            m_task ? m_task->actionIconPath() : QString());
+        m_taskStatus =
+            m_context.taskStatuses.newTaskWithIcon(m_task ? m_task->actionIconPath() : QString());
         m_taskStatus->setTaskRunner(m_runner);
     }
     return m_taskStatus;
@@ -360,7 +357,7 @@ TaskStatus* TaskOutputHandler::createTaskStatus()
 void TaskOutputHandler::sendShowedAlertNotification()
 {
     if (m_task) {
-        NotificationCenter::shared().post(
+        m_context.notifications.post(
             Notifications::TaskShowedAlert, this,
             {{QStringLiteral("task"), QVariant::fromValue<QObject*>(m_task.data())}});
     }
@@ -369,16 +366,16 @@ void TaskOutputHandler::sendShowedAlertNotification()
 void TaskOutputHandler::showError(const QString& message)
 {
     sendShowedAlertNotification();
-    AlertHelper::showCriticalAlertWithTitle(m_errorTitle, message, m_task);
+    m_context.alerts.showCriticalAlertWithTitle(m_errorTitle, message, m_task);
 }
 
 void TaskOutputHandler::showAlert(const QString& message)
 {
     sendShowedAlertNotification();
-    AlertHelper::showAlertWithTitle(m_alertTitle, message, m_task);
+    m_context.alerts.showAlertWithTitle(m_alertTitle, message, m_task);
 }
 
 void TaskOutputHandler::playTaskCompletionSound()
 {
-    DesktopServices::shared().playSound(QStringLiteral("TaskFinished"));
+    m_context.desktop.playSound(QStringLiteral("TaskFinished"));
 }

@@ -11,6 +11,8 @@
 
 class TaskRunner;
 
+struct TaskContext;
+
 // Reads a running script's output: splits each chunk into protocol commands and plain
 // text, carries the commands out, echoes everything to the debug console and finishes the
 // task with its result, notification and status broadcasts.
@@ -68,6 +70,7 @@ private:
     void reportFailure(const QString& message);
 
     QPointer<Task> m_task;
+    const TaskContext& m_context; // the task's
     QPointer<TaskRunner> m_runner;
     QPointer<TaskStatus> m_taskStatus;
     bool m_taskFailed = false;

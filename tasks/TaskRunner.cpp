@@ -9,6 +9,7 @@
 #include "platform/SystemInfo.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/Task.h"
+#include "tasks/TaskContext.h"
 #include "tasks/TaskOutputHandler.h"
 #include "tasks/TasksController.h"
 
@@ -44,6 +45,7 @@ QString systemExecutable(const QString& name)
 TaskRunner::TaskRunner(Task* task, QObject* parent)
     : QObject(parent)
     , m_task(task)
+    , m_context(task->context())
     , m_libPath(SupportPaths::internalLibDirectory())
 {}
 
@@ -125,13 +127,13 @@ void TaskRunner::run()
 
     const QString runnerPath = QDir(m_libPath).filePath(QStringLiteral("runner.rb"));
     if (!QFileInfo::exists(runnerPath)) {
-        AlertHelper::showCriticalAlertWithTitle(
+        m_context.alerts.showCriticalAlertWithTitle(
             QStringLiteral("Failed to launch task"),
             QStringLiteral("Could not find runner.rb at at '%1'\n\nYou should re-install Skelvo.")
                 .arg(runnerPath),
             m_task);
         Log::error(QStringLiteral("runner.rb not found at %1").arg(runnerPath));
-        TasksController::shared().removeTask(m_task);
+        m_context.tasks.removeTask(m_task);
         return;
     }
     m_process->setWorkingDirectory(m_libPath);
@@ -148,9 +150,9 @@ void TaskRunner::run()
         const QString reason = m_process->errorString();
         Log::error(QStringLiteral("Failed to launch task: %1").arg(reason));
         const QPointer<Task> task = m_task; // the alert names the run after its removal
-        TasksController::shared().removeTask(m_task);
-        AlertHelper::showCriticalAlertWithTitle(QStringLiteral("Failed to launch task"), reason,
-                                                task);
+        m_context.tasks.removeTask(m_task);
+        m_context.alerts.showCriticalAlertWithTitle(QStringLiteral("Failed to launch task"), reason,
+                                                    task);
     });
     m_child->start();
 }
@@ -213,7 +215,7 @@ void TaskRunner::taskCompleted(int exitCode, QProcess::ExitStatus status)
         m_outputHandler->completeTaskWithCancel(false);
         m_outputHandler->sendFinishNotification(
             QStringLiteral("Check Debug Console for error output"));
-        WindowPresenter::shared().showDebugConsole();
+        m_context.windows.showDebugConsole();
     }
     QTimer::singleShot(CompletionDelayMs, this, &TaskRunner::completeTask);
 }
@@ -234,10 +236,10 @@ void TaskRunner::completeTask()
     if (m_outputHandler) {
         m_outputHandler->reportEnd(m_taskCancelled);
     }
-    DebugConsoleController::shared().appendBold(QStringLiteral("\n[Task completed]\n"));
-    NotificationCenter::shared().post(Notifications::TaskFinished, this, userInfo);
-    TasksController::shared().removeTask(m_task);
-    NotificationCenter::distributed().post(CmdLineNotifications::Finish, this);
+    m_context.debugConsole.appendBold(QStringLiteral("\n[Task completed]\n"));
+    m_context.notifications.post(Notifications::TaskFinished, this, userInfo);
+    m_context.tasks.removeTask(m_task);
+    m_context.distributed.post(CmdLineNotifications::Finish, this);
 }
 
 Task* TaskRunner::task() const

@@ -13,6 +13,8 @@
 class Task;
 class TaskOutputHandler;
 
+struct TaskContext;
+
 // Runs one task's script as a child process: picks the interpreter, starts the runner
 // script with the task description file, feeds each chunk of output to the output handler
 // and acknowledges it on the child's standard input.
@@ -60,6 +62,7 @@ private:
     void completeTask();
 
     QPointer<Task> m_task;
+    const TaskContext& m_context; // the task's
     ChildProcess* m_child = nullptr;
     QProcess* m_process = nullptr;
     TaskOutputHandler* m_outputHandler = nullptr;

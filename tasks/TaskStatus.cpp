@@ -7,8 +7,11 @@
 
 #include <QTimer>
 
-TaskStatus::TaskStatus(QString iconPath, QObject* parent)
-    : QObject(parent)
+TaskStatus::TaskStatus(QString iconPath, TaskStatusController& controller,
+                       NotificationCenter& notifications)
+    : QObject(&controller)
+    , m_controller(controller)
+    , m_notifications(notifications)
     , m_iconPath(std::move(iconPath))
 {}
 
@@ -28,7 +31,7 @@ void TaskStatus::setProgress(double progress)
 {
     m_progress = progress;
     Q_EMIT progressChanged(progress);
-    TaskStatusController::shared().updateOverallProgress();
+    m_controller.updateOverallProgress();
 }
 
 void TaskStatus::cancel()
@@ -50,8 +53,8 @@ void TaskStatus::cancel()
         cancelBuiltIn();
     }
     finishWithFade(true);
-    NotificationCenter::shared().post(Notifications::TaskShowExitStatus, this,
-                                      {{QStringLiteral("success"), false}});
+    m_notifications.post(Notifications::TaskShowExitStatus, this,
+                         {{QStringLiteral("success"), false}});
 }
 
 void TaskStatus::finishWithFade(bool fade)
@@ -66,5 +69,5 @@ void TaskStatus::finishWithFade(bool fade)
 
 void TaskStatus::moveTasksUp()
 {
-    TaskStatusController::shared().destroyTask(this);
+    m_controller.destroyTask(this);
 }

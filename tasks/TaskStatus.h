@@ -8,6 +8,9 @@
 
 #include <functional>
 
+class NotificationCenter;
+class TaskStatusController;
+
 // One progress row: the action's icon, a status text, a progress bar and a cancel button.
 // The engine keeps the state; a window draws it from the signals.
 class TaskStatus : public QObject {
@@ -16,7 +19,9 @@ public:
     static constexpr int RowHeight = 55;
     static constexpr int FadeDelayMs = 250;
 
-    explicit TaskStatus(QString iconPath, QObject* parent = nullptr);
+    // Rows are made by their controller (newTaskWithIcon()), which is also their parent.
+    TaskStatus(QString iconPath, TaskStatusController& controller,
+               NotificationCenter& notifications);
 
     QString iconPath() const { return m_iconPath; }
     QString statusText() const { return m_statusText; }
@@ -51,6 +56,8 @@ Q_SIGNALS:
 private:
     void moveTasksUp();
 
+    TaskStatusController& m_controller;
+    NotificationCenter& m_notifications;
     QString m_iconPath;
     QString m_statusText;
     double m_progress = 0.0;

@@ -4,19 +4,14 @@
 #include "core/NotificationCenter.h"
 #include "tasks/TaskStatus.h"
 
-TaskStatusController& TaskStatusController::shared()
-{
-    static TaskStatusController controller;
-    return controller;
-}
-
-TaskStatusController::TaskStatusController(QObject* parent)
+TaskStatusController::TaskStatusController(NotificationCenter& notifications, QObject* parent)
     : QObject(parent)
+    , m_notifications(notifications)
 {}
 
 TaskStatus* TaskStatusController::newTaskWithIcon(const QString& iconPath)
 {
-    auto* status = new TaskStatus(iconPath, this);
+    auto* status = new TaskStatus(iconPath, *this, m_notifications);
     m_taskStatuses << status;
     setProgressAreaHeight(static_cast<int>(m_taskStatuses.size()) * TaskStatus::RowHeight);
     Q_EMIT rowAdded(status);
@@ -71,8 +66,8 @@ void TaskStatusController::updateOverallProgress()
     if (m_taskStatuses.isEmpty()) {
         return;
     }
-    NotificationCenter::shared().post(Notifications::TasksOverallProgressUpdated, this,
-                                      {{QStringLiteral("progress"), overallProgress()}});
+    m_notifications.post(Notifications::TasksOverallProgressUpdated, this,
+                         {{QStringLiteral("progress"), overallProgress()}});
 }
 
 bool TaskStatusController::hasDeterminateTasks() const

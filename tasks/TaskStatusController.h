@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 
+class NotificationCenter;
 class TaskStatus;
 
 // The ordered progress rows (top to bottom in order of creation) and the overall progress
@@ -11,9 +12,7 @@ class TaskStatus;
 class TaskStatusController : public QObject {
     Q_OBJECT
 public:
-    static TaskStatusController& shared();
-
-    explicit TaskStatusController(QObject* parent = nullptr);
+    explicit TaskStatusController(NotificationCenter& notifications, QObject* parent = nullptr);
 
     // A new row at the bottom, labelled "Task <n>".
     TaskStatus* newTaskWithIcon(const QString& iconPath);
@@ -46,6 +45,7 @@ Q_SIGNALS:
 private:
     void setProgressAreaHeight(int height);
 
+    NotificationCenter& m_notifications;
     QList<TaskStatus*> m_taskStatuses;
     int m_progressAreaHeight = 0;
 };

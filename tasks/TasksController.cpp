@@ -4,14 +4,9 @@
 #include "tasks/Task.h"
 #include "tasks/TaskRunner.h"
 
-TasksController& TasksController::shared()
-{
-    static TasksController controller;
-    return controller;
-}
-
-TasksController::TasksController(QObject* parent)
+TasksController::TasksController(NotificationCenter& notifications, QObject* parent)
     : QObject(parent)
+    , m_notifications(notifications)
 {}
 
 void TasksController::addTask(Task* task)
@@ -30,7 +25,7 @@ void TasksController::removeTask(Task* task)
     m_tasks.removeOne(task);
     task->deleteLater();
     if (m_tasks.isEmpty()) {
-        NotificationCenter::shared().post(Notifications::AllTasksCompleted, this);
+        m_notifications.post(Notifications::AllTasksCompleted, this);
     }
 }
 

@@ -3,15 +3,14 @@
 #include <QList>
 #include <QObject>
 
+class NotificationCenter;
 class Task;
 
 // The running script tasks. It owns a task from addTask() on and deletes it after removal.
 class TasksController : public QObject {
     Q_OBJECT
 public:
-    static TasksController& shared();
-
-    explicit TasksController(QObject* parent = nullptr);
+    explicit TasksController(NotificationCenter& notifications, QObject* parent = nullptr);
 
     void addTask(Task* task);
     // Cleans the task up, forgets it and, when none is left, posts "SKAllTasksCompleted".
@@ -22,5 +21,6 @@ public:
     const QList<Task*>& tasks() const { return m_tasks; }
 
 private:
+    NotificationCenter& m_notifications;
     QList<Task*> m_tasks;
 };

@@ -5,7 +5,7 @@
 #include "builtin/ActionInfo.h"
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
-#include "tests/support/FakePresenters.h"
+#include "tests/support/TestEngine.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -204,29 +204,29 @@ TEST(Queries, OptionSheetsDecideKeychainAndConstants)
 
 TEST(Validation, MessagesInOrderAndOneAlert)
 {
-    FakePresenters presenters;
+    TestEngine engine;
     QString errors;
-    EXPECT_FALSE(parse(QStringLiteral("puts 1\n")).validateMetaData(false, &errors));
+    EXPECT_FALSE(parse(QStringLiteral("puts 1\n")).validateMetaData(nullptr, &errors));
     EXPECT_EQ(errors, QStringLiteral("-Section beginning with # Skelvo Action Info not found\n"));
     const ActionFile bare = parse(QStringLiteral(HDR "# Handles: files\n"));
-    EXPECT_FALSE(bare.validateMetaData(true, &errors));
+    EXPECT_FALSE(bare.validateMetaData(&engine->alerts, &errors));
     EXPECT_EQ(errors,
               QStringLiteral("-Name field is missing\n-Description field is missing\n"
                              "-Handles field is missing and action responds to drag events\n"
                              "-Creator field is missing\n-URL field is missing\n"));
-    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
-    EXPECT_TRUE(presenters.alerts().alerts[0].message.endsWith(errors));
+    ASSERT_EQ(engine.alerts().alerts.size(), 1);
+    EXPECT_TRUE(engine.alerts().alerts[0].message.endsWith(errors));
     // A click-only action needs no Handles line.
     const ActionFile clicks = parse(QStringLiteral(
         HDR "# Name: A\n# Description: D\n# Events: Clicked\n# Creator: C\n# URL: U\n"));
-    EXPECT_TRUE(clicks.validateMetaData(true, &errors));
+    EXPECT_TRUE(clicks.validateMetaData(&engine->alerts, &errors));
     EXPECT_TRUE(errors.isEmpty());
-    EXPECT_TRUE(clicks.checkValidMetadataAndDisplayErrors());
+    EXPECT_TRUE(clicks.checkValidMetadataAndDisplayErrors(engine->alerts));
     ActionFile scanned = bare;
     scanned.metaValidationFailed = true;
     scanned.metaValidationErrors = QStringLiteral("-Name field is missing\n");
-    EXPECT_FALSE(scanned.checkValidMetadataAndDisplayErrors());
-    EXPECT_EQ(presenters.alerts().alerts.size(), 2);
+    EXPECT_FALSE(scanned.checkValidMetadataAndDisplayErrors(engine->alerts));
+    EXPECT_EQ(engine.alerts().alerts.size(), 2);
 }
 
 TEST(Versions, CompareWalksOnlyCommonComponents)
@@ -300,8 +300,10 @@ protected:
             [service] { return ActionFileList{std::make_shared<ActionFile>(service)}; });
     }
 
-    TestHome home;
-    FakePresenters presenters;
+    ParserTest() { parser.setPresenters(&engine->alerts, &engine->windows); }
+
+    TestEngine engine;
+    TestHome& home = engine.home();
     ActionFileParser parser{internalDir(), userDir()};
 };
 
@@ -374,7 +376,7 @@ TEST_F(ParserTest, DuplicateAlertShowsOncePerChangeAndNotWhileInstalling)
 {
     add(internalDir(), "A.skbundle/action.rb", header(QStringLiteral("Same")));
     add(userDir(), "a.skelvo", header(QStringLiteral("Same")));
-    const auto& alerts = presenters.alerts().alerts;
+    const auto& alerts = engine.alerts().alerts;
     const auto rescan = [this] {
         parser.invalidateActionsCache();
         parser.actionFiles();
@@ -382,7 +384,7 @@ TEST_F(ParserTest, DuplicateAlertShowsOncePerChangeAndNotWhileInstalling)
     rescan();
     ASSERT_EQ(alerts.size(), 1);
     EXPECT_EQ(alerts[0].title, QStringLiteral("Duplicate action bundles named 'Same' detected"));
-    EXPECT_EQ(presenters.windows().settingsPages, QStringList{QStringLiteral("Add-on Actions")});
+    EXPECT_EQ(engine.windows().settingsPages, QStringList{QStringLiteral("Add-on Actions")});
     rescan();
     EXPECT_EQ(alerts.size(), 1) << "an unchanged duplicate list shows nothing";
     for (const char* file : {"b.skelvo", "c.skelvo", "d.skelvo"}) {
@@ -546,7 +548,7 @@ TEST_F(ParserTest, RewriteMetaDataReplacesTheHeaderOnDisk)
 TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate)
 {
     add(userDir(), "taken.skelvo", header(QStringLiteral("Taken")));
-    DevelopActionController controller(parser);
+    DevelopActionController controller(parser, engine->settings, engine->alerts);
     DevelopActionRequest request;
     request.name = QStringLiteral("Fresh");
     request.clicked = request.dragged = false;
@@ -561,23 +563,21 @@ TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate)
     EXPECT_TRUE(controller.refusalFor(request));
     QString error;
     EXPECT_FALSE(controller.createAction(request, true, &error));
-    EXPECT_TRUE(presenters.alerts().alerts.isEmpty());
+    EXPECT_TRUE(engine.alerts().alerts.isEmpty());
     request.name = QStringLiteral("Fresh");
     EXPECT_FALSE(controller.refusalFor(request));
     // This parser's internal folder has no templates.
     EXPECT_FALSE(controller.createAction(request, true, &error));
-    ASSERT_EQ(presenters.alerts().alerts.size(), 1);
-    EXPECT_EQ(presenters.alerts().alerts[0].title,
-              QStringLiteral("Could not find action template."));
+    ASSERT_EQ(engine.alerts().alerts.size(), 1);
+    EXPECT_EQ(engine.alerts().alerts[0].title, QStringLiteral("Could not find action template."));
 }
 
 TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates)
 {
-    TestHome home;
-    FakePresenters presenters;
+    TestEngine engine;
     ActionFileParser parser(SupportPaths::internalActionsDirectory(),
                             SupportPaths::userActionsDirectory());
-    DevelopActionController controller(parser);
+    DevelopActionController controller(parser, engine->settings, engine->alerts);
     for (const auto language :
          {DevelopActionRequest::Language::Ruby, DevelopActionRequest::Language::Python}) {
         for (const bool comments : {true, false}) {
@@ -602,8 +602,8 @@ TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates)
             EXPECT_EQ(text.mid(newHeader.size()).contains("\n# "), comments);
         }
     }
-    EXPECT_TRUE(presenters.alerts().alerts.isEmpty());
-    EXPECT_EQ(Settings::shared().stringValue(Settings::DevelopPreferredLanguage),
+    EXPECT_TRUE(engine.alerts().alerts.isEmpty());
+    EXPECT_EQ(engine->settings.stringValue(Settings::DevelopPreferredLanguage),
               QStringLiteral("Python"));
 }
 

@@ -14,8 +14,7 @@
 #include "tasks/RecentItems.h"
 #include "tasks/TaskStatus.h"
 #include "tests/support/EventLoop.h"
-#include "tests/support/FakePresenters.h"
-#include "tests/support/TestHome.h"
+#include "tests/support/TestEngine.h"
 
 #include <QDir>
 #include <QFile>
@@ -104,11 +103,11 @@ protected:
     void SetUp() override
     {
         ensureCoreApplication();
-        Launcher::setShared(launcher);
-        runner = std::make_shared<BuiltInActionRunner>();
-        m_tokens << NotificationCenter::distributed().addObserver(
-            CmdLineNotifications::Finish, nullptr, [this](const Notification&) { ++finishes; });
-        m_tokens << NotificationCenter::distributed().addObserver(
+        m_engine = std::make_unique<TestEngine>(launcher);
+        runner = std::make_shared<BuiltInActionRunner>(&engine().builtInContext);
+        m_tokens << engine().distributed.addObserver(CmdLineNotifications::Finish, nullptr,
+                                                     [this](const Notification&) { ++finishes; });
+        m_tokens << engine().distributed.addObserver(
             CmdLineNotifications::Response, nullptr, [this](const Notification& note) {
                 responses << note.userInfo.value(QStringLiteral("response")).toString();
             });
@@ -116,11 +115,11 @@ protected:
     void TearDown() override
     {
         for (int token : std::as_const(m_tokens)) {
-            NotificationCenter::distributed().removeObserver(token);
+            engine().distributed.removeObserver(token);
         }
         runner.reset();
         spin(50);
-        Launcher::setShared(nullptr);
+        m_engine.reset();
     }
 
     GridActionPtr action(const QString& type, const QVariantMap& variables = {},
@@ -143,10 +142,15 @@ protected:
     }
     QString writeFile(const QString& relativePath, const QByteArray& contents)
     {
-        return home.writeFile(relativePath, contents);
+        return m_engine->home().writeFile(relativePath, contents);
     }
-    QString path(const QString& relative) const { return home.path() + u'/' + relative; }
-    FakeDesktopServices& desktop() { return presenters.desktop(); }
+    QString path(const QString& relative) const
+    {
+        return m_engine->home().path() + u'/' + relative;
+    }
+    FakeDesktopServices& desktop() { return m_engine->desktop(); }
+    FakeWindowPresenter& windows() { return m_engine->windows(); }
+    Engine& engine() { return m_engine->engine(); }
     QStringList bodies()
     {
         QStringList bodies;
@@ -160,14 +164,13 @@ protected:
         return waitUntil([this] { return runner->runningBuiltInActions().isEmpty(); }, timeoutMs);
     }
 
-    TestHome home;
-    FakePresenters presenters;
     std::shared_ptr<FakeLauncher> launcher = std::make_shared<FakeLauncher>();
     std::shared_ptr<BuiltInActionRunner> runner;
     int finishes = 0;
     QStringList responses;
 
 private:
+    std::unique_ptr<TestEngine> m_engine;
     QList<int> m_tokens;
 };
 
@@ -185,16 +188,17 @@ public:
 
 TEST_F(BuiltInTest, ResultGoesToClipboardResponseAndRecentItemsAndRunFinishesOnce)
 {
-    RecentItems::shared().clear();
+    engine().recentItems.clear();
     ResultAction result;
-    result.setUp({}, action(QStringLiteral("Uploader"), {}, QStringLiteral("Long name")), {});
+    result.setUp(engine().builtInContext, {},
+                 action(QStringLiteral("Uploader"), {}, QStringLiteral("Long name")), {});
     int completions = 0;
     result.completion = [&completions] { ++completions; };
     result.runWithClick();
     EXPECT_EQ(desktop().clipboard, QStringList{QStringLiteral("url:https://example.com/shared")});
     EXPECT_EQ(responses, QStringList{QStringLiteral("https://example.com/shared")});
-    ASSERT_EQ(RecentItems::shared().items().size(), 1);
-    EXPECT_EQ(RecentItems::shared().items().first().title,
+    ASSERT_EQ(engine().recentItems.items().size(), 1);
+    EXPECT_EQ(engine().recentItems.items().first().title,
               QStringLiteral("Long name - https://example.com/shared"));
     EXPECT_EQ(completions, 1);
     EXPECT_EQ(finishes, 1);
@@ -208,7 +212,7 @@ TEST_F(BuiltInTest, RunnerClosesTheGridAndTracksEachRunUntilItFinishes)
         drop(QStringLiteral("Run Script"), {{QStringLiteral("path"), script}}, {script});
     ASSERT_TRUE(first && second && first != second);
     EXPECT_EQ(runner->runningBuiltInActions(), (QList<BuiltInAction*>{first, second}));
-    EXPECT_EQ(presenters.windows().gridClosed, 2);
+    EXPECT_EQ(windows().gridClosed, 2);
     ASSERT_TRUE(waitForIdle());
     EXPECT_EQ(finishes, 2);
 
@@ -233,7 +237,7 @@ TEST_F(BuiltInTest, RunScriptFailuresAreNotifiedAndFinishTheRun)
         {"#!/bin/sh\necho out\necho trouble >&2\nexit 2\n",
          "Script exited with status 2. Check the Action Console for details."},
     };
-    DebugConsoleController::shared().clear();
+    engine().debugConsole.clear();
     int row = 0;
     for (const auto& [script, expected] : rows) {
         desktop().notifications.clear();
@@ -250,13 +254,12 @@ TEST_F(BuiltInTest, RunScriptFailuresAreNotifiedAndFinishTheRun)
     EXPECT_EQ(finishes, int(std::size(rows)));
     // The failing script's error output is shown in red in the console.
     bool redError = false;
-    for (const DebugConsoleController::Run& run : DebugConsoleController::shared().runs()) {
+    for (const DebugConsoleController::Run& run : engine().debugConsole.runs()) {
         redError |= run.colour == DebugConsoleController::Colour::Red &&
                     run.text.contains(QStringLiteral("trouble"));
     }
     EXPECT_TRUE(redError);
-    EXPECT_TRUE(
-        DebugConsoleController::shared().text().endsWith(QStringLiteral("\n[Task completed]\n")));
+    EXPECT_TRUE(engine().debugConsole.text().endsWith(QStringLiteral("\n[Task completed]\n")));
 }
 
 TEST_F(BuiltInTest, RunScriptGetsDroppedFilesInOrderWithItsEnvironment)
@@ -502,7 +505,7 @@ TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
         QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAABCAIAAAB7QOjdAAAADUlEQVR4nGP4zwAE/"
                                "wEHAAH/4iOeWQAAAABJRU5ErkJggg=="));
     QStringList toDropBar;
-    DropbarSink::shared().setAdder([&](const QStringList& paths) { toDropBar << paths; });
+    engine().dropbarSink.setAdder([&](const QStringList& paths) { toDropBar << paths; });
     const QString chosen = path(QStringLiteral("chosen"));
     QDir().mkpath(chosen);
     const auto convert = [&](const char* format, const char* folderOption) {
@@ -516,7 +519,7 @@ TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
     ASSERT_TRUE(convert("jpg", "0"));
     EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("img/photo.jpg"))));
     EXPECT_TRUE(QFileInfo::exists(png));
-    presenters.windows().setNextFolder(chosen);
+    windows().setNextFolder(chosen);
     ASSERT_TRUE(convert("webp", "1"));
     EXPECT_TRUE(QFileInfo::exists(chosen + QStringLiteral("/photo.webp")));
     EXPECT_TRUE(toDropBar.isEmpty());
@@ -525,9 +528,9 @@ TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
     EXPECT_TRUE(toDropBar.first().endsWith(QStringLiteral("/photo.gif")));
     EXPECT_TRUE(QFileInfo(toDropBar.first()).path().contains(QStringLiteral("SkActionOutput-")));
     EXPECT_TRUE(QFileInfo::exists(toDropBar.first()));
-    DropbarSink::shared().setAdder({});
+    engine().dropbarSink.setAdder({});
 
-    presenters.windows().setNextFolder(QString());
+    windows().setNextFolder(QString());
     ASSERT_TRUE(convert("png", "1"));
     drop(QStringLiteral("Resize Images"), {{QStringLiteral("output_width"), QStringLiteral("1")}},
          {writeFile(QStringLiteral("notes.txt"), "words")});

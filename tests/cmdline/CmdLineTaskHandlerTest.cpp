@@ -14,7 +14,7 @@
 #include "tasks/Task.h"
 #include "tasks/TasksController.h"
 #include "tests/support/EventLoop.h"
-#include "tests/support/FakePresenters.h"
+#include "tests/support/TestEngine.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -41,26 +41,23 @@ protected:
     {
         ensureCoreApplication();
         m_previousResources = qgetenv("SKELVO_RESOURCES");
-        m_home = std::make_unique<TestHome>();
-        m_presenters = std::make_unique<FakePresenters>();
-        GridDatabase::reopenShared();
+        m_engine = std::make_unique<TestEngine>();
         ASSERT_TRUE(GridDatabase::sharedGridDatabase().loadDatabase());
         ActionOptionSchemas::registerStandardSchemas();
         ActionFileParser::shared() = ActionFileParser(SupportPaths::internalActionsDirectory(),
                                                       SupportPaths::userActionsDirectory());
-        m_handler = std::make_unique<CmdLineTaskHandler>();
+        m_handler =
+            std::make_unique<CmdLineTaskHandler>((*m_engine)->taskContext, (*m_engine)->events);
         ASSERT_TRUE(m_handler->setup(runtime()));
     }
     void TearDown() override
     {
-        waitUntil([] { return !TasksController::shared().hasTasks(); }, 5000);
+        waitUntil([this] { return !tasks().hasTasks(); }, 5000);
         m_handler.reset();
-        GridDatabase::reopenShared();
-        m_presenters.reset();
-        m_home.reset();
+        m_engine.reset();
         qputenv("SKELVO_RESOURCES", m_previousResources);
     }
-    QString runtime() const { return QDir(m_home->path()).filePath(QStringLiteral("rt")); }
+    QString runtime() const { return QDir(m_engine->home().path()).filePath(QStringLiteral("rt")); }
 
     // Sends a request from another thread while this one serves it; returns the responses
     // (none when the connection ended without a finish).
@@ -84,8 +81,9 @@ protected:
         return responses->join(u'|');
     }
 
-    std::unique_ptr<TestHome> m_home;
-    std::unique_ptr<FakePresenters> m_presenters;
+    TasksController& tasks() { return (*m_engine)->tasks; }
+
+    std::unique_ptr<TestEngine> m_engine;
     std::unique_ptr<CmdLineTaskHandler> m_handler;
 
 private:
@@ -119,11 +117,12 @@ QVariantMap spec(const char* text)
 }
 
 // Runs each action as the script named after it, through a runner that only loads it.
-CmdLineTaskHandler::RunStarter scriptStarter(QMap<QString, QString> scripts)
+CmdLineTaskHandler::RunStarter scriptStarter(const TaskContext& context,
+                                             QMap<QString, QString> scripts)
 {
-    return [scripts](const GridActionPtr& action, const QString&, const QStringList&,
-                     const QString&, std::function<void()> finished) {
-        auto* task = new Task;
+    return [&context, scripts](const GridActionPtr& action, const QString&, const QStringList&,
+                               const QString&, std::function<void()> finished) {
+        auto* task = new Task(context);
         task->actionFile = std::make_shared<ActionFile>();
         task->actionFile->actionName = action->name;
         task->actionFile->taskPath = scripts.value(action->name);
@@ -194,9 +193,11 @@ public:
 
 TEST_F(CmdLineTest, ARunAnswersItsOutcome)
 {
-    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("res")).toUtf8());
-    m_home->writeFile(QStringLiteral("res/Actions/lib/runner.rb"),
-                      "$stdout.sync = true\nload File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
+    qputenv("SKELVO_RESOURCES",
+            QDir(m_engine->home().path()).filePath(QStringLiteral("res")).toUtf8());
+    m_engine->home().writeFile(
+        QStringLiteral("res/Actions/lib/runner.rb"),
+        "$stdout.sync = true\nload File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
     struct Case {
         const char* name;
         const char* script;
@@ -215,10 +216,11 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
     QMap<QString, QString> scripts;
     for (const Case& c : cases) {
         const QString name = QString::fromLatin1(c.name);
-        scripts.insert(name, m_home->writeFile(name + QStringLiteral(".skelvo"), c.script));
+        scripts.insert(name,
+                       m_engine->home().writeFile(name + QStringLiteral(".skelvo"), c.script));
         addGridAction(name);
     }
-    m_handler->setRunStarter(scriptStarter(scripts));
+    m_handler->setRunStarter(scriptStarter((*m_engine)->taskContext, scripts));
     for (const Case& c : cases) {
         EXPECT_EQ(one(req({{"action", QStringLiteral("run")},
                            {"name", QString::fromLatin1(c.name)},
@@ -228,7 +230,8 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
     }
 
     // Without its runner nothing launches, and the request hears the alert.
-    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("none")).toUtf8());
+    qputenv("SKELVO_RESOURCES",
+            QDir(m_engine->home().path()).filePath(QStringLiteral("none")).toUtf8());
     EXPECT_TRUE(one(spec("run|name=Links|event=clicked"))
                     .startsWith(QStringLiteral(
                         "Error: Failed to launch task: Could not find runner.rb at at '")));
@@ -242,14 +245,14 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
 
     // An action whose bundle is gone starts nothing, and the caller hears why.
     addGridAction(QStringLiteral("Gone"), QStringLiteral("Gone"));
-    m_handler->setRunStarter([](const GridActionPtr& action, const QString&,
-                                const QStringList& files, const QString&,
-                                std::function<void()> finished) {
-        return EventsHandler::shared().runGridAction(action, files, true, std::move(finished));
+    m_handler->setRunStarter([this](const GridActionPtr& action, const QString&,
+                                    const QStringList& files, const QString&,
+                                    std::function<void()> finished) {
+        return (*m_engine)->events.runGridAction(action, files, true, std::move(finished));
     });
     EXPECT_EQ(one(req({{"action", QStringLiteral("run")},
                        {"name", QStringLiteral("Gone")},
-                       {"files", QStringList{m_home->path()}}})),
+                       {"files", QStringList{m_engine->home().path()}}})),
               QStringLiteral("Error: Action 'Gone' could not be started: Cannot find action with "
                              "type 'Gone' in runGridAction"));
 }
@@ -261,7 +264,7 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
                       "# Skelvo Action Info\n# Name: Uploader\n# Description: d\n"
                       "# Handles: Files\n# Creator: c\n# URL: u\n# OptionsNIB: AmazonS3Login\n");
     auto secrets = std::make_shared<HeldSecretStore>();
-    SecretStore::setShared(secrets);
+    m_engine->secrets().use(secrets);
     const QVariantMap addUploader =
         req({{"action", QStringLiteral("add-action")},
              {"type", QStringLiteral("Uploader")},
@@ -308,23 +311,26 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
                 "Error: Could not store the secret for action 'Second': The keyring is locked.")));
     EXPECT_FALSE(
         GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Second")));
-    SecretStore::setShared(std::make_shared<FileSecretStore>());
+    m_engine->secrets().use(std::make_shared<FileSecretStore>());
 
     // A run whose script raised an alert the user has not answered yet.
-    m_presenters->alerts().holdAnswers = true;
-    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("res")).toUtf8());
-    m_home->writeFile(QStringLiteral("res/Actions/lib/runner.rb"),
-                      "$stdout.sync = true\nload File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
-    const QString script = m_home->writeFile(
+    m_engine->alerts().holdAnswers = true;
+    qputenv("SKELVO_RESOURCES",
+            QDir(m_engine->home().path()).filePath(QStringLiteral("res")).toUtf8());
+    m_engine->home().writeFile(
+        QStringLiteral("res/Actions/lib/runner.rb"),
+        "$stdout.sync = true\nload File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
+    const QString script = m_engine->home().writeFile(
         QStringLiteral("alerting.skelvo"),
         "puts 'Alert: Look'\nSTDIN.gets\nsleep 0.5\nputs 'Text: done'\nSTDIN.gets\n");
-    m_handler->setRunStarter(scriptStarter({{QStringLiteral("Alerting"), script}}));
+    m_handler->setRunStarter(
+        scriptStarter((*m_engine)->taskContext, {{QStringLiteral("Alerting"), script}}));
     addGridAction(QStringLiteral("Alerting"));
     auto running = std::async(std::launch::async, [&] {
         return CmdLineServer::sendRequest(runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
                                           spec("run|name=Alerting|event=clicked"), 20000);
     });
-    ASSERT_TRUE(waitUntil([&] { return !m_presenters->alerts().pendingAnswers.isEmpty(); }));
+    ASSERT_TRUE(waitUntil([&] { return !m_engine->alerts().pendingAnswers.isEmpty(); }));
     EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
     ASSERT_TRUE(waitUntil(
         [&] { return running.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
@@ -391,10 +397,11 @@ TEST_F(CmdLineTest, GridsCategoriesAndTheirSettings)
 TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
 {
     GridDatabase& db = GridDatabase::sharedGridDatabase();
-    ASSERT_EQ(one(req({{"action", QStringLiteral("add-action")},
-                       {"type", QStringLiteral("Copy Files")},
-                       {"options", QVariantMap{{QStringLiteral("path"), m_home->path()}}}})),
-              QStringLiteral("Added action 'Copy Files' (Copy Files) to grid 'Main Grid'"));
+    ASSERT_EQ(
+        one(req({{"action", QStringLiteral("add-action")},
+                 {"type", QStringLiteral("Copy Files")},
+                 {"options", QVariantMap{{QStringLiteral("path"), m_engine->home().path()}}}})),
+        QStringLiteral("Added action 'Copy Files' (Copy Files) to grid 'Main Grid'"));
     // The column count is refused after the size was written: neither may stay.
     db.runQuery(QStringLiteral("CREATE TRIGGER refuseCols BEFORE UPDATE OF num_cols ON grids "
                                "BEGIN SELECT RAISE(ABORT, 'refused'); END"));
@@ -414,15 +421,17 @@ TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
 
 TEST_F(CmdLineTest, RunningTasksCanBeListedAndCancelled)
 {
-    qputenv("SKELVO_RESOURCES", QDir(m_home->path()).filePath(QStringLiteral("res")).toUtf8());
-    m_home->writeFile(QStringLiteral("res/Actions/lib/runner.rb"),
-                      "load File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
-    const QString script = m_home->writeFile(
+    qputenv("SKELVO_RESOURCES",
+            QDir(m_engine->home().path()).filePath(QStringLiteral("res")).toUtf8());
+    m_engine->home().writeFile(QStringLiteral("res/Actions/lib/runner.rb"),
+                               "load File.read(ARGV[0])[/\\AACTION: \"(.*)\"$/, 1]\n");
+    const QString script = m_engine->home().writeFile(
         QStringLiteral("slow.skelvo"),
         "$stdout.sync = true\nprint \"Begin_Message: Waiting\\n\"\nSTDIN.gets\nsleep 60\n");
-    m_handler->setRunStarter([script](const GridActionPtr&, const QString&, const QStringList&,
-                                      const QString&, std::function<void()> finished) {
-        auto* task = new Task;
+    m_handler->setRunStarter([this, script](const GridActionPtr&, const QString&,
+                                            const QStringList&, const QString&,
+                                            std::function<void()> finished) {
+        auto* task = new Task((*m_engine)->taskContext);
         task->actionFile = std::make_shared<ActionFile>();
         task->actionFile->actionName = QStringLiteral("Slow");
         task->actionFile->taskPath = script;
@@ -440,7 +449,7 @@ TEST_F(CmdLineTest, RunningTasksCanBeListedAndCancelled)
         return CmdLineServer::sendRequest(runtime(), QString::fromLatin1(CmdLineProtocol::RunTask),
                                           spec("run|name=Slow"), 20000);
     });
-    ASSERT_TRUE(waitUntil([] { return TasksController::shared().hasTasks(); }));
+    ASSERT_TRUE(waitUntil([&] { return tasks().hasTasks(); }));
     ASSERT_TRUE(
         waitUntil([&] { return one(spec("list-running")).contains(QStringLiteral("Waiting")); }));
     EXPECT_EQ(one(spec("cancel|index=3")),
@@ -451,7 +460,7 @@ TEST_F(CmdLineTest, RunningTasksCanBeListedAndCancelled)
     ASSERT_TRUE(waitUntil(
         [&] { return run.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }, 10000));
     EXPECT_TRUE(run.get().has_value()) << "a cancelled run still finishes its request";
-    ASSERT_TRUE(waitUntil([] { return !TasksController::shared().hasTasks(); }));
+    ASSERT_TRUE(waitUntil([&] { return !tasks().hasTasks(); }));
     EXPECT_EQ(one(spec("list-running")), QStringLiteral("No actions are currently running."));
 }
 
@@ -510,7 +519,7 @@ TEST_F(CmdLineTest, OneInstancePerUserAndOtherUsersAreRefused)
     }
     // Open the way to the socket so that only the peer check stands between.
     QFile::setPermissions(runtime(), QFileDevice::Permissions(0x7777));
-    QFile::setPermissions(m_home->path(), QFileDevice::Permissions(0x7777));
+    QFile::setPermissions(m_engine->home().path(), QFileDevice::Permissions(0x7777));
     ::chmod(QDir(runtime()).filePath(QStringLiteral("skelvo.sock")).toUtf8().constData(), 0777);
     const QByteArray path = QDir(runtime()).filePath(QStringLiteral("skelvo.sock")).toUtf8();
     LogCapture log;

@@ -6,7 +6,7 @@
 
 TEST(NotificationCenter, DeliversNameObjectAndUserInfoToMatchingObservers)
 {
-    NotificationCenter& center = NotificationCenter::shared();
+    NotificationCenter center;
     QObject sender;
     QObject other;
     QStringList seen;
@@ -37,7 +37,7 @@ TEST(NotificationCenter, DeliversNameObjectAndUserInfoToMatchingObservers)
 
 TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold)
 {
-    NotificationCenter& center = NotificationCenter::shared();
+    NotificationCenter center;
     int calls = 0;
     int second = 0;
     int first = 0;
@@ -55,7 +55,7 @@ TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold)
 
 TEST(NotificationCenter, SenderFilterDropsDestroyedSenders)
 {
-    NotificationCenter& center = NotificationCenter::shared();
+    NotificationCenter center;
     int calls = 0;
     auto sender = std::make_unique<QObject>();
     const int token = center.addObserver(QStringLiteral("Y"), sender.get(),

@@ -59,7 +59,7 @@ ActionFilePtr actionOf(Kind kind)
     auto record = std::make_shared<ActionFile>();
     ActionFileParser::parseHeader(lines, *record);
     QString errors;
-    record->metaValidationFailed = !record->validateMetaData(false, &errors);
+    record->metaValidationFailed = !record->validateMetaData(nullptr, &errors);
     return record;
 }
 

@@ -69,7 +69,7 @@ TEST_F(EventsTest, DroppedFilesCarryTheCopyOperationTheModifierAndTheFilesType)
     EXPECT_TRUE(description.contains(QStringLiteral("VARIABLE: \"KEY_MODIFIERS\" \"Option\"\n")));
     EXPECT_TRUE(description.endsWith(
         QStringLiteral("ITEMS: \"%1\" \"%2\"").arg(drag.filePaths[0], drag.filePaths[1])));
-    EXPECT_GE(presenters->windows().gridClosed, 1);
+    EXPECT_GE(engine->windows().gridClosed, 1);
     // Nothing of the drop stays behind for the next run.
     EXPECT_TRUE(handler->keyModifier().isEmpty());
     EXPECT_FALSE(handler->copyActivated());
@@ -142,12 +142,12 @@ TEST_F(EventsTest, AClickOnAScriptStartsAClickedTaskWithoutItems)
     EXPECT_EQ(result.task->event, QStringLiteral("clicked"));
     EXPECT_TRUE(result.task->items.isEmpty());
     EXPECT_FALSE(result.task->variables.contains(QStringLiteral("dragged_type")));
-    EXPECT_EQ(presenters->windows().gridClosed, 1);
+    EXPECT_EQ(engine->windows().gridClosed, 1);
 }
 
 TEST_F(EventsTest, ClicksOnSpecialTiles)
 {
-    FakeWindowPresenter& windows = presenters->windows();
+    FakeWindowPresenter& windows = engine->windows();
     EXPECT_EQ(handler->performActionClick(tile(Identifiers::AddToGridTileId)).outcome,
               Outcome::ShowedAddActionMenu);
     EXPECT_EQ(windows.addActionMenuShown, 1);
@@ -175,13 +175,13 @@ TEST_F(EventsTest, ClicksOnSharingServices)
     const GridActionPtr email = store(Email);
     EXPECT_EQ(handler->performActionClick(email).outcome, Outcome::HandedToSharingService);
     EXPECT_EQ(sharing->clicks, QStringList{Email});
-    EXPECT_EQ(presenters->windows().gridClosed, 1);
+    EXPECT_EQ(engine->windows().gridClosed, 1);
 
     const GridActionPtr airDrop = store(AirDrop);
     EXPECT_EQ(handler->performActionClick(airDrop).outcome, Outcome::OpenedActionConfig);
     const GridActionPtr dropOnly = store(ShareOnDrop);
     EXPECT_EQ(handler->performActionClick(dropOnly).outcome, Outcome::OpenedActionConfig);
-    EXPECT_EQ(presenters->windows().configSheets, (QList<ActionId>{airDrop->aId, dropOnly->aId}));
+    EXPECT_EQ(engine->windows().configSheets, (QList<ActionId>{airDrop->aId, dropOnly->aId}));
     EXPECT_EQ(sharing->clicks, QStringList{Email});
     EXPECT_EQ(handler->performActionDrag(email, text(QStringLiteral("note"))).outcome,
               Outcome::HandedToSharingService);
@@ -190,7 +190,7 @@ TEST_F(EventsTest, ClicksOnSharingServices)
 
 TEST_F(EventsTest, AClickThatCannotRunOpensTheSettingsSheet)
 {
-    Counter closeSheets(NotificationCenter::shared(), Notifications::CloseActionConfigWindows);
+    Counter closeSheets((*engine)->notifications, Notifications::CloseActionConfigWindows);
     const GridActionPtr dragsOnly = store(DragsOnly);
     EXPECT_TRUE(EventsHandler::clickWouldOnlyOpenConfigForAction(*dragsOnly));
     EXPECT_FALSE(EventsHandler::canHandleClickForAction(*dragsOnly));
@@ -203,10 +203,10 @@ TEST_F(EventsTest, AClickThatCannotRunOpensTheSettingsSheet)
         EXPECT_EQ(handler->performActionClick(action).outcome, Outcome::OpenedActionConfig)
             << action->type.toStdString();
     }
-    EXPECT_EQ(presenters->windows().configSheets,
+    EXPECT_EQ(engine->windows().configSheets,
               (QList<ActionId>{dragsOnly->aId, renameCopy->aId, missing->aId, invalid->aId}));
     EXPECT_EQ(closeSheets.seen.size(), 4);
-    EXPECT_EQ(presenters->windows().gridClosed, 4);
+    EXPECT_EQ(engine->windows().gridClosed, 4);
     EXPECT_TRUE(started.isEmpty());
 }
 
@@ -235,13 +235,13 @@ TEST_F(EventsTest, BuiltInActionsGoToTheBuiltInDispatcher)
 
 TEST_F(EventsTest, WithoutABuiltInRunnerTheUserIsToldAndNothingRuns)
 {
-    BuiltInDispatcher::install(nullptr);
+    handler->setBuiltInDispatcher(nullptr);
     const GridActionPtr openFile = store(OpenFile, makeFile(QStringLiteral("doc.txt")));
     EXPECT_EQ(handler->performActionClick(openFile).outcome, Outcome::NotHandled);
     const GridActionPtr resize = store(ResizeImages);
     EXPECT_EQ(handler->runGridAction(resize, QStringList{makeFile(QStringLiteral("p.png"))}, true),
               nullptr);
-    const QList<Alert>& alerts = presenters->alerts().alerts;
+    const QList<Alert>& alerts = engine->alerts().alerts;
     ASSERT_EQ(alerts.size(), 2);
     EXPECT_EQ(alerts[0].message, EventsHandler::builtInUnavailableMessage(OpenFile));
     EXPECT_EQ(alerts[1].message, EventsHandler::builtInUnavailableMessage(ResizeImages));
@@ -253,7 +253,7 @@ TEST_F(EventsTest, WithoutABuiltInRunnerTheUserIsToldAndNothingRuns)
 
 TEST_F(EventsTest, DropsOnDropBarTiles)
 {
-    FakeWindowPresenter& windows = presenters->windows();
+    FakeWindowPresenter& windows = engine->windows();
     DragInfo drag = files({makeFile(QStringLiteral("a.txt"))});
     drag.modifiers.option = true;
     EXPECT_EQ(
@@ -296,18 +296,18 @@ TEST_F(EventsTest, AHandledDropPlaysTheDropSoundWhenSoundsAreOn)
 {
     const GridActionPtr action = store(Files);
     handler->performActionDrag(action, files({makeFile(QStringLiteral("a"))}));
-    EXPECT_TRUE(presenters->desktop().sounds.isEmpty());
-    Settings::shared().setValue(Settings::PlaySounds, true);
+    EXPECT_TRUE(engine->desktop().sounds.isEmpty());
+    (*engine)->settings.setValue(Settings::PlaySounds, true);
     handler->performActionDrag(action, text(QStringLiteral("refused")));
-    EXPECT_TRUE(presenters->desktop().sounds.isEmpty()) << "a refused drop is silent";
+    EXPECT_TRUE(engine->desktop().sounds.isEmpty()) << "a refused drop is silent";
     handler->performActionDrag(action, files({makeFile(QStringLiteral("b"))}));
-    EXPECT_EQ(presenters->desktop().sounds, QStringList{QStringLiteral("GridDrop")});
+    EXPECT_EQ(engine->desktop().sounds, QStringList{QStringLiteral("GridDrop")});
 }
 
 TEST_F(EventsTest, DroppingOnAddToGridAddsTilesAfterTheGridCloses)
 {
     int rebuilt = 0;
-    GridStoreHooks::shared().prepareGrid = [&] { ++rebuilt; };
+    (*engine)->storeHooks.prepareGrid = [&] { ++rebuilt; };
     const QString folder = makeFolder(QStringLiteral("Projects"));
     const QString plain = makeFile(QStringLiteral("notes.txt"));
     const QString singleFileAction = makeFile(QStringLiteral("tool.skelvo"));
@@ -318,7 +318,7 @@ TEST_F(EventsTest, DroppingOnAddToGridAddsTilesAfterTheGridCloses)
     ASSERT_TRUE(EventsHandler::canHandleDragForAction(*tile(Identifiers::AddToGridTileId), drag));
     EXPECT_EQ(handler->performActionDrag(tile(Identifiers::AddToGridTileId), drag).outcome,
               Outcome::AddingToGrid);
-    EXPECT_EQ(presenters->windows().gridClosed, 1);
+    EXPECT_EQ(engine->windows().gridClosed, 1);
     EXPECT_EQ(db.getNumActions(), before) << "not before the grid has closed";
     ASSERT_TRUE(waitUntil([&] { return db.getNumActions() == before + 2 && rebuilt > 0; }));
     QStringList added;
@@ -448,7 +448,7 @@ TEST_F(EventsTest, AMonitoredRunCarriesItsContextAndEndsOnce)
 
 TEST_F(EventsTest, AMonitoredRunThatCannotStartEndsAtOnce)
 {
-    BuiltInDispatcher::install(nullptr);
+    handler->setBuiltInDispatcher(nullptr);
     auto context = std::make_shared<RecordingMonitorContext>();
     int completed = 0;
     handler->runMonitoredAction(store(ResizeImages), {makeFile(QStringLiteral("a.png"))}, context,

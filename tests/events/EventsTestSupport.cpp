@@ -177,18 +177,16 @@ private:
 
 void EventsTest::SetUp()
 {
-    home = std::make_unique<TestHome>();
-    presenters = std::make_unique<FakePresenters>();
-    GridDatabase::reopenShared();
-    GridStoreHooks::shared() = GridStoreHooks{};
+    engine = std::make_unique<TestEngine>();
+    home = &engine->home();
     ASSERT_TRUE(GridDatabase::sharedGridDatabase().loadDatabase());
     builtIns = std::make_shared<FakeBuiltInDispatcher>();
     sharing = std::make_shared<FakeSharingDispatcher>();
     dropbars = std::make_shared<FakeDropbarDispatcher>();
-    BuiltInDispatcher::install(builtIns);
-    SharingServiceDispatcher::install(sharing);
-    DropbarDispatcher::install(dropbars);
-    handler = std::make_unique<EventsHandler>();
+    handler = std::make_unique<EventsHandler>((*engine)->taskContext, (*engine)->storeHooks);
+    handler->setBuiltInDispatcher(builtIns);
+    handler->setSharingServiceDispatcher(sharing);
+    handler->setDropbarDispatcher(dropbars);
     Task::setRunnerStarter([this](Task& task) {
         started << QPointer<Task>(&task);
         return true;
@@ -206,13 +204,8 @@ void EventsTest::TearDown()
             delete task.data();
         }
     }
-    BuiltInDispatcher::install(nullptr);
-    SharingServiceDispatcher::install(nullptr);
-    DropbarDispatcher::install(nullptr);
-    GridStoreHooks::shared() = GridStoreHooks{};
-    GridDatabase::reopenShared();
-    presenters.reset();
-    home.reset();
+    home = nullptr;
+    engine.reset();
 }
 
 void EventsTest::useRealRunner()

@@ -6,7 +6,7 @@
 #include "events/SharingServiceDispatcher.h"
 #include "store/GridAction.h"
 #include "tasks/FolderMonitorContext.h"
-#include "tests/support/FakePresenters.h"
+#include "tests/support/TestEngine.h"
 #include "tests/support/TestHome.h"
 
 #include <QList>
@@ -148,8 +148,8 @@ protected:
     static DragInfo files(const QStringList& paths);
     static DragInfo text(const QString& value);
 
-    std::unique_ptr<TestHome> home;
-    std::unique_ptr<FakePresenters> presenters;
+    std::unique_ptr<TestEngine> engine;
+    TestHome* home = nullptr;
     std::shared_ptr<FakeBuiltInDispatcher> builtIns;
     std::shared_ptr<FakeSharingDispatcher> sharing;
     std::shared_ptr<FakeDropbarDispatcher> dropbars;

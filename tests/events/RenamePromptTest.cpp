@@ -17,29 +17,29 @@ protected:
     void SetUp() override
     {
         EventsTest::SetUp();
-        m_responses = NotificationCenter::distributed().addObserver(
+        m_responses = (*engine)->distributed.addObserver(
             CmdLineNotifications::Response, nullptr, [this](const Notification& n) {
                 responses << n.userInfo.value(QStringLiteral("response")).toString();
                 senders << n.object.data();
             });
-        m_finishes = NotificationCenter::distributed().addObserver(
-            CmdLineNotifications::Finish, nullptr, [this](const Notification& n) {
-                ++finishes;
-                senders << n.object.data();
-            });
+        m_finishes = (*engine)->distributed.addObserver(CmdLineNotifications::Finish, nullptr,
+                                                        [this](const Notification& n) {
+                                                            ++finishes;
+                                                            senders << n.object.data();
+                                                        });
         destination = makeFolder(QStringLiteral("out"));
     }
     void TearDown() override
     {
-        NotificationCenter::distributed().removeObserver(m_responses);
-        NotificationCenter::distributed().removeObserver(m_finishes);
+        (*engine)->distributed.removeObserver(m_responses);
+        (*engine)->distributed.removeObserver(m_finishes);
         EventsTest::TearDown();
     }
-    FakeWindowPresenter& windows() { return presenters->windows(); }
+    FakeWindowPresenter& windows() { return engine->windows(); }
     QStringList titles() const
     {
         QStringList result;
-        for (const RenamePrompt& prompt : presenters->windows().renamePrompts) {
+        for (const RenamePrompt& prompt : engine->windows().renamePrompts) {
             result << prompt.title;
         }
         return result;
@@ -157,7 +157,7 @@ TEST_F(RenamePromptTest, ACommandLineRunThatIsCancelledIsAnsweredAndFinishedOnce
 
 TEST_F(RenamePromptTest, WithoutADisplayTheCommandLineIsToldWhy)
 {
-    WindowPresenter::setShared(std::make_shared<HeadlessWindowPresenter>());
+    windows().setNextRenameUnavailable(); // as without a display
     const GridActionPtr action = store(RenameCopy, destination);
     const QPointer<Task> task = handler->createTaskForAction(
         action, {makeFile(QStringLiteral("a.txt"))}, QStringLiteral("dragged"), true);

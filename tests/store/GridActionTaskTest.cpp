@@ -49,7 +49,7 @@ protected:
     }
     std::unique_ptr<Task> taskFor(const GridActionPtr& action)
     {
-        auto task = std::make_unique<Task>();
+        auto task = std::make_unique<Task>(engine().taskContext);
         task->gridAction = action->copy();
         task->actionFile = action->actionFile();
         task->event = QStringLiteral("dragged");
@@ -116,14 +116,14 @@ TEST_F(GridActionTaskTest, ADeletedActionDoesNotRun)
     processEvents();
     EXPECT_TRUE(completed);
     EXPECT_TRUE(task->taskDescriptionPath().isEmpty());
-    EXPECT_TRUE(m_presenters->windows().editedActions.isEmpty());
+    EXPECT_TRUE(m_engine->windows().editedActions.isEmpty());
 }
 
 TEST_F(GridActionTaskTest, AMissingPasswordOpensTheEditWindowAndNothingRuns)
 {
     const auto task = taskFor(m_action);
     EXPECT_FALSE(task->generateTaskDescription(false));
-    EXPECT_EQ(m_presenters->windows().editedActions, QList<ActionId>{m_action->aId});
+    EXPECT_EQ(m_engine->windows().editedActions, QList<ActionId>{m_action->aId});
 }
 
 TEST_F(GridActionTaskTest, AnActionWithoutALoginNeedsNoPassword)
@@ -136,7 +136,7 @@ TEST_F(GridActionTaskTest, AnActionWithoutALoginNeedsNoPassword)
     ASSERT_TRUE(description);
     EXPECT_TRUE(description->contains(QStringLiteral("VARIABLE: \"path\" \"/data\"\n")));
     EXPECT_FALSE(description->contains(QStringLiteral("password_variable")));
-    EXPECT_TRUE(m_presenters->windows().editedActions.isEmpty());
+    EXPECT_TRUE(m_engine->windows().editedActions.isEmpty());
 }
 
 TEST_F(GridActionTaskTest, VariablesSetThroughTheTaskAreSaved)
@@ -149,7 +149,7 @@ TEST_F(GridActionTaskTest, VariablesSetThroughTheTaskAreSaved)
     ASSERT_TRUE(task->removeGridActionVariable(QStringLiteral("token")));
     EXPECT_FALSE(
         db().getExtraVariablesForActionId(m_action->aId).contains(QStringLiteral("token")));
-    Task bare;
+    Task bare(engine().taskContext);
     EXPECT_FALSE(bare.setGridActionVariable(QStringLiteral("x"), QStringLiteral("y")));
 }
 

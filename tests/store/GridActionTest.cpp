@@ -52,8 +52,8 @@ protected:
     {
         StoreTest::SetUp();
         loadInitialDatabase();
-        m_actionIcon = m_home->writeFile(QStringLiteral("res/action-icon.png"),
-                                         QByteArrayLiteral("PNG action"));
+        m_actionIcon = m_engine->home().writeFile(QStringLiteral("res/action-icon.png"),
+                                                  QByteArrayLiteral("PNG action"));
         provideBuiltInActions(
             ActionFileParser::shared(),
             {
@@ -70,18 +70,18 @@ protected:
         ActionFileParser::shared().invalidateActionsCache();
         ActionOptionSchemas::registerSchema(
             {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}, {}});
-        m_counter = NotificationCenter::shared().addObserver(
-            Notifications::GridActionPositionsSaved, nullptr,
-            [this](const Notification&) { ++m_saved; });
+        m_counter =
+            engine().notifications.addObserver(Notifications::GridActionPositionsSaved, nullptr,
+                                               [this](const Notification&) { ++m_saved; });
     }
     void TearDown() override
     {
-        NotificationCenter::shared().removeObserver(m_counter);
+        engine().notifications.removeObserver(m_counter);
         ActionOptionSchemas::unregisterSchema(QStringLiteral("ExtendedLogin"));
         provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
-        Icons::shared().setPreviewProvider({});
-        Icons::shared().setWorkspaceIconProvider({});
+        engine().icons.setPreviewProvider({});
+        engine().icons.setWorkspaceIconProvider({});
         StoreTest::TearDown();
     }
     QString categoryName(CategoryId id)
@@ -91,7 +91,7 @@ protected:
     }
     QString folder(const QString& relative)
     {
-        const QString path = QDir(m_home->path()).filePath(relative);
+        const QString path = QDir(m_engine->home().path()).filePath(relative);
         QDir().mkpath(path);
         return path;
     }
@@ -116,11 +116,11 @@ protected:
 
 TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
 {
-    const QString entry = m_home->writeFile(
+    const QString entry = m_engine->home().writeFile(
         QStringLiteral("apps/org.example.Editor.desktop"),
         "[Desktop Entry]\nType=Application\nName=Text Editor\nName[de]=Texteditor\n"
         "Exec=editor %F\n");
-    Icons::shared().setWorkspaceIconProvider(
+    engine().icons.setWorkspaceIconProvider(
         [](const QString& path) { return "PNG of " + QFileInfo(path).fileName().toUtf8(); });
     qputenv("LC_ALL", "de_DE.UTF-8");
     const GridActionPtr action = GridAction::initWithPath(entry);
@@ -139,8 +139,8 @@ TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
 TEST_F(GridActionTest, AnExecutableIsAnApplicationNamedAfterItsFile)
 {
     const QString image =
-        m_home->writeFile(QStringLiteral("apps/Krita.AppImage"), QByteArrayLiteral("\x7f"
-                                                                                   "ELF"));
+        m_engine->home().writeFile(QStringLiteral("apps/Krita.AppImage"), QByteArrayLiteral("\x7f"
+                                                                                            "ELF"));
     QFile::setPermissions(image, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     const GridActionPtr action = GridAction::initWithPath(image);
     ASSERT_TRUE(action);
@@ -154,7 +154,7 @@ TEST_F(GridActionTest, AFolderIsMovedOrCopiedWithTheOptionKey)
 {
     const QString path = folder(QStringLiteral("Photos.2024"));
     bool optionHeld = false;
-    GridStoreHooks::shared().optionKeyHeld = [&] { return optionHeld; };
+    engine().storeHooks.optionKeyHeld = [&] { return optionHeld; };
     const GridActionPtr move = GridAction::initWithPath(path);
     optionHeld = true;
     const GridActionPtr copy = GridAction::initWithPath(path);
@@ -180,9 +180,9 @@ TEST_F(GridActionTest, PlacesAfterTheActionsAlreadyInTheCategory)
 TEST_F(GridActionTest, RefusesWhatItCannotUse)
 {
     LogCapture log;
-    const QString file = m_home->writeFile(QStringLiteral("notes.txt"), "text");
-    EXPECT_FALSE(
-        GridAction::initWithPath(QDir(m_home->path()).filePath(QStringLiteral("missing"))));
+    const QString file = m_engine->home().writeFile(QStringLiteral("notes.txt"), "text");
+    EXPECT_FALSE(GridAction::initWithPath(
+        QDir(m_engine->home().path()).filePath(QStringLiteral("missing"))));
     EXPECT_FALSE(GridAction::initWithPath(file)); // a plain file and no action
     auto unknown = std::make_shared<ActionFile>();
     unknown->actionName = QStringLiteral("Nope");
@@ -193,7 +193,7 @@ TEST_F(GridActionTest, RefusesWhatItCannotUse)
 
 TEST_F(GridActionTest, AGivenActionKeepsItsOwnNameAndIcon)
 {
-    const QString file = m_home->writeFile(QStringLiteral("photo.jpg"), "jpeg");
+    const QString file = m_engine->home().writeFile(QStringLiteral("photo.jpg"), "jpeg");
     const ActionFilePtr resize =
         ActionFileParser::shared().getActionWithType(QStringLiteral("Resize Images"));
     const GridActionPtr placed = GridAction::initWithPath(file, resize);
@@ -209,9 +209,9 @@ TEST_F(GridActionTest, AGivenActionKeepsItsOwnNameAndIcon)
 
 TEST_F(GridActionTest, AChosenFileShowsItsPreview)
 {
-    const QString file = m_home->writeFile(QStringLiteral("report.final.pdf"), "pdf");
+    const QString file = m_engine->home().writeFile(QStringLiteral("report.final.pdf"), "pdf");
     int askedSize = 0;
-    Icons::shared().setPreviewProvider([&](const QString& path, int size) {
+    engine().icons.setPreviewProvider([&](const QString& path, int size) {
         askedSize = size;
         return path == file ? QByteArrayLiteral("preview") : QByteArray();
     });
@@ -307,7 +307,7 @@ TEST_F(GridActionTest, AnActionNeverCollidesWithItself)
 TEST_F(GridActionTest, CreatingStoresRowVariablesAndIcon)
 {
     int prepared = 0;
-    GridStoreHooks::shared().prepareGrid = [&] { ++prepared; };
+    engine().storeHooks.prepareGrid = [&] { ++prepared; };
     GridActionPtr action = GridAction::initWithPath(folder(QStringLiteral("Inbox")));
     ASSERT_TRUE(action);
     action->icon = QByteArrayLiteral("icon bytes");
@@ -323,7 +323,7 @@ TEST_F(GridActionTest, CreatingStoresRowVariablesAndIcon)
               action->extraVariables.value(QStringLiteral("path")).toString());
     EXPECT_FALSE(read->extraVariables.contains(QStringLiteral("network_volume")));
     EXPECT_EQ(read->icon, QByteArrayLiteral("icon bytes"));
-    EXPECT_TRUE(QFileInfo::exists(Icons::shared().iconPathForId(id)));
+    EXPECT_TRUE(QFileInfo::exists(engine().icons.iconPathForId(id)));
 
     action->create(); // without reload
     EXPECT_EQ(prepared, 1);
@@ -346,18 +346,20 @@ TEST_F(GridActionTest, RemovingDeletesRowVariablesIconAndLogin)
 {
     int prepared = 0;
     int positions = 0;
-    GridStoreHooks::shared().prepareGrid = [&] { ++prepared; };
-    GridStoreHooks::shared().saveGridActionPositions = [&] { ++positions; };
+    engine().storeHooks.prepareGrid = [&] { ++prepared; };
+    engine().storeHooks.saveGridActionPositions = [&] { ++positions; };
     const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"),
                                        {{QStringLiteral("server"), QStringLiteral("h")}});
-    ASSERT_TRUE(Icons::shared().saveIcon("i", action->aId));
+    ASSERT_TRUE(engine().icons.saveIcon("i", action->aId));
     ASSERT_TRUE(storePassword(*action, QStringLiteral("secret")));
     m_saved = 0;
     action->remove();
     EXPECT_FALSE(db().getGridActionWithId(action->aId));
     EXPECT_TRUE(db().getExtraVariablesForActionId(action->aId).isEmpty());
-    EXPECT_FALSE(QFileInfo::exists(Icons::shared().iconPathForId(action->aId)));
-    EXPECT_EQ(readSecretNow(action->keychainServiceName(), action->keychainAccountName()).status,
+    EXPECT_FALSE(QFileInfo::exists(engine().icons.iconPathForId(action->aId)));
+    EXPECT_EQ(readSecretNow(engine().secrets, action->keychainServiceName(),
+                            action->keychainAccountName())
+                  .status,
               SecretStore::Status::NotFound);
     EXPECT_EQ(prepared, 1);
     EXPECT_EQ(positions, 1);
@@ -368,19 +370,19 @@ TEST_F(GridActionTest, ABundledIconIsNotDeleted)
 {
     const GridActionPtr action = saved(QStringLiteral("Move Files"), QStringLiteral("B"));
     action->bundledIcon = QStringLiteral("bundled");
-    ASSERT_TRUE(Icons::shared().saveIcon("i", action->aId));
+    ASSERT_TRUE(engine().icons.saveIcon("i", action->aId));
     action->remove();
-    EXPECT_TRUE(QFileInfo::exists(Icons::shared().iconPathForId(action->aId)));
+    EXPECT_TRUE(QFileInfo::exists(engine().icons.iconPathForId(action->aId)));
 }
 
 TEST_F(GridActionTest, RemovingADropbarActionLeavesItToTheDropbarController)
 {
     int handedOver = 0;
     int prepared = 0;
-    GridStoreHooks::shared().removeDropbarItems = [&](const GridAction& a) {
+    engine().storeHooks.removeDropbarItems = [&](const GridAction& a) {
         handedOver += a.type == QLatin1String("Drop Bar Text");
     };
-    GridStoreHooks::shared().prepareGrid = [&] { ++prepared; };
+    engine().storeHooks.prepareGrid = [&] { ++prepared; };
     const GridActionPtr action = saved(QStringLiteral("Drop Bar Text"), QStringLiteral("Texts"));
     action->remove();
     EXPECT_TRUE(db().getGridActionWithId(action->aId));
@@ -396,12 +398,12 @@ TEST_F(GridActionTest, APathOnANetworkShareIsFlaggedAndKeepsItsFlagWhenUnmounted
 {
     const QString share = folder(QStringLiteral("mnt/share"));
     const QString local = folder(QStringLiteral("local"));
-    const QString table =
-        m_home->writeFile(QStringLiteral("mountinfo"),
-                          QStringLiteral("22 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
-                                         "95 22 0:61 / %1 rw,relatime - cifs //nas/share rw\n")
-                              .arg(QFileInfo(share).canonicalFilePath())
-                              .toUtf8());
+    const QString table = m_engine->home().writeFile(
+        QStringLiteral("mountinfo"),
+        QStringLiteral("22 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                       "95 22 0:61 / %1 rw,relatime - cifs //nas/share rw\n")
+            .arg(QFileInfo(share).canonicalFilePath())
+            .toUtf8());
     FileSystemInfoOverride mounts(table);
 
     auto action = GridAction::initWithPath(share);
@@ -443,10 +445,10 @@ class MissingPathTest : public GridActionTest, public testing::WithParamInterfac
 TEST_P(MissingPathTest, CountsNetworkVolumesOnlyWhenAsked)
 {
     GridAction action;
-    action.extraVariables.insert(QStringLiteral("path"),
-                                 GetParam().exists
-                                     ? folder(QStringLiteral("here"))
-                                     : QDir(m_home->path()).filePath(QStringLiteral("gone")));
+    action.extraVariables.insert(
+        QStringLiteral("path"),
+        GetParam().exists ? folder(QStringLiteral("here"))
+                          : QDir(m_engine->home().path()).filePath(QStringLiteral("gone")));
     if (GetParam().network) {
         action.extraVariables.insert(QStringLiteral("network_volume"), QStringLiteral("1"));
     }
@@ -467,7 +469,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, MissingPathTest,
 TEST_F(GridActionTest, BookmarksRecordBothChosenPaths)
 {
     const QString first = folder(QStringLiteral("first"));
-    const QString second = m_home->writeFile(QStringLiteral("second.key"), "k");
+    const QString second = m_engine->home().writeFile(QStringLiteral("second.key"), "k");
     GridAction action;
     action.type = QStringLiteral("SFTP Upload"); // its sheet is one with bookmarks
     action.extraVariables = {{QStringLiteral("path"), first},
@@ -491,10 +493,10 @@ TEST_F(GridActionTest, BookmarksRecordBothChosenPaths)
     GridAction byType;
     byType.type = QStringLiteral("Resize Images");
     byType.extraVariables = {
-        {QStringLiteral("path"), QDir(m_home->path()).filePath(QStringLiteral("absent"))}};
+        {QStringLiteral("path"), QDir(m_engine->home().path()).filePath(QStringLiteral("absent"))}};
     byType.updateScopedBookmark();
     EXPECT_FALSE(byType.extraVariables.contains(QStringLiteral("scoped_bookmark")));
-    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
 }
 
 // --- Secrets
@@ -509,7 +511,7 @@ TEST_F(GridActionTest, APasswordComesBackAsTheSheetsVariable)
               QStringLiteral("Skelvo: SFTP Upload (sftp.example.org)"));
     EXPECT_EQ(action->keychainAccountName(), QStringLiteral("ann"));
     EXPECT_FALSE(retrievePassword(*action, true, true)); // none stored yet
-    for (const auto& a : m_presenters->alerts().alerts) {
+    for (const auto& a : m_engine->alerts().alerts) {
         ADD_FAILURE() << a.title.toStdString() << " | " << a.message.toStdString();
     }
 
@@ -538,16 +540,16 @@ TEST_F(GridActionTest, ABlankPasswordNeedsNoSecret)
 
 TEST_F(GridActionTest, ReadErrorsAreShownOnlyWhenAsked)
 {
-    SecretStore::setShared(std::make_shared<FailingSecretStore>());
+    m_engine->secrets().use(std::make_shared<FailingSecretStore>());
     GridAction action;
     action.type = QStringLiteral("SFTP Upload");
     EXPECT_FALSE(retrievePassword(action, false, true));
-    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
     EXPECT_FALSE(retrievePassword(action, true, true));
-    ASSERT_EQ(m_presenters->alerts().alerts.size(), 1);
-    EXPECT_EQ(m_presenters->alerts().alerts.first().title,
+    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
+    EXPECT_EQ(m_engine->alerts().alerts.first().title,
               QStringLiteral("Error retrieving item from Keychain"));
-    EXPECT_EQ(m_presenters->alerts().alerts.first().message,
+    EXPECT_EQ(m_engine->alerts().alerts.first().message,
               QStringLiteral(
                   "Failed to retrieve login from keychain for service Skelvo: SFTP Upload with "
                   "account name default.\n\nThe keyring is locked."));
@@ -556,16 +558,16 @@ TEST_F(GridActionTest, ReadErrorsAreShownOnlyWhenAsked)
 TEST_F(GridActionTest, DeleteErrorsNameLoginAndPassphrase)
 {
     const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"));
-    SecretStore::setShared(std::make_shared<FailingSecretStore>());
+    m_engine->secrets().use(std::make_shared<FailingSecretStore>());
     action->deleteKeychainPassword();
-    ASSERT_EQ(m_presenters->alerts().alerts.size(), 2);
+    ASSERT_EQ(m_engine->alerts().alerts.size(), 2);
     EXPECT_EQ(
-        m_presenters->alerts().alerts.at(0).message,
+        m_engine->alerts().alerts.at(0).message,
         QStringLiteral(
             "Failed to delete login from keychain for service Skelvo: SFTP Upload with account "
             "name default.\n\nThe keyring is locked."));
     EXPECT_EQ(
-        m_presenters->alerts().alerts.at(1).message,
+        m_engine->alerts().alerts.at(1).message,
         QStringLiteral("Failed to delete passphrase from keychain for service Skelvo: SFTP Upload "
                        "passphrase with account name default.\n\nThe keyring is locked."));
 }
@@ -591,7 +593,7 @@ TEST_F(GridActionTest, ASharedLoginIsKeptUntilItsLastAction)
                                                               QStringLiteral("u")));
     second->remove();
     EXPECT_FALSE(retrievePassword(*second, false, false));
-    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
 }
 
 } // namespace

@@ -17,16 +17,17 @@ qint64 idOf(const SqlRow& row)
 // Counts one notification while alive.
 class NotificationCount {
 public:
-    explicit NotificationCount(const QString& name)
-        : m_token(NotificationCenter::shared().addObserver(
-              name, nullptr, [this](const Notification&) { ++count; }))
+    NotificationCount(NotificationCenter& center, const QString& name)
+        : m_center(center)
+        , m_token(center.addObserver(name, nullptr, [this](const Notification&) { ++count; }))
     {}
-    ~NotificationCount() { NotificationCenter::shared().removeObserver(m_token); }
+    ~NotificationCount() { m_center.removeObserver(m_token); }
     NotificationCount(const NotificationCount&) = delete;
     NotificationCount& operator=(const NotificationCount&) = delete;
     int count = 0;
 
 private:
+    NotificationCenter& m_center;
     int m_token;
 };
 
@@ -63,7 +64,7 @@ protected:
 TEST_F(GridDatabaseTest, NewGridsGoLast)
 {
     ASSERT_TRUE(db().runQuery(QStringLiteral("DELETE FROM grids")).isEmpty());
-    NotificationCount changed(Notifications::GridsChanged);
+    NotificationCount changed(engine().notifications, Notifications::GridsChanged);
     const GridId first = db().addGridWithName(QStringLiteral("First"));
     ASSERT_NE(first, 0);
     EXPECT_EQ(db().getGrids().first().value(QStringLiteral("display_order")).toInt(), 0);
@@ -147,9 +148,9 @@ TEST_F(GridDatabaseTest, SelectedGridFallsBackToTheFirstInDisplayOrder)
     const GridId other = db().addGridWithName(QStringLiteral("Other"));
     ASSERT_TRUE(db().updateGrid(other, QStringLiteral("Other"), -1)); // first in order
 
-    Settings::shared().setValue(Settings::SelectedGridId, 0);
+    engine().settings.setValue(Settings::SelectedGridId, 0);
     EXPECT_EQ(db().selectedGridId(), other);
-    EXPECT_EQ(Settings::shared().integerValue(Settings::SelectedGridId), other);
+    EXPECT_EQ(engine().settings.integerValue(Settings::SelectedGridId), other);
 
     db().setSelectedGridId(main);
     EXPECT_EQ(db().selectedGridId(), main);
@@ -181,7 +182,7 @@ TEST_F(GridDatabaseTest, DeletingAGridRemovesEverythingBeneathIt)
     const DropbarId keptBar = db().addDropbarWithTitle(QStringLiteral("Kept"), {}, false, 1);
     db().addItemToDropbar(keptBar, QStringLiteral("text"), {}, QStringLiteral("t"), {});
 
-    NotificationCount changed(Notifications::GridsChanged);
+    NotificationCount changed(engine().notifications, Notifications::GridsChanged);
     ASSERT_TRUE(db().deleteGrid(doomed));
     EXPECT_EQ(changed.count, 1);
     const QString gone[] = {
@@ -254,7 +255,7 @@ TEST_P(PlacementTest, ChoosesByNameAndFallsBackToTheFirst)
     for (const QString& name : row.categories) {
         names.insert(db().addCategoryWithName(name, grid), name);
     }
-    NotificationCount created(Notifications::GridCategoryCreated);
+    NotificationCount created(engine().notifications, Notifications::GridCategoryCreated);
     const auto nameOf = [&](CategoryId id) {
         return sqlValue(dbPath(), QStringLiteral("SELECT name FROM categories WHERE id = %1 AND "
                                                  "grid_id = %2")

@@ -104,7 +104,7 @@ TEST_P(GridIconSizeTest, CopiesThePreviousIconSizeOnlyWhenSet)
 {
     const IconSizeRow& row = GetParam();
     if (row.gridIconSize) {
-        Settings::shared().setValue(QStringLiteral("GridIconSize"), *row.gridIconSize);
+        engine().settings.setValue(QStringLiteral("GridIconSize"), *row.gridIconSize);
     }
     loadAtVersion(row.fromVersion);
     EXPECT_EQ(column(QStringLiteral("SELECT grid_size FROM grids ORDER BY id")),
@@ -176,8 +176,8 @@ TEST_F(MigrationTest, TheLegacyFileIsCopiedOnceAndTheIconCacheDropped)
     LogCapture log;
     const QString legacy = supportPath(GridDatabase::LegacyDatabaseFileName);
     createDatabaseAtVersion(legacy, 2);
-    const QString staleIcon =
-        m_home->writeFile(QStringLiteral("data/Skelvo/Icons/5/1"), QByteArrayLiteral("old icon"));
+    const QString staleIcon = m_engine->home().writeFile(QStringLiteral("data/Skelvo/Icons/5/1"),
+                                                         QByteArrayLiteral("old icon"));
     ASSERT_TRUE(db().loadDatabase());
     EXPECT_TRUE(log.contains(
         QStringLiteral("Migrated legacy database from Actions.skdb to Actions5.skdb")));
@@ -193,10 +193,10 @@ TEST_F(MigrationTest, TheLegacyFileIsCopiedOnceAndTheIconCacheDropped)
 TEST_F(MigrationTest, AFreshHomeGetsTheInitialDatabase)
 {
     int gridsChanged = 0;
-    const int token = NotificationCenter::shared().addObserver(
+    const int token = engine().notifications.addObserver(
         Notifications::GridsChanged, nullptr, [&](const Notification&) { ++gridsChanged; });
     loadInitialDatabase();
-    NotificationCenter::shared().removeObserver(token);
+    engine().notifications.removeObserver(token);
 
     EXPECT_TRUE(db().didCopyInitialDb());
     EXPECT_EQ(gridsChanged, 1);
@@ -210,7 +210,7 @@ TEST_F(MigrationTest, AFreshHomeGetsTheInitialDatabase)
     EXPECT_EQ(sqlValue(GridDatabase::initialDatabaseResourcePath(),
                        QStringLiteral("PRAGMA user_version")),
               QStringLiteral("0"));
-    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
 }
 
 TEST_F(MigrationTest, UsesWalOnALocalDiskWithFullSyncAndABusyTimeout)
@@ -225,7 +225,7 @@ TEST_F(MigrationTest, UsesWalOnALocalDiskWithFullSyncAndABusyTimeout)
 TEST_F(MigrationTest, UsesARollbackJournalOnANetworkFileSystem)
 {
     // The support folder presented as an NFS mount.
-    const QString table = m_home->writeFile(
+    const QString table = m_engine->home().writeFile(
         QStringLiteral("mountinfo"), QStringLiteral("22 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
                                                     "90 22 0:50 / %1 rw - nfs4 server:/export rw\n")
                                          .arg(QFileInfo(supportPath({})).canonicalFilePath())
@@ -239,14 +239,15 @@ TEST_F(MigrationTest, AMissingInitialDatabaseIsReportedAndNothingIsCreated)
 {
     LogCapture log;
     GridDatabase store(dbPath(), QString());
+    store.setContext(&engine().storeContext);
     EXPECT_FALSE(store.loadDatabase());
     processEvents();
     EXPECT_FALSE(QFileInfo::exists(dbPath()));
     EXPECT_TRUE(log.contains(QStringLiteral(
         "Error creating initial actions database: source path (nil) or destination path")));
     EXPECT_TRUE(log.contains(QStringLiteral("Error opening database!")));
-    ASSERT_EQ(m_presenters->alerts().alerts.size(), 1);
-    const Alert alert = m_presenters->alerts().alerts.first();
+    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
+    const Alert alert = m_engine->alerts().alerts.first();
     EXPECT_EQ(alert.style, Alert::Style::Critical);
     EXPECT_EQ(alert.title, QStringLiteral("Database Initialization Error"));
     EXPECT_TRUE(alert.message.startsWith(
@@ -265,11 +266,12 @@ TEST_F(MigrationTest, AFailedCopyIsReported)
 {
     LogCapture log;
     GridDatabase store(dbPath(), supportPath(QStringLiteral("no-such.skdb")));
+    store.setContext(&engine().storeContext);
     EXPECT_FALSE(store.copyInInitalDb());
     processEvents();
     EXPECT_TRUE(log.contains(QStringLiteral("Error creating initial actions database: ")));
-    ASSERT_EQ(m_presenters->alerts().alerts.size(), 1);
-    const Alert alert = m_presenters->alerts().alerts.first();
+    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
+    const Alert alert = m_engine->alerts().alerts.first();
     EXPECT_EQ(alert.title, QStringLiteral("Database Initialization Error"));
     EXPECT_TRUE(alert.message.startsWith(
         QStringLiteral("Skelvo was unable to copy its initial database.\n\n")));
@@ -281,10 +283,11 @@ TEST_F(MigrationTest, AFailedCopyIsReported)
 TEST_F(MigrationTest, TheAlertWaitsForTheMainLoop)
 {
     GridDatabase store(dbPath(), QString());
+    store.setContext(&engine().storeContext);
     store.copyInInitalDb();
-    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty());
+    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
     processEvents();
-    EXPECT_EQ(m_presenters->alerts().alerts.size(), 1);
+    EXPECT_EQ(m_engine->alerts().alerts.size(), 1);
 }
 
 class DamagedFileTest : public MigrationTest {
@@ -292,12 +295,13 @@ protected:
     void SetUp() override
     {
         MigrationTest::SetUp();
-        m_home->writeFile(QStringLiteral("data/Skelvo/Actions5.skdb"),
-                          QByteArray("this is not a database, but the user's only copy", 48));
+        m_engine->home().writeFile(
+            QStringLiteral("data/Skelvo/Actions5.skdb"),
+            QByteArray("this is not a database, but the user's only copy", 48));
         m_damaged = readAll(dbPath());
-        GridStoreHooks::shared().quitApplication = [this] { ++m_quits; };
-        GridStoreHooks::shared().prepareGrid = [this] { ++m_prepared; };
-        GridStoreHooks::shared().createFirstLaunchGridActions = [this] { ++m_filled; };
+        engine().storeHooks.quitApplication = [this] { ++m_quits; };
+        engine().storeHooks.prepareGrid = [this] { ++m_prepared; };
+        engine().storeHooks.createFirstLaunchGridActions = [this] { ++m_filled; };
     }
     static QByteArray readAll(const QString& path)
     {
@@ -315,10 +319,10 @@ TEST_F(DamagedFileTest, IsLeftAloneWhenTheUserCloses)
     db().loadDatabase();
     ASSERT_FALSE(db().requiredTablesExist());
     db().handleDBCorrupt();
-    EXPECT_TRUE(m_presenters->alerts().alerts.isEmpty()); // asked on the main loop
+    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty()); // asked on the main loop
     processEvents();
-    ASSERT_EQ(m_presenters->alerts().alerts.size(), 1);
-    const Alert alert = m_presenters->alerts().alerts.first();
+    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
+    const Alert alert = m_engine->alerts().alerts.first();
     EXPECT_EQ(alert.style, Alert::Style::Critical);
     EXPECT_EQ(alert.title, QStringLiteral("Skelvo Database Missing or Corrupt"));
     EXPECT_EQ(alert.message,
@@ -336,7 +340,7 @@ TEST_F(DamagedFileTest, IsKeptAsideWhenTheUserRecreates)
 {
     db().loadDatabase();
     EXPECT_EQ(readAll(dbPath()), m_damaged); // opening did not touch it
-    m_presenters->alerts().setNextAnswer(1);
+    m_engine->alerts().setNextAnswer(1);
     db().handleDBCorrupt();
     processEvents();
     EXPECT_EQ(m_quits, 0);

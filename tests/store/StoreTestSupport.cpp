@@ -230,20 +230,13 @@ void processEvents()
 
 void StoreTest::SetUp()
 {
-    m_home = std::make_unique<TestHome>();
-    m_presenters = std::make_unique<FakePresenters>();
-    GridDatabase::reopenShared();
-    GridStoreHooks::shared() = GridStoreHooks{};
-    SecretStore::setShared(std::make_shared<FileSecretStore>());
+    m_engine = std::make_unique<TestEngine>();
 }
 
 void StoreTest::TearDown()
 {
     processEvents();
-    GridStoreHooks::shared() = GridStoreHooks{};
-    GridDatabase::reopenShared();
-    m_presenters.reset();
-    m_home.reset();
+    m_engine.reset();
 }
 
 QString StoreTest::supportPath(const QString& relative) const
@@ -291,10 +284,10 @@ std::optional<QMap<QString, QString>> retrievePassword(const GridAction& action,
     return answer.value_or(std::nullopt);
 }
 
-SecretStore::Result readSecretNow(const QString& service, const QString& account)
+SecretStore::Result readSecretNow(SecretStore& store, const QString& service,
+                                  const QString& account)
 {
     SecretStore::Result result;
-    SecretStore::shared().readSecret(service, account,
-                                     [&result](const SecretStore::Result& r) { result = r; });
+    store.readSecret(service, account, [&result](const SecretStore::Result& r) { result = r; });
     return result;
 }

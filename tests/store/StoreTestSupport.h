@@ -3,8 +3,7 @@
 #include "core/SecretStore.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
-#include "tests/support/FakePresenters.h"
-#include "tests/support/TestHome.h"
+#include "tests/support/TestEngine.h"
 
 #include <QString>
 #include <QStringList>
@@ -40,7 +39,8 @@ void processEvents();
 bool storePassword(GridAction& action, const QString& password, bool secondary = false);
 std::optional<QMap<QString, QString>> retrievePassword(const GridAction& action, bool showErrors,
                                                        bool base64Encoded, bool secondary = false);
-SecretStore::Result readSecretNow(const QString& service, const QString& account);
+SecretStore::Result readSecretNow(SecretStore& store, const QString& service,
+                                  const QString& account);
 
 // Each test gets its own home, fake presenters and a fresh shared store over
 // "Actions5.skdb" in the home's support folder.
@@ -55,6 +55,7 @@ protected:
     // Loads the shipped initial database (one grid, categories Actions, Apps and Folders).
     void loadInitialDatabase();
 
-    std::unique_ptr<TestHome> m_home;
-    std::unique_ptr<FakePresenters> m_presenters;
+    Engine& engine() { return m_engine->engine(); }
+
+    std::unique_ptr<TestEngine> m_engine;
 };

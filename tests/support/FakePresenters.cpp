@@ -1,5 +1,7 @@
 #include "tests/support/FakePresenters.h"
 
+#include "platform/FileSecretStore.h"
+
 void FakeAlertPresenter::present(const Alert& alert, Answered answered)
 {
     alerts << alert;
@@ -15,19 +17,9 @@ void FakeAlertPresenter::present(const Alert& alert, Answered answered)
     answered(answer);
 }
 
-FakePresenters::FakePresenters()
-{
-    AlertHelper::setPresenter(m_alerts);
-    WindowPresenter::setShared(m_windows);
-    DesktopServices::setShared(m_desktop);
-}
-
-FakePresenters::~FakePresenters()
-{
-    AlertHelper::setPresenter(nullptr);
-    WindowPresenter::setShared(nullptr);
-    DesktopServices::setShared(nullptr);
-}
+SwappableSecretStore::SwappableSecretStore()
+    : m_store(std::make_shared<FileSecretStore>())
+{}
 
 void FakeWindowPresenter::chooseFolder(const QString& title, const QString& prompt,
                                        const QString& startFolder,

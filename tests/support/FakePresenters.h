@@ -2,6 +2,7 @@
 
 #include "core/AlertHelper.h"
 #include "core/DesktopServices.h"
+#include "core/SecretStore.h"
 #include "core/WindowPresenter.h"
 
 #include <QList>
@@ -50,6 +51,7 @@ public:
         m_renames.push_back({RenameAnswer::Kind::Renamed, name});
     }
     void setNextRenameCancelled() { m_renames.push_back({RenameAnswer::Kind::Cancelled, {}}); }
+    void setNextRenameUnavailable() { m_renames.push_back({RenameAnswer::Kind::Unavailable, {}}); }
 
     struct FolderRequest {
         QString title;
@@ -92,20 +94,26 @@ public:
     QList<UserNotification> notifications;
 };
 
-// Installs the fakes for the lifetime of a test and restores the headless ones afterwards.
-class FakePresenters {
+// A private secret file until a test swaps in another store.
+class SwappableSecretStore : public SecretStore {
 public:
-    FakePresenters();
-    ~FakePresenters();
-    FakePresenters(const FakePresenters&) = delete;
-    FakePresenters& operator=(const FakePresenters&) = delete;
+    SwappableSecretStore();
+    void use(std::shared_ptr<SecretStore> store) { m_store = std::move(store); }
 
-    FakeAlertPresenter& alerts() { return *m_alerts; }
-    FakeWindowPresenter& windows() { return *m_windows; }
-    FakeDesktopServices& desktop() { return *m_desktop; }
+    void readSecret(const QString& service, const QString& account, Done done) override
+    {
+        m_store->readSecret(service, account, std::move(done));
+    }
+    void writeSecret(const QString& service, const QString& account, const QByteArray& secret,
+                     Done done) override
+    {
+        m_store->writeSecret(service, account, secret, std::move(done));
+    }
+    void deleteSecret(const QString& service, const QString& account, Done done) override
+    {
+        m_store->deleteSecret(service, account, std::move(done));
+    }
 
 private:
-    std::shared_ptr<FakeAlertPresenter> m_alerts = std::make_shared<FakeAlertPresenter>();
-    std::shared_ptr<FakeWindowPresenter> m_windows = std::make_shared<FakeWindowPresenter>();
-    std::shared_ptr<FakeDesktopServices> m_desktop = std::make_shared<FakeDesktopServices>();
+    std::shared_ptr<SecretStore> m_store;
 };

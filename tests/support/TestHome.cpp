@@ -1,9 +1,6 @@
 #include "tests/support/TestHome.h"
 
 #include "core/Log.h"
-#include "core/SecretStore.h"
-#include "core/Settings.h"
-#include "platform/FileSecretStore.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,20 +11,15 @@ TestHome::TestHome()
     m_hadHome = qEnvironmentVariableIsSet("SKELVO_HOME");
     m_previousHome = qgetenv("SKELVO_HOME");
     qputenv("SKELVO_HOME", m_dir.path().toUtf8());
-    Settings::reopenShared();
-    SecretStore::setShared(std::make_shared<FileSecretStore>());
 }
 
 TestHome::~TestHome()
 {
-    SecretStore::setShared(nullptr);
     if (m_hadHome) {
         qputenv("SKELVO_HOME", m_previousHome);
     } else {
         qunsetenv("SKELVO_HOME");
     }
-    // Away from the removed folder, so later writes cannot recreate it.
-    Settings::reopenShared();
 }
 
 QString TestHome::writeFile(const QString& relativePath, const QByteArray& contents) const

@@ -10,7 +10,7 @@
 #include "tasks/TaskStatus.h"
 #include "tasks/TaskStatusController.h"
 #include "tests/support/EventLoop.h"
-#include "tests/support/FakePresenters.h"
+#include "tests/support/TestEngine.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -51,8 +51,8 @@ protected:
     void SetUp() override
     {
         ensureCoreApplication();
-        DebugConsoleController::shared().clear();
-        RecentItems::shared().clear();
+        engine().debugConsole.clear();
+        engine().recentItems.clear();
         task.actionFile = std::make_shared<ActionFile>();
         task.actionFile->actionName = QStringLiteral("Move Files");
         task.items = {QStringLiteral("/home/me/a report.pdf")};
@@ -62,19 +62,17 @@ protected:
     {
         // Rows left behind by a test must not count in the next one.
         spin(300);
-        for (TaskStatus* row : TaskStatusController::shared().taskStatuses()) {
-            TaskStatusController::shared().destroyTask(row);
+        for (TaskStatus* row : engine().taskStatuses.taskStatuses()) {
+            engine().taskStatuses.destroyTask(row);
         }
     }
     void feed(const char* chunk) { handler.processOutput(QString::fromUtf8(chunk)); }
-    QList<DebugConsoleController::Run> consoleRuns() const
-    {
-        return DebugConsoleController::shared().runs();
-    }
+    QList<DebugConsoleController::Run> consoleRuns() const { return engine().debugConsole.runs(); }
 
-    TestHome home;
-    FakePresenters presenters;
-    Task task;
+    Engine& engine() const { return presenters.engine(); }
+
+    mutable TestEngine presenters;
+    Task task{presenters->taskContext};
     TaskOutputHandler handler{&task, nullptr};
 };
 
@@ -118,14 +116,13 @@ TEST_F(OutputHandlerTest, ConsoleEchoesCommandsInBlackAndTextInRed)
     EXPECT_EQ(handler.lastMessage(), QStringLiteral("thing"));
     // Only the first chunk opens with a blank line.
     feed("Progress: 10");
-    EXPECT_TRUE(
-        DebugConsoleController::shared().text().endsWith(QStringLiteral("thing\nProgress: 10\n")));
+    EXPECT_TRUE(engine().debugConsole.text().endsWith(QStringLiteral("thing\nProgress: 10\n")));
 }
 
 TEST_F(OutputHandlerTest, StatusRowComesWithTheFirstStatusCommand)
 {
-    Recorder determinate(NotificationCenter::shared(), Notifications::TasksDeterminateUpdated);
-    Recorder overall(NotificationCenter::shared(), Notifications::TasksOverallProgressUpdated);
+    Recorder determinate(engine().notifications, Notifications::TasksDeterminateUpdated);
+    Recorder overall(engine().notifications, Notifications::TasksOverallProgressUpdated);
     EXPECT_FALSE(handler.taskStatus());
     feed("Progress: 40");
     TaskStatus* row = handler.taskStatus();
@@ -161,10 +158,10 @@ TEST_F(OutputHandlerTest, FinishMessageDecidesFailureCaseSensitively)
 
 TEST_F(OutputHandlerTest, TextResultGoesToClipboardResponseRecentItemsAndFinishes)
 {
-    Recorder responses(NotificationCenter::distributed(), CmdLineNotifications::Response);
-    Recorder finishes(NotificationCenter::distributed(), CmdLineNotifications::Finish);
-    Recorder exits(NotificationCenter::shared(), Notifications::TaskShowExitStatus);
-    Settings::shared().setValue(Settings::PlaySounds, true);
+    Recorder responses(engine().distributed, CmdLineNotifications::Response);
+    Recorder finishes(engine().distributed, CmdLineNotifications::Finish);
+    Recorder exits(engine().notifications, Notifications::TaskShowExitStatus);
+    engine().settings.setValue(Settings::PlaySounds, true);
     feed("Finish_Message: Moved 1 item");
     feed("Text: result text");
     EXPECT_EQ(presenters.desktop().clipboard, QStringList{QStringLiteral("text:result text")});
@@ -174,9 +171,9 @@ TEST_F(OutputHandlerTest, TextResultGoesToClipboardResponseRecentItemsAndFinishe
     EXPECT_GE(finishes.posted.size(), 1);
     ASSERT_EQ(exits.posted.size(), 1);
     EXPECT_EQ(exits.posted[0].userInfo.value(QStringLiteral("success")).toInt(), 1);
-    ASSERT_EQ(RecentItems::shared().items().size(), 1);
-    EXPECT_EQ(RecentItems::shared().items()[0].title, QStringLiteral("a report.pdf - Move Files"));
-    EXPECT_EQ(RecentItems::shared().items()[0].type, 2);
+    ASSERT_EQ(engine().recentItems.items().size(), 1);
+    EXPECT_EQ(engine().recentItems.items()[0].title, QStringLiteral("a report.pdf - Move Files"));
+    EXPECT_EQ(engine().recentItems.items()[0].type, 2);
     ASSERT_EQ(presenters.desktop().notifications.size(), 1);
     EXPECT_EQ(presenters.desktop().notifications[0].title, QStringLiteral("Move Files Completed"));
     EXPECT_EQ(presenters.desktop().notifications[0].body, QStringLiteral("Moved 1 item"));
@@ -187,20 +184,20 @@ TEST_F(OutputHandlerTest, TextResultGoesToClipboardResponseRecentItemsAndFinishe
 
 TEST_F(OutputHandlerTest, UrlResultWithTitleAndZeroOutput)
 {
-    Settings::shared().setValue(Settings::PlaySounds, QStringLiteral("no"));
-    Recorder responses(NotificationCenter::distributed(), CmdLineNotifications::Response);
+    engine().settings.setValue(Settings::PlaySounds, QStringLiteral("no"));
+    Recorder responses(engine().distributed, CmdLineNotifications::Response);
     feed("URL: 0");
     EXPECT_TRUE(presenters.desktop().clipboard.isEmpty());
     EXPECT_TRUE(responses.posted.isEmpty());
-    EXPECT_TRUE(RecentItems::shared().items().isEmpty());
+    EXPECT_TRUE(engine().recentItems.items().isEmpty());
 
     feed("URL_Title: " + QByteArray(60, 'T') + "\nURL: https://example.org/x");
     EXPECT_EQ(presenters.desktop().clipboard,
               QStringList{QStringLiteral("url:https://example.org/x")});
     EXPECT_EQ(handler.url(), QStringLiteral("https://example.org/x"));
-    EXPECT_EQ(RecentItems::shared().items()[0].title,
+    EXPECT_EQ(engine().recentItems.items()[0].title,
               QString(50, u'T') + QStringLiteral("… - Move Files"));
-    EXPECT_EQ(RecentItems::shared().items()[0].type, 1);
+    EXPECT_EQ(engine().recentItems.items()[0].type, 1);
     spin(150);
     EXPECT_TRUE(presenters.desktop().sounds.isEmpty());
 }
@@ -210,11 +207,11 @@ TEST_F(OutputHandlerTest, RecentItemLabelForTextDrops)
     task.variables = {{QStringLiteral("dragged_type"), QStringLiteral("text")}};
     task.items = {QStringLiteral("some/dragged text")};
     feed("Text: out");
-    EXPECT_EQ(RecentItems::shared().items()[0].title,
+    EXPECT_EQ(engine().recentItems.items()[0].title,
               QStringLiteral("some/dragged text - Move Files"));
     task.items.clear();
     feed("Text: out2");
-    EXPECT_EQ(RecentItems::shared().items()[0].title, QStringLiteral("out2 - Move Files"));
+    EXPECT_EQ(engine().recentItems.items()[0].title, QStringLiteral("out2 - Move Files"));
 }
 
 TEST_F(OutputHandlerTest, FinishNotificationOnceWithCopyRenaming)
@@ -227,7 +224,7 @@ TEST_F(OutputHandlerTest, FinishNotificationOnceWithCopyRenaming)
     EXPECT_EQ(presenters.desktop().notifications[0].body, QStringLiteral("Disk full"));
     EXPECT_TRUE(handler.taskFailed());
 
-    Task rename;
+    Task rename(engine().taskContext);
     rename.actionFile = std::make_shared<ActionFile>();
     rename.actionFile->actionName = QStringLiteral("Rename & Move Files");
     rename.variables = {{QStringLiteral("OPERATION"), QStringLiteral("NSDragOperationCopy")}};
@@ -243,7 +240,7 @@ TEST_F(OutputHandlerTest, FinishNotificationOnceWithCopyRenaming)
 
 TEST_F(OutputHandlerTest, ErrorsAndAlertsAreShownLater)
 {
-    Recorder showed(NotificationCenter::shared(), Notifications::TaskShowedAlert);
+    Recorder showed(engine().notifications, Notifications::TaskShowedAlert);
     feed("Progress: 10\nError_Title: Upload\nError: No network");
     EXPECT_TRUE(handler.taskFailed());
     EXPECT_TRUE(presenters.alerts().alerts.isEmpty());
@@ -263,8 +260,8 @@ TEST_F(OutputHandlerTest, ErrorsAndAlertsAreShownLater)
 TEST_F(OutputHandlerTest, DropbarPathsAreCheckedBeforeAdding)
 {
     QStringList added;
-    DropbarSink::shared().setAdder([&](const QStringList& paths) { added << paths; });
-    const QString existing = home.writeFile(QStringLiteral("a.txt"), "a");
+    engine().dropbarSink.setAdder([&](const QStringList& paths) { added << paths; });
+    const QString existing = presenters.home().writeFile(QStringLiteral("a.txt"), "a");
     feed(("Add_Dropbar: " + existing + "\nComplete_Add_Dropbar: 1").toUtf8());
     EXPECT_EQ(added, QStringList{existing});
     EXPECT_TRUE(handler.dropbarAddPaths().isEmpty());
@@ -273,10 +270,10 @@ TEST_F(OutputHandlerTest, DropbarPathsAreCheckedBeforeAdding)
              .toUtf8());
     EXPECT_EQ(added.size(), 1);
     EXPECT_TRUE(handler.taskFailed());
-    EXPECT_TRUE(DebugConsoleController::shared().text().endsWith(
+    EXPECT_TRUE(engine().debugConsole.text().endsWith(
         QStringLiteral("Add to Drop Bar failed. Path at /no/such/file not found\n")));
     EXPECT_EQ(handler.lastCommand(), QStringLiteral("Add_Dropbar"));
-    DropbarSink::shared().setAdder({});
+    engine().dropbarSink.setAdder({});
 }
 
 TEST_F(OutputHandlerTest, OutputFileReachesTheFolderMonitor)
@@ -312,8 +309,9 @@ TEST_F(OutputHandlerTest, SelectFolderAsksThePresenter)
 TEST(TaskStatusRows, OverallProgressCountsIndeterminateRowsAsComplete)
 {
     ensureCoreApplication();
-    TaskStatusController& controller = TaskStatusController::shared();
-    Recorder overall(NotificationCenter::shared(), Notifications::TasksOverallProgressUpdated);
+    TestEngine engine;
+    TaskStatusController& controller = engine->taskStatuses;
+    Recorder overall(engine->notifications, Notifications::TasksOverallProgressUpdated);
     TaskStatus* half = controller.newTaskWithIcon({});
     TaskStatus* spinning = controller.newTaskWithIcon({});
     EXPECT_EQ(spinning->statusText(), QStringLiteral("Task 2"));
@@ -350,8 +348,9 @@ TEST(TaskStatusRows, OverallProgressCountsIndeterminateRowsAsComplete)
 TEST(TaskStatusRows, CancellingABuiltInActionFadesAndReportsFailure)
 {
     ensureCoreApplication();
-    Recorder exits(NotificationCenter::shared(), Notifications::TaskShowExitStatus);
-    TaskStatus* row = TaskStatusController::shared().newTaskWithIcon({});
+    TestEngine engine;
+    Recorder exits(engine->notifications, Notifications::TaskShowExitStatus);
+    TaskStatus* row = engine->taskStatuses.newTaskWithIcon({});
     int cancels = 0;
     row->setBuiltInCancel([&] { ++cancels; });
     bool faded = false;
@@ -362,5 +361,5 @@ TEST(TaskStatusRows, CancellingABuiltInActionFadesAndReportsFailure)
     EXPECT_TRUE(faded);
     ASSERT_EQ(exits.posted.size(), 1);
     EXPECT_EQ(exits.posted[0].userInfo.value(QStringLiteral("success")).toBool(), false);
-    EXPECT_TRUE(waitUntil([] { return !TaskStatusController::shared().hasTasks(); }));
+    EXPECT_TRUE(waitUntil([&] { return !engine->taskStatuses.hasTasks(); }));
 }

@@ -10,7 +10,7 @@
 #include "tasks/TaskStatusController.h"
 #include "tasks/TasksController.h"
 #include "tests/support/EventLoop.h"
-#include "tests/support/FakePresenters.h"
+#include "tests/support/TestEngine.h"
 #include "tests/support/TestHome.h"
 
 #include <QDir>
@@ -41,28 +41,28 @@ protected:
         m_previousResources = qgetenv("SKELVO_RESOURCES");
         qputenv("SKELVO_RESOURCES", QDir(home.path()).filePath(QStringLiteral("res")).toUtf8());
         home.writeFile(QStringLiteral("res/Actions/lib/runner.rb"), TestRunner);
-        DebugConsoleController::shared().clear();
-        m_finished = NotificationCenter::shared().addObserver(
+        presenters->debugConsole.clear();
+        m_finished = presenters->notifications.addObserver(
             Notifications::TaskFinished, nullptr, [this](const Notification& n) { finished << n; });
-        m_allDone = NotificationCenter::shared().addObserver(
-            Notifications::AllTasksCompleted, nullptr,
-            [this](const Notification&) { ++allCompleted; });
+        m_allDone =
+            presenters->notifications.addObserver(Notifications::AllTasksCompleted, nullptr,
+                                                  [this](const Notification&) { ++allCompleted; });
         m_exits =
-            NotificationCenter::shared().addObserver(Notifications::TaskShowExitStatus, nullptr,
-                                                     [this](const Notification& n) { exits << n; });
-        m_responses = NotificationCenter::distributed().addObserver(
+            presenters->notifications.addObserver(Notifications::TaskShowExitStatus, nullptr,
+                                                  [this](const Notification& n) { exits << n; });
+        m_responses = presenters->distributed.addObserver(
             CmdLineNotifications::Response, nullptr, [this](const Notification& n) {
                 responses << n.userInfo.value(QStringLiteral("response")).toString();
             });
     }
     void TearDown() override
     {
-        waitUntil([] { return !TasksController::shared().hasTasks(); }, 5000);
+        waitUntil([this] { return !presenters->tasks.hasTasks(); }, 5000);
         spin(300);
-        NotificationCenter::shared().removeObserver(m_finished);
-        NotificationCenter::shared().removeObserver(m_allDone);
-        NotificationCenter::shared().removeObserver(m_exits);
-        NotificationCenter::distributed().removeObserver(m_responses);
+        presenters->notifications.removeObserver(m_finished);
+        presenters->notifications.removeObserver(m_allDone);
+        presenters->notifications.removeObserver(m_exits);
+        presenters->distributed.removeObserver(m_responses);
         qputenv("SKELVO_RESOURCES", m_previousResources);
     }
 
@@ -71,7 +71,7 @@ protected:
     {
         const QString script =
             home.writeFile(QStringLiteral("action-%1.skelvo").arg(++m_count), ruby);
-        auto* task = new Task;
+        auto* task = new Task(presenters->taskContext);
         task->actionFile = std::make_shared<ActionFile>();
         task->actionFile->actionName = QStringLiteral("Test Action");
         task->actionFile->taskPath = script;
@@ -86,8 +86,8 @@ protected:
         return waitUntil([&] { return finished.size() >= count; }, timeoutMs);
     }
 
-    TestHome home;
-    FakePresenters presenters;
+    TestEngine presenters;
+    TestHome& home = presenters.home();
     QList<Notification> finished;
     QList<Notification> exits;
     QStringList responses;
@@ -126,10 +126,10 @@ say "Text: hello world"
               QStringLiteral("Text"));
     EXPECT_EQ(finished[0].userInfo.value(QStringLiteral("lastMessage")).toString(),
               QStringLiteral("hello world"));
-    const QString console = DebugConsoleController::shared().text();
+    const QString console = presenters->debugConsole.text();
     EXPECT_TRUE(console.contains(QStringLiteral("\nBegin_Message: Copying a.txt\nProgress: 50\n")));
     EXPECT_TRUE(console.endsWith(QStringLiteral("Text: hello world\n\n[Task completed]\n")));
-    EXPECT_EQ(DebugConsoleController::shared().runs().last().bold, true);
+    EXPECT_EQ(presenters->debugConsole.runs().last().bold, true);
     EXPECT_TRUE(waitUntil([&] { return task.isNull(); }, 2000)) << "the finished task is released";
     EXPECT_EQ(allCompleted, 1);
     EXPECT_TRUE(QDir(QDir(home.path()).filePath(QStringLiteral("data/Skelvo/Tasks"))).isEmpty())
@@ -163,11 +163,11 @@ raise "something broke"
 )RUBY");
     ASSERT_TRUE(waitForFinish());
     bool redError = false;
-    for (const auto& run : DebugConsoleController::shared().runs()) {
+    for (const auto& run : presenters->debugConsole.runs()) {
         redError |= run.colour == DebugConsoleController::Colour::Red &&
                     run.text.contains(QStringLiteral("something broke"));
     }
-    EXPECT_TRUE(redError) << DebugConsoleController::shared().text().toStdString();
+    EXPECT_TRUE(redError) << presenters->debugConsole.text().toStdString();
     ASSERT_EQ(presenters.desktop().notifications.size(), 1);
     EXPECT_EQ(presenters.desktop().notifications[0].title, QStringLiteral("Test Action Failed"));
     EXPECT_EQ(presenters.desktop().notifications[0].body,
@@ -194,7 +194,7 @@ sleep 60
                                           .arg(marker)
                                           .toUtf8());
     ASSERT_TRUE(waitUntil(
-        [&] { return TaskStatusController::shared().hasTasks() && QFileInfo::exists(marker); }));
+        [&] { return presenters->taskStatuses.hasTasks() && QFileInfo::exists(marker); }));
     ASSERT_TRUE(task);
     TaskRunner* runner = task->taskRunner();
     ASSERT_TRUE(runner);
@@ -204,7 +204,7 @@ sleep 60
     ASSERT_TRUE(pidFile.open(QIODevice::ReadOnly));
     const pid_t grandchild = static_cast<pid_t>(pidFile.readAll().toLongLong());
 
-    TaskStatusController::shared().getTask(0)->cancel();
+    presenters->taskStatuses.getTask(0)->cancel();
     ASSERT_TRUE(waitForFinish(1, TaskRunner::CancelGracePeriodMs + 5000));
     EXPECT_TRUE(presenters.desktop().notifications.isEmpty())
         << "no error notification after a cancel";
@@ -245,7 +245,7 @@ STDIN.gets
 $stdout.write(("\x00\xFF binary junk \x80".b) * 200_000)
 )RUBY");
     ASSERT_TRUE(waitForFinish(1, 30000));
-    const QString console = DebugConsoleController::shared().text();
+    const QString console = presenters->debugConsole.text();
     EXPECT_TRUE(console.contains(QStringLiteral("h\n\u00e9llo\n")))
         << console.left(200).toStdString();
     EXPECT_LE(console.size(), DebugConsoleController::DefaultMaximumLength);
@@ -277,7 +277,7 @@ TEST_F(TaskRunnerTest, MissingRunnerScriptAlertsAndRunsNothing)
     QFile::remove(QDir(home.path()).filePath(QStringLiteral("res/Actions/lib/runner.rb")));
     int completions = 0;
     const QString script = home.writeFile(QStringLiteral("never.skelvo"), "raise 'must not run'");
-    auto* task = new Task;
+    auto* task = new Task(presenters->taskContext);
     task->actionFile = std::make_shared<ActionFile>();
     task->actionFile->taskPath = script;
     task->completion = [&] { ++completions; };
@@ -288,14 +288,14 @@ TEST_F(TaskRunnerTest, MissingRunnerScriptAlertsAndRunsNothing)
               QStringLiteral("Could not find runner.rb at at '%1'\n\nYou should re-install Skelvo.")
                   .arg(QDir(home.path()).filePath(QStringLiteral("res/Actions/lib/runner.rb"))));
     EXPECT_TRUE(waitUntil([&] { return completions == 1; }, 2000));
-    EXPECT_FALSE(TasksController::shared().hasTasks());
+    EXPECT_FALSE(presenters->tasks.hasTasks());
     spin(300);
     EXPECT_TRUE(finished.isEmpty());
 }
 
 TEST_F(TaskRunnerTest, InterpreterChoice)
 {
-    Task task;
+    Task task(presenters->taskContext);
     task.actionFile = std::make_shared<ActionFile>();
     TaskRunner runner(&task);
     EXPECT_TRUE(runner.launchPath().endsWith(QStringLiteral("ruby")));
@@ -325,24 +325,24 @@ TEST_F(TaskRunnerTest, RerunLastRunsTheStoredCopyOrSaysWhatIsMissing)
                        "$stdout.sync = true\nprint \"Text: ran\\n\"\nSTDIN.gets\n");
     ActionFileParser::shared() =
         ActionFileParser(QDir(home.path()).filePath(QStringLiteral("none")), user);
-    DebugConsoleController::shared().setLastRunTask(nullptr);
-    EXPECT_FALSE(DebugConsoleController::shared().rerunLast()) << "nothing ran yet";
+    presenters->debugConsole.setLastRunTask(nullptr);
+    EXPECT_FALSE(presenters->debugConsole.rerunLast()) << "nothing ran yet";
 
-    auto* task = new Task;
+    auto* task = new Task(presenters->taskContext);
     task->actionFile = ActionFileParser::shared().getActionWithType(QStringLiteral("Again"));
     ASSERT_TRUE(task->actionFile);
     task->event = QStringLiteral("clicked");
     task->run();
     ASSERT_TRUE(waitForFinish(1));
-    EXPECT_TRUE(DebugConsoleController::shared().taskControlsEnabled());
+    EXPECT_TRUE(presenters->debugConsole.taskControlsEnabled());
 
-    ASSERT_TRUE(DebugConsoleController::shared().rerunLast());
+    ASSERT_TRUE(presenters->debugConsole.rerunLast());
     ASSERT_TRUE(waitForFinish(2));
     EXPECT_EQ(presenters.desktop().clipboard,
               (QStringList{QStringLiteral("text:ran"), QStringLiteral("text:ran")}));
 
     QFile::remove(script);
-    EXPECT_FALSE(DebugConsoleController::shared().rerunLast());
+    EXPECT_FALSE(presenters->debugConsole.rerunLast());
     ASSERT_EQ(presenters.alerts().alerts.size(), 1);
     EXPECT_EQ(presenters.alerts().alerts[0].title, QStringLiteral("Missing Action Bundle"));
     EXPECT_EQ(presenters.alerts().alerts[0].message,

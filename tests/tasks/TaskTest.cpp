@@ -8,7 +8,7 @@
 #include "platform/SystemInfo.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/FolderMonitorContext.h"
-#include "tests/support/TestHome.h"
+#include "tests/support/TestEngine.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -43,7 +43,6 @@ public:
         static char name[] = "tasks_tests";
         static char* argv[] = {name, nullptr};
         m_application = std::make_unique<QCoreApplication>(argc, argv);
-        Settings::shared();
         ActionFileParser::shared();
     }
     void TearDown() override
@@ -153,19 +152,19 @@ protected:
         ActionOptionSchemas::unregisterSchema(LoginSheet);
     }
 
-    static void resetShared()
+    void resetShared()
     {
-        Settings::shared().remove(Settings::DisableSSLVerify);
-        Settings::shared().remove(Settings::KeepTaskDescriptionFiles);
-        DebugConsoleController::shared().clear();
-        DebugConsoleController::shared().setLastRunTask(nullptr);
+        m_engine->settings.remove(Settings::DisableSSLVerify);
+        m_engine->settings.remove(Settings::KeepTaskDescriptionFiles);
+        m_engine->debugConsole.clear();
+        m_engine->debugConsole.setLastRunTask(nullptr);
         Task::setRunnerStarter({});
         Task::setIdSource({});
     }
 
-    static std::unique_ptr<Task> makeTask()
+    std::unique_ptr<Task> makeTask()
     {
-        auto task = std::make_unique<Task>();
+        auto task = std::make_unique<Task>(m_engine->taskContext);
         task->actionFile = std::make_shared<ActionFile>();
         task->actionFile->actionName = QStringLiteral("Copy");
         task->actionFile->taskPath = TaskPath;
@@ -190,7 +189,8 @@ protected:
         return QDir(SupportPaths::applicationSupportDirectory()).filePath(QStringLiteral("Tasks"));
     }
 
-    TestHome m_home;
+    TestEngine m_engine;
+    TestHome& m_home = m_engine.home();
     ScopedEnvironment m_environment;
     LogCapture m_log;
 };
@@ -359,7 +359,7 @@ TEST_F(TaskTest, FlagVariablesAreAbsentWhenFalse)
                         {QStringLiteral("yes"), true},
                         {true, true}};
     for (const Row& row : rows) {
-        Settings::shared().setValue(Settings::DisableSSLVerify, row.setting);
+        m_engine->settings.setValue(Settings::DisableSSLVerify, row.setting);
         const auto current = vars();
         EXPECT_EQ(current.contains(QStringLiteral("disable_ssl_verify")), row.present)
             << row.setting.toVariant().toString().toStdString();
@@ -506,8 +506,9 @@ TEST_F(TaskTest, NoFreeNameStopsTheRunAndTellsTheUser)
     EXPECT_EQ(draws, Task::MaxNameDraws);
     EXPECT_FALSE(started);
     EXPECT_TRUE(task->taskDescriptionPath().isEmpty());
-    EXPECT_TRUE(m_log.contains(QStringLiteral("Failed to launch task")));
-    EXPECT_TRUE(m_log.contains(Task::NoFreeNameError));
+    ASSERT_EQ(m_engine.alerts().alerts.size(), 1);
+    EXPECT_EQ(m_engine.alerts().alerts[0].title, QStringLiteral("Failed to launch task"));
+    EXPECT_TRUE(m_engine.alerts().alerts[0].message.contains(Task::NoFreeNameError));
     processPostedEvents();
     EXPECT_EQ(completions, 1);
 }
@@ -562,7 +563,7 @@ TEST_F(TaskTest, UnwritableTasksFolderStopsTheRunAndStillCompletes)
     EXPECT_TRUE(task->taskDescriptionPath().isEmpty());
     EXPECT_TRUE(m_log.contains(QStringLiteral("Error creating folder at ") + tasksFolder()));
     EXPECT_TRUE(m_log.contains(QStringLiteral("Error writing task description file ")));
-    EXPECT_TRUE(DebugConsoleController::shared().text().isEmpty());
+    EXPECT_TRUE(m_engine->debugConsole.text().isEmpty());
     EXPECT_EQ(completions, 0);
     processPostedEvents();
     EXPECT_EQ(completions, 1);
@@ -597,7 +598,7 @@ TEST_F(TaskTest, RunHandsTheWrittenTaskToTheRunnerAndKeepsACopy)
     processPostedEvents();
     EXPECT_EQ(completions, 0);
 
-    const std::shared_ptr<Task> last = DebugConsoleController::shared().lastRunTask();
+    const std::shared_ptr<Task> last = m_engine->debugConsole.lastRunTask();
     ASSERT_TRUE(last);
     EXPECT_NE(last.get(), task.get());
     EXPECT_EQ(last->items, task->items);
@@ -651,13 +652,13 @@ TEST_F(TaskTest, ConsoleHeaderShowsTheMaskedDescription)
                          QStringLiteral("]\n\n");
     const QString black = QStringLiteral("Task description file ") + name +
                           QStringLiteral(":\n\n") + masked + QStringLiteral("\n");
-    const auto& runs = DebugConsoleController::shared().runs();
+    const auto& runs = m_engine->debugConsole.runs();
     ASSERT_EQ(runs.size(), 2);
     EXPECT_EQ(runs.at(0),
               (DebugConsoleController::Run{bold, DebugConsoleController::Colour::Black, true}));
     EXPECT_EQ(runs.at(1),
               (DebugConsoleController::Run{black, DebugConsoleController::Colour::Black, false}));
-    EXPECT_EQ(DebugConsoleController::shared().text(), bold + black);
+    EXPECT_EQ(m_engine->debugConsole.text(), bold + black);
 
     QFile file(task->taskDescriptionPath());
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
@@ -722,9 +723,9 @@ TEST_F(TaskTest, CleanupDeletesTheFileUnlessTheUserKeepsThem)
                         {QJsonValue(true), true}};
     for (const Row& row : rows) {
         if (row.keep) {
-            Settings::shared().setValue(Settings::KeepTaskDescriptionFiles, *row.keep);
+            m_engine->settings.setValue(Settings::KeepTaskDescriptionFiles, *row.keep);
         } else {
-            Settings::shared().remove(Settings::KeepTaskDescriptionFiles);
+            m_engine->settings.remove(Settings::KeepTaskDescriptionFiles);
         }
         auto task = makeTask();
         task->run();
@@ -735,7 +736,7 @@ TEST_F(TaskTest, CleanupDeletesTheFileUnlessTheUserKeepsThem)
     }
     EXPECT_FALSE(m_log.contains(QStringLiteral("Error deleting task description file")));
 
-    Settings::shared().remove(Settings::KeepTaskDescriptionFiles);
+    m_engine->settings.remove(Settings::KeepTaskDescriptionFiles);
     auto task = makeTask();
     task->run();
     ASSERT_TRUE(QFile::remove(task->taskDescriptionPath()));
@@ -749,7 +750,9 @@ TEST_F(TaskTest, CleanupDeletesTheFileUnlessTheUserKeepsThem)
 TEST(TaskDebugConsole, KeepsStyledRunsAndPlainText)
 {
     using Colour = DebugConsoleController::Colour;
-    DebugConsoleController console;
+    HeadlessWindowPresenter windows;
+    AlertHelper alerts;
+    DebugConsoleController console(windows, alerts);
     QList<DebugConsoleController::Run> signalled;
     QObject::connect(&console, &DebugConsoleController::appended,
                      [&](const DebugConsoleController::Run& run) { signalled << run; });
@@ -780,7 +783,9 @@ TEST(TaskDebugConsole, KeepsStyledRunsAndPlainText)
 TEST(TaskDebugConsole, DropsTheOldestTextBeyondItsLimit)
 {
     using Colour = DebugConsoleController::Colour;
-    DebugConsoleController console;
+    HeadlessWindowPresenter windows;
+    AlertHelper alerts;
+    DebugConsoleController console(windows, alerts);
     console.setMaximumLength(10);
     console.append(QStringLiteral("abcd"), Colour::Black);
     console.append(QStringLiteral("efgh"), Colour::Red);
