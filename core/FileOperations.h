@@ -11,4 +11,7 @@ bool copyRecursively(const QString& source, const QString& destination, QString*
 // Removes a file, a link or a whole folder. True when nothing is left at the path.
 bool removeRecursively(const QString& path, QString* error = nullptr);
 
+// Flushes the file to the disk; false when it cannot be opened or synced.
+bool syncFile(const QString& path);
+
 } // namespace FileOperations

@@ -157,6 +157,16 @@ bool SqliteConnection::isNull(const QVariant& value)
     return !value.isValid() || value.typeId() == QMetaType::Nullptr;
 }
 
+qint64 SqliteConnection::toInteger(const QVariant& value, qint64 fallback)
+{
+    if (isNull(value)) {
+        return fallback;
+    }
+    bool ok = false;
+    const qint64 number = value.toLongLong(&ok);
+    return ok ? number : fallback;
+}
+
 bool SqliteConnection::open(const QString& path, bool create)
 {
     close();

@@ -94,6 +94,8 @@ public:
 
     static QVariant nullValue() { return QVariant::fromValue(nullptr); }
     static bool isNull(const QVariant& value);
+    // The value as a whole number; `fallback` for NULL or what is not a number.
+    static qint64 toInteger(const QVariant& value, qint64 fallback);
 
 private:
     struct Prepared;
