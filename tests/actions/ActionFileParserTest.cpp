@@ -11,6 +11,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -110,16 +112,7 @@ const HeaderRow HeaderRows[] = {
     {HDR "# Handles: files\n", "Handles", "No"},
     {HDR "# Handles: TEXT\n", "Handles", "No"},
     {HDR "# Handles: \n", "Handles", "No"},
-    // Every other key is stored as it is; Yes/No keys keep their defaults when absent.
-    {HDR "# IconURL: I\n", "IconURL", "I"},
-    {HDR "# OptionsNIB: ExtendedLogin\n", "OptionsNIB", "ExtendedLogin"},
-    {HDR "# OptionsTitle: T\n", "OptionsTitle", "T"},
-    {HDR "# DefaultPort: 22\n", "DefaultPort", "22"},
-    {HDR "# UniqueID: ID\n", "UniqueID", "ID"},
-    {HDR "# MinSkelvoVersion: 4.0\n", "MinSkelvoVersion", "4.0"},
-    {HDR "# RubyPath: /r\n", "RubyPath", "/r"},
-    {HDR "# PythonPath: /p\n", "PythonPath", "/p"},
-    {HDR "# AuthScope: S\n", "AuthScope", "S"},
+    // Yes/No keys keep their defaults when absent (the writer's test reads every other key).
     {HDR "# Name: A\n", "RunsSandboxed", "Yes"},
     {HDR "# Name: A\n", "SkipConfig", "No"},
 };
@@ -476,7 +469,7 @@ TEST(HeaderWriter, WritesLinesInOrderAndCopiesReadBack)
         HDR "# OptionsNIB: ExtendedLogin\n# AuthScope: scope\n# SkipValidation: Yes\n"
             "# UseSelectedItemNameAndIcon: Yes\n# OptionsTitle: Login\n# IconURL: https://i\n"
             "# DefaultPort: 22\n# Version: 2.3\n# MinSkelvoVersion: 5.0\n# RubyPath: /r\n"
-            "# PythonPath: /p\n# ForceX86Ruby: Yes\n")));
+            "# PythonPath: /p\n# ForceX86Ruby: Yes\n# UniqueID: ID\n")));
     DevelopActionRequest copy;
     copy.name = QStringLiteral("Copy");
     copy.clicked = copy.handlesFiles = false;
@@ -488,7 +481,9 @@ TEST(HeaderWriter, WritesLinesInOrderAndCopiesReadBack)
           "IconURL", "DefaultPort", "Version", "MinSkelvoVersion", "RubyPath", "PythonPath",
           "ForceX86Ruby"}) {
         EXPECT_EQ(field(back, key), field(*copied, key)) << key;
+        EXPECT_NE(field(back, key), field(ActionFile(), key)) << key;
     }
+    EXPECT_EQ(field(*copied, "UniqueID"), QStringLiteral("ID"));
     EXPECT_EQ(field(back, "Events"), QStringLiteral("Dragged"));
     copy.dragged = false;
     copy.clicked = true;
@@ -575,31 +570,52 @@ TEST_F(ParserTest, DevelopSheetRefusalsAndMissingTemplate)
 TEST(DevelopSheet, CreatesWorkingActionsFromTheShippedTemplates)
 {
     TestEngine engine;
-    ActionFileParser parser(SupportPaths::internalActionsDirectory(),
-                            SupportPaths::userActionsDirectory());
+    const QString internal = SupportPaths::internalActionsDirectory();
+    ActionFileParser parser(internal, SupportPaths::userActionsDirectory());
     DevelopActionController controller(parser, engine->settings, engine->alerts);
-    for (const auto language :
-         {DevelopActionRequest::Language::Ruby, DevelopActionRequest::Language::Python}) {
+    for (const bool python : {false, true}) {
+        QFile shipped(internal + QStringLiteral("/Custom Action %1 Template.skbundle/action.%2")
+                                     .arg(python ? "Python" : "Ruby", python ? "py" : "rb"));
+        ASSERT_TRUE(shipped.open(QIODevice::ReadOnly));
+        // The template's own header is its first eleven lines.
+        const QByteArray templateBody = shipped.readAll().split('\n').mid(11).join('\n');
         for (const bool comments : {true, false}) {
             DevelopActionRequest request;
-            request.name = QStringLiteral("Made %1 %2").arg(int(language)).arg(comments);
+            request.name = QStringLiteral("Made %1 %2").arg(python).arg(comments);
             request.description = request.creator = request.url = QStringLiteral("x");
             request.handlesText = true;
-            request.language = language;
+            request.language = python ? DevelopActionRequest::Language::Python
+                                      : DevelopActionRequest::Language::Ruby;
             QString error;
             const ActionFilePtr made = controller.createAction(request, comments, &error);
             ASSERT_TRUE(made) << error.toStdString();
             EXPECT_TRUE(made->isUserScript);
-            EXPECT_EQ(made->isPythonAction, language == DevelopActionRequest::Language::Python);
+            EXPECT_EQ(made->isPythonAction, python);
             EXPECT_FALSE(made->metaValidationFailed) << made->metaValidationErrors.toStdString();
             EXPECT_TRUE(
                 QFileInfo::exists(QDir(made->taskPath).filePath(QStringLiteral("icon.png"))));
             QFile script(made->scriptPath());
             ASSERT_TRUE(script.open(QIODevice::ReadOnly));
             const QByteArray text = script.readAll();
-            const QByteArray newHeader = DevelopActionController::headerText(request).toUtf8();
-            EXPECT_TRUE(text.startsWith(newHeader));
-            EXPECT_EQ(text.mid(newHeader.size()).contains("\n# "), comments);
+            const QByteArray header = DevelopActionController::headerText(request).toUtf8();
+            ASSERT_TRUE(text.startsWith(header));
+            const QByteArray body = text.mid(header.size());
+            if (comments) {
+                EXPECT_EQ(body, templateBody);
+            } else {
+                // Clean code: no comment, one blank line after the header, never two.
+                EXPECT_FALSE(QString::fromUtf8(body).contains(QRegularExpression(
+                    QStringLiteral("^\\s*#"), QRegularExpression::MultilineOption)));
+                EXPECT_TRUE(body.startsWith("\n") && !body.startsWith("\n\n"));
+                EXPECT_FALSE(body.contains("\n\n\n") || body.endsWith("\n\n")) << body.data();
+                EXPECT_GE(body.count('\n'), 12);
+            }
+            const QStringList check =
+                python ? QStringList{QStringLiteral("-m"), QStringLiteral("py_compile")}
+                       : QStringList{QStringLiteral("-c")};
+            EXPECT_EQ(QProcess::execute(python ? QStringLiteral("python3") : QStringLiteral("ruby"),
+                                        check + QStringList{made->scriptPath()}),
+                      0);
         }
     }
     EXPECT_TRUE(engine.alerts().alerts.isEmpty());

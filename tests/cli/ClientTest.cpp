@@ -172,11 +172,14 @@ TEST(SkClient, WithoutAnApplication)
     EXPECT_LT(timer.elapsed(), 2000);
 }
 
-TEST(SkClient, RuntimeFallbackIsUsedOnlyWhenItIsAPrivateFolderNamedByUid)
+// sk finds the application's socket where it listens: in the runtime folder of the session,
+// or else in a private folder named by uid in the temporary folder (its links resolved).
+TEST(SkClient, RuntimeFoldersAgreeWithTheApplication)
 {
     HeadlessApp app;
     app.environment().remove(QStringLiteral("SKELVO_HOME"));
-    app.environment().insert(QStringLiteral("TMPDIR"), app.path());
+    ASSERT_TRUE(QFile::link(app.path(), app.path(QStringLiteral("link"))));
+    app.environment().insert(QStringLiteral("TMPDIR"), app.path(QStringLiteral("link")));
     ASSERT_TRUE(app.start());
     const QString root = QStringLiteral("%1/skelvo-runtime-%2")
                              .arg(QFileInfo(app.path()).canonicalFilePath())
@@ -189,6 +192,12 @@ TEST(SkClient, RuntimeFallbackIsUsedOnlyWhenItIsAPrivateFolderNamedByUid)
         QStringLiteral("sk: refusing the runtime folder %1: its mode is not 0700\n").arg(root));
     ASSERT_EQ(::chmod(root.toUtf8().constData(), 0700), 0);
     EXPECT_EQ(app.sk({QStringLiteral("status")}).out, QStringLiteral("closed\n"));
+
+    ASSERT_TRUE(app.stop());
+    ASSERT_TRUE(QDir(app.path()).mkdir(QStringLiteral("xdg")));
+    app.environment().insert(QStringLiteral("XDG_RUNTIME_DIR"), app.path(QStringLiteral("xdg")));
+    ASSERT_TRUE(app.start());
+    EXPECT_TRUE(QFileInfo::exists(app.path(QStringLiteral("xdg/skelvo/skelvo.sock"))));
 }
 
 TEST(SkClient, EveryCommandHasHelp)
