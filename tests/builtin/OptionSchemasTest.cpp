@@ -20,11 +20,11 @@ QString folder()
 {
     static QTemporaryDir dir;
     static const bool made = [] {
-        QDir(dir.path()).mkpath(QStringLiteral("out"));
-        QFile plain(QDir(dir.path()).filePath(QStringLiteral("plain.sh")));
+        QDir(dir.path()).mkpath("out");
+        QFile plain(QDir(dir.path()).filePath("plain.sh"));
         plain.open(QIODevice::WriteOnly);
         plain.write("echo no shebang\n");
-        QFile locked(QDir(dir.path()).filePath(QStringLiteral("locked.sh")));
+        QFile locked(QDir(dir.path()).filePath("locked.sh"));
         locked.open(QIODevice::WriteOnly);
         locked.write("#!/bin/sh\n");
         locked.setPermissions(QFileDevice::WriteOwner);
@@ -141,7 +141,7 @@ TEST(OptionSchemas, RefuseWithTheMessage)
         const auto outcome = validate("ChooseScript", {{"path", "locked.sh"}});
         ASSERT_TRUE(std::holds_alternative<ActionOptionValidationError>(outcome));
         EXPECT_EQ(std::get<ActionOptionValidationError>(outcome).message,
-                  QStringLiteral("The selected script is not readable."));
+                  "The selected script is not readable.");
     }
 }
 
@@ -183,9 +183,8 @@ TEST(OptionSchemas, AcceptedValuesAreStoredNormalised)
         ASSERT_NE(accepted, nullptr)
             << std::get<ActionOptionValidationError>(outcome).message.toStdString();
         const QString key = QString::fromUtf8(row.key);
-        const QString stored = key == u"secret"
-                                   ? accepted->secret.value_or(QStringLiteral("-"))
-                                   : accepted->variables.value(key, QStringLiteral("-"));
+        const QString stored =
+            key == u"secret" ? accepted->secret.value_or("-") : accepted->variables.value(key, "-");
         EXPECT_EQ(stored, here(QString::fromUtf8(row.stored)));
     }
 }
@@ -193,14 +192,14 @@ TEST(OptionSchemas, AcceptedValuesAreStoredNormalised)
 TEST(OptionSchemas, RegisterTheirSheetsForActionFiles)
 {
     registerBuiltInOptionSchemas();
-    const auto sftp = ActionOptionSchemas::find(QStringLiteral("ExtendedLogin"));
+    const auto sftp = ActionOptionSchemas::find("ExtendedLogin");
     ASSERT_TRUE(sftp);
     EXPECT_TRUE(sftp->needsKeychainStorage);
-    EXPECT_EQ(sftp->keychainPasswordKey, QStringLiteral("password"));
-    const auto url = ActionOptionSchemas::find(QStringLiteral("OpenURL"));
+    EXPECT_EQ(sftp->keychainPasswordKey, "password");
+    const auto url = ActionOptionSchemas::find("OpenURL");
     ASSERT_TRUE(url);
     ASSERT_EQ(url->options.size(), 1);
-    EXPECT_EQ(url->options.first().key, QStringLiteral("url"));
+    EXPECT_EQ(url->options.first().key, "url");
     EXPECT_FALSE(url->needsKeychainStorage);
 }
 
@@ -225,12 +224,12 @@ TEST(BuiltInActionCatalog, EntriesHaveShippedIconsAndKnownPanels)
 TEST(BuiltInActionCatalog, FindsEntriesByExactName)
 {
     const BuiltInActionCatalog catalog;
-    EXPECT_TRUE(catalog.getActionWithName(QStringLiteral("Run Script")));
-    EXPECT_FALSE(catalog.getActionWithName(QStringLiteral("run script")));
+    EXPECT_TRUE(catalog.getActionWithName("Run Script"));
+    EXPECT_FALSE(catalog.getActionWithName("run script"));
     GridAction action;
-    action.type = QStringLiteral("Open URL");
+    action.type = "Open URL";
     ASSERT_TRUE(catalog.getActionWithGridAction(action));
-    EXPECT_EQ(catalog.getActionWithGridAction(action)->name, QStringLiteral("Open URL"));
+    EXPECT_EQ(catalog.getActionWithGridAction(action)->name, "Open URL");
 }
 
 } // namespace

@@ -19,49 +19,43 @@ const QByteArray BrokenScript =
 
 QJsonObject actionOf(const QJsonObject& report)
 {
-    return report[QStringLiteral("action")].toObject();
+    return report["action"].toObject();
 }
 
 TEST(InspectAction, ReportsEachValidationProblem)
 {
     TestHome home;
-    const QString path = home.writeFile(QStringLiteral("Broken.skelvo"), BrokenScript);
+    const QString path = home.writeFile("Broken.skelvo", BrokenScript);
     const QJsonObject report = ActionFileJson::inspect(path);
-    EXPECT_FALSE(report.contains(QStringLiteral("error")) ||
-                 report[QStringLiteral("valid")].toBool());
-    EXPECT_EQ(
-        report[QStringLiteral("validationErrors")].toArray(),
-        (QJsonArray{QStringLiteral("Description field is missing"),
-                    QStringLiteral("Handles field is missing and action responds to drag events"),
-                    QStringLiteral("Creator field is missing"),
-                    QStringLiteral("URL field is missing")}));
+    EXPECT_FALSE(report.contains("error") || report["valid"].toBool());
+    EXPECT_EQ(report["validationErrors"].toArray(),
+              (QJsonArray{"Description field is missing",
+                          "Handles field is missing and action responds to drag events",
+                          "Creator field is missing", "URL field is missing"}));
     const QJsonObject action = actionOf(report);
-    EXPECT_EQ(action[QStringLiteral("actionName")].toString(), QStringLiteral("Broken"));
-    EXPECT_EQ(action[QStringLiteral("handles")].toArray(), QJsonArray{DragTypes::None});
-    EXPECT_TRUE(action[QStringLiteral("metaValidationFailed")].toBool());
-    EXPECT_EQ(action[QStringLiteral("metaValidationErrors")].toString(),
-              report[QStringLiteral("validationText")].toString());
-    EXPECT_FALSE(action[QStringLiteral("isBundle")].toBool());
-    EXPECT_EQ(action[QStringLiteral("scriptPath")].toString(), path);
+    EXPECT_EQ(action["actionName"].toString(), "Broken");
+    EXPECT_EQ(action["handles"].toArray(), QJsonArray{DragTypes::None});
+    EXPECT_TRUE(action["metaValidationFailed"].toBool());
+    EXPECT_EQ(action["metaValidationErrors"].toString(), report["validationText"].toString());
+    EXPECT_FALSE(action["isBundle"].toBool());
+    EXPECT_EQ(action["scriptPath"].toString(), path);
 
-    const QJsonObject dos = ActionFileJson::inspect(home.writeFile(
-        QStringLiteral("Dos.skelvo"), "# Skelvo Action Info\r\n# Name: Dos\r\n\r\nputs 1\r\n"));
-    EXPECT_EQ(dos[QStringLiteral("validationErrors")].toArray(),
-              QJsonArray{QStringLiteral("Section beginning with # Skelvo Action Info not found")});
-    EXPECT_TRUE(actionOf(dos)[QStringLiteral("metaDataNotFound")].toBool());
+    const QJsonObject dos = ActionFileJson::inspect(
+        home.writeFile("Dos.skelvo", "# Skelvo Action Info\r\n# Name: Dos\r\n\r\nputs 1\r\n"));
+    EXPECT_EQ(dos["validationErrors"].toArray(),
+              QJsonArray{"Section beginning with # Skelvo Action Info not found"});
+    EXPECT_TRUE(actionOf(dos)["metaDataNotFound"].toBool());
 }
 
 TEST(InspectAction, NotAnActionIsAnError)
 {
     TestHome home;
     for (const QString& path :
-         {home.writeFile(QStringLiteral("notes.txt"), "# Skelvo Action Info\n"), home.path(),
-          home.path() + QStringLiteral("/missing.skelvo"),
-          home.writeFile(QStringLiteral(".hidden.skelvo"), BrokenScript)}) {
+         {home.writeFile("notes.txt", "# Skelvo Action Info\n"), home.path(),
+          home.path() + "/missing.skelvo", home.writeFile(".hidden.skelvo", BrokenScript)}) {
         const QJsonObject report = ActionFileJson::inspect(path);
-        EXPECT_FALSE(report[QStringLiteral("valid")].toBool() ||
-                     report.contains(QStringLiteral("action")));
-        EXPECT_EQ(report[QStringLiteral("error")].toString(),
+        EXPECT_FALSE(report["valid"].toBool() || report.contains("action"));
+        EXPECT_EQ(report["error"].toString(),
                   QStringLiteral("No action bundle (.skbundle folder) or single-file action "
                                  "(.skelvo file) at %1")
                       .arg(path));
@@ -71,30 +65,26 @@ TEST(InspectAction, NotAnActionIsAnError)
 TEST(InspectAction, ABundleNeedsItsScriptAndIsFoundByAnUncleanPath)
 {
     TestHome home;
-    const QString bundle =
-        QDir(SupportPaths::userActionsDirectory()).filePath(QStringLiteral("Mine.skbundle"));
-    const QString unclean =
-        SupportPaths::userActionsDirectory() + QStringLiteral("/./Mine.skbundle/");
+    const QString bundle = QDir(SupportPaths::userActionsDirectory()).filePath("Mine.skbundle");
+    const QString unclean = SupportPaths::userActionsDirectory() + "/./Mine.skbundle/";
     QDir().mkpath(bundle);
     LogCapture log;
-    const QString error = ActionFileJson::inspect(unclean)[QStringLiteral("error")].toString();
+    const QString error = ActionFileJson::inspect(unclean)["error"].toString();
     EXPECT_TRUE(error.startsWith(
         QStringLiteral("Could not read the action script at %1/action.rb").arg(bundle)))
         << error;
-    EXPECT_TRUE(log.contains(QStringLiteral("Error reading file at")));
+    EXPECT_TRUE(log.contains("Error reading file at"));
 
-    home.writeFile(QDir(home.path()).relativeFilePath(bundle + QStringLiteral("/action.py")),
-                   BrokenScript);
+    home.writeFile(QDir(home.path()).relativeFilePath(bundle + "/action.py"), BrokenScript);
     const QJsonObject report = ActionFileJson::inspect(unclean);
-    EXPECT_EQ(report[QStringLiteral("path")].toString(), bundle);
+    EXPECT_EQ(report["path"].toString(), bundle);
     const QJsonObject action = actionOf(report);
     for (const char* key : {"isBundle", "isUserScript", "isPythonAction"}) {
         EXPECT_TRUE(action[QString::fromLatin1(key)].toBool()) << key;
     }
     // No icon in the bundle: the generic image.
-    EXPECT_EQ(
-        action[QStringLiteral("iconPath")].toString(),
-        QDir(SupportPaths::resourcesDirectory()).filePath(QStringLiteral("Images/bundle.png")));
+    EXPECT_EQ(action["iconPath"].toString(),
+              QDir(SupportPaths::resourcesDirectory()).filePath("Images/bundle.png"));
 }
 
 // --- the built sk
@@ -103,53 +93,47 @@ TEST(SkInspect, TheTemplatesAreValidActionsForFilesAndText)
 {
     HeadlessApp home;
     const QDir actions(QStringLiteral(SKELVO_SOURCE_RESOURCES "/Actions"));
-    for (const QString& language : {QStringLiteral("Ruby"), QStringLiteral("Python")}) {
-        const QString name = QStringLiteral("Custom Action %1 Template").arg(language);
-        const bool python = language == u"Python";
+    for (const bool python : {false, true}) {
+        const QString name =
+            QStringLiteral("Custom Action %1 Template").arg(python ? "Python" : "Ruby");
         // Ruby by a relative path, indented; Python by an absolute one, on one line.
         const SkResult result =
-            python
-                ? home.sk({QStringLiteral("inspect-action"), QStringLiteral("--compact"),
-                           actions.filePath(name + QStringLiteral(".skbundle"))})
-                : home.sk({QStringLiteral("inspect-action"), name + QStringLiteral(".skbundle/")},
-                          actions.path());
+            python ? home.sk({"inspect-action", "--compact", actions.filePath(name + ".skbundle")})
+                   : home.sk({"inspect-action", name + ".skbundle/"}, actions.path());
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.out.count(u'\n') == 1, python) << result.out;
         const QJsonObject report = QJsonDocument::fromJson(result.out.toUtf8()).object();
-        EXPECT_TRUE(report[QStringLiteral("valid")].toBool()) << result.out;
-        const QString bundle = actions.filePath(name + QStringLiteral(".skbundle"));
+        EXPECT_TRUE(report["valid"].toBool()) << result.out;
+        const QString bundle = actions.filePath(name + ".skbundle");
         // sk resolves the relative path against the working folder as the kernel reports it.
-        EXPECT_EQ(QFileInfo(report[QStringLiteral("path")].toString()).canonicalFilePath(),
+        EXPECT_EQ(QFileInfo(report["path"].toString()).canonicalFilePath(),
                   QFileInfo(bundle).canonicalFilePath());
         const QJsonObject action = actionOf(report);
-        EXPECT_EQ(action[QStringLiteral("actionName")].toString(), name);
-        EXPECT_EQ(action[QStringLiteral("queries")][QStringLiteral("handlesString")].toString(),
-                  QStringLiteral("Files & Text"));
-        EXPECT_EQ(action[QStringLiteral("events")].toArray(),
-                  (QJsonArray{QStringLiteral("Clicked"), QStringLiteral("Dragged")}));
-        EXPECT_EQ(action[QStringLiteral("isPythonAction")].toBool(), python);
+        EXPECT_EQ(action["actionName"].toString(), name);
+        EXPECT_EQ(action["queries"]["handlesString"].toString(), "Files & Text");
+        EXPECT_EQ(action["events"].toArray(), (QJsonArray{"Clicked", "Dragged"}));
+        EXPECT_EQ(action["isPythonAction"].toBool(), python);
         // The shipped icon must load, or the generic image would be shown instead.
-        EXPECT_EQ(QFileInfo(action[QStringLiteral("iconPath")].toString()).fileName(),
-                  QStringLiteral("icon.png"));
+        EXPECT_EQ(QFileInfo(action["iconPath"].toString()).fileName(), "icon.png");
     }
 }
 
 TEST(SkInspect, ExitStatuses)
 {
     HeadlessApp home;
-    const QString broken = home.writeFile(QStringLiteral("Broken.skelvo"), BrokenScript);
-    const QString notes = home.writeFile(QStringLiteral("notes.txt"), BrokenScript);
-    const QString inspect = QStringLiteral("inspect-action");
+    const QString broken = home.writeFile("Broken.skelvo", BrokenScript);
+    const QString notes = home.writeFile("notes.txt", BrokenScript);
+    const QString inspect = "inspect-action";
     const std::pair<QStringList, int> rows[] = {
         {{inspect, broken}, 1},
         {{inspect, notes}, 2},
         // Usage errors: nothing on standard output.
         {{}, 2},
-        {{QStringLiteral("--frobnicate")}, 2},
+        {{"--frobnicate"}, 2},
         {{inspect}, 2},
-        {{inspect, QStringLiteral("a"), QStringLiteral("b")}, 2},
-        {{inspect, QStringLiteral("--pretty"), QStringLiteral("a")}, 2},
-        {{QStringLiteral("help"), QStringLiteral("frobnicate")}, 2},
+        {{inspect, "a", "b"}, 2},
+        {{inspect, "--pretty", "a"}, 2},
+        {{"help", "frobnicate"}, 2},
     };
     for (const auto& [arguments, status] : rows) {
         const SkResult result = home.sk(arguments);
@@ -159,8 +143,8 @@ TEST(SkInspect, ExitStatuses)
         EXPECT_EQ(result.err.isEmpty(), !usage) << arguments.join(u' ');
         if (!usage) {
             const QJsonObject report = QJsonDocument::fromJson(result.out.toUtf8()).object();
-            EXPECT_FALSE(report[QStringLiteral("valid")].toBool());
-            EXPECT_EQ(report.contains(QStringLiteral("error")), status == 2);
+            EXPECT_FALSE(report["valid"].toBool());
+            EXPECT_EQ(report.contains("error"), status == 2);
         }
     }
 }

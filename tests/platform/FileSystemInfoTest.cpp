@@ -58,10 +58,10 @@ TEST(MountInfoTest, ReadsMountPointsTypesAndEscapes)
         "garbage line\n"
         "96 22 0:62 / /home/u/remote rw - fuse.sshfs u@host: rw\n");
     ASSERT_EQ(entries.size(), 3);
-    EXPECT_EQ(entries.at(1).mountPoint, QStringLiteral("/mnt/My Share"));
-    EXPECT_EQ(entries.at(1).fileSystemType, QStringLiteral("cifs"));
-    EXPECT_EQ(entries.at(1).source, QStringLiteral("//nas/My Share"));
-    EXPECT_EQ(entries.at(2).fileSystemType, QStringLiteral("fuse.sshfs"));
+    EXPECT_EQ(entries.at(1).mountPoint, "/mnt/My Share");
+    EXPECT_EQ(entries.at(1).fileSystemType, "cifs");
+    EXPECT_EQ(entries.at(1).source, "//nas/My Share");
+    EXPECT_EQ(entries.at(2).fileSystemType, "fuse.sshfs");
 }
 
 class MountLookupTest : public testing::Test {
@@ -73,19 +73,19 @@ protected:
 TEST_F(MountLookupTest, TheLongestMountPointWinsAndMissingChildrenUseTheirParent)
 {
     const QString root = QFileInfo(m_home.path()).canonicalFilePath();
-    QDir().mkpath(root + QStringLiteral("/net/inner"));
-    QDir().mkpath(root + QStringLiteral("/netflix"));
+    QDir().mkpath(root + "/net/inner");
+    QDir().mkpath(root + "/netflix");
     FileSystemInfo::setMountInfoPath(m_home.writeFile(
-        QStringLiteral("mountinfo"), QStringLiteral("1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
-                                                    "2 1 0:40 / %1/net rw - nfs srv:/x rw\n"
-                                                    "3 2 0:41 / %1/net/inner rw - tmpfs tmpfs rw\n")
-                                         .arg(root)
-                                         .toUtf8()));
-    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/net")));
-    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/net/not/yet/there")));
-    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/net/inner")));
-    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/netflix")));
-    EXPECT_EQ(FileSystemInfo::fileSystemType(root), QStringLiteral("ext4"));
+        "mountinfo", QStringLiteral("1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                                    "2 1 0:40 / %1/net rw - nfs srv:/x rw\n"
+                                    "3 2 0:41 / %1/net/inner rw - tmpfs tmpfs rw\n")
+                         .arg(root)
+                         .toUtf8()));
+    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + "/net"));
+    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + "/net/not/yet/there"));
+    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + "/net/inner"));
+    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + "/netflix"));
+    EXPECT_EQ(FileSystemInfo::fileSystemType(root), "ext4");
 }
 
 TEST_F(MountLookupTest, TheRealMountTableKnowsTheTemporaryFolder)
@@ -97,7 +97,7 @@ TEST_F(MountLookupTest, TheRealMountTableKnowsTheTemporaryFolder)
 
 TEST_F(MountLookupTest, WithoutAMountTableStatfsAnswers)
 {
-    FileSystemInfo::setMountInfoPath(m_home.path() + QStringLiteral("/no-such-table"));
+    FileSystemInfo::setMountInfoPath(m_home.path() + "/no-such-table");
     EXPECT_TRUE(FileSystemInfo::fileSystemType(m_home.path()).isEmpty());
     EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(m_home.path()));
 }
