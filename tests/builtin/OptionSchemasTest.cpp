@@ -189,20 +189,6 @@ TEST(OptionSchemas, AcceptedValuesAreStoredNormalised)
     }
 }
 
-TEST(OptionSchemas, RegisterTheirSheetsForActionFiles)
-{
-    registerBuiltInOptionSchemas();
-    const auto sftp = ActionOptionSchemas::find("ExtendedLogin");
-    ASSERT_TRUE(sftp);
-    EXPECT_TRUE(sftp->needsKeychainStorage);
-    EXPECT_EQ(sftp->keychainPasswordKey, "password");
-    const auto url = ActionOptionSchemas::find("OpenURL");
-    ASSERT_TRUE(url);
-    ASSERT_EQ(url->options.size(), 1);
-    EXPECT_EQ(url->options.first().key, "url");
-    EXPECT_FALSE(url->needsKeychainStorage);
-}
-
 TEST(BuiltInActionCatalog, EntriesHaveShippedIconsAndKnownPanels)
 {
     const BuiltInActionCatalog catalog;

@@ -9,46 +9,23 @@
 
 namespace {
 
-struct TypeRow {
-    const char* type;
-    bool network;
-};
-
-class NetworkTypeTest : public testing::TestWithParam<TypeRow> {};
-
-TEST_P(NetworkTypeTest, KnowsNetworkFileSystems)
+TEST(FileSystemInfoTest, KnowsNetworkFileSystemsByTypeAndMagicNumber)
 {
-    EXPECT_EQ(FileSystemInfo::isNetworkFileSystemType(QString::fromLatin1(GetParam().type)),
-              GetParam().network);
+    const std::pair<const char*, bool> types[] = {
+        {"nfs", true},        {"nfs4", true},  {"cifs", true},         {"smb3", true},
+        {"fuse.sshfs", true}, {"9p", true},    {"ceph", true},         {"fuse.gvfsd-fuse", true},
+        {"NFS4", true},       {"ext4", false}, {"btrfs", false},       {"tmpfs", false},
+        {"overlay", false},   {"fuse", false}, {"fuse.portal", false}, {"", false}};
+    for (const auto& [type, network] : types) {
+        EXPECT_EQ(FileSystemInfo::isNetworkFileSystemType(type), network) << type;
+    }
+    const std::pair<qint64, bool> magics[] = {
+        {0x6969, true},  {0xFF534D42, true},  {0xFE534D42, true}, {0x517B, true},
+        {0xEF53, false}, {0x01021994, false}, {0x65735546, false}};
+    for (const auto& [magic, network] : magics) {
+        EXPECT_EQ(FileSystemInfo::isNetworkFileSystemMagic(magic), network) << magic;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, NetworkTypeTest,
-                         testing::Values(TypeRow{"nfs", true}, TypeRow{"nfs4", true},
-                                         TypeRow{"cifs", true}, TypeRow{"smb3", true},
-                                         TypeRow{"fuse.sshfs", true}, TypeRow{"9p", true},
-                                         TypeRow{"ceph", true}, TypeRow{"fuse.gvfsd-fuse", true},
-                                         TypeRow{"NFS4", true}, TypeRow{"ext4", false},
-                                         TypeRow{"btrfs", false}, TypeRow{"tmpfs", false},
-                                         TypeRow{"overlay", false}, TypeRow{"fuse", false},
-                                         TypeRow{"fuse.portal", false}, TypeRow{"", false}));
-
-struct MagicRow {
-    qint64 magic;
-    bool network;
-};
-
-class NetworkMagicTest : public testing::TestWithParam<MagicRow> {};
-
-TEST_P(NetworkMagicTest, KnowsStatfsMagicNumbers)
-{
-    EXPECT_EQ(FileSystemInfo::isNetworkFileSystemMagic(GetParam().magic), GetParam().network);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, NetworkMagicTest,
-                         testing::Values(MagicRow{0x6969, true}, MagicRow{0xFF534D42, true},
-                                         MagicRow{0xFE534D42, true}, MagicRow{0x517B, true},
-                                         MagicRow{0xEF53, false}, MagicRow{0x01021994, false},
-                                         MagicRow{0x65735546, false}));
 
 TEST(MountInfoTest, ReadsMountPointsTypesAndEscapes)
 {
@@ -88,15 +65,11 @@ TEST_F(MountLookupTest, TheLongestMountPointWinsAndMissingChildrenUseTheirParent
     EXPECT_EQ(FileSystemInfo::fileSystemType(root), "ext4");
 }
 
-TEST_F(MountLookupTest, TheRealMountTableKnowsTheTemporaryFolder)
+TEST_F(MountLookupTest, TheRealMountTableOrElseStatfsAnswers)
 {
     EXPECT_FALSE(FileSystemInfo::fileSystemType(m_home.path()).isEmpty());
     // Tests run on a local disk.
     EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(m_home.path()));
-}
-
-TEST_F(MountLookupTest, WithoutAMountTableStatfsAnswers)
-{
     FileSystemInfo::setMountInfoPath(m_home.path() + "/no-such-table");
     EXPECT_TRUE(FileSystemInfo::fileSystemType(m_home.path()).isEmpty());
     EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(m_home.path()));
