@@ -204,100 +204,71 @@ TEST(FileActionsPipe, CopyModifierAndRenamedNames)
         file.write(name);
     }
     QFile(destination.filePath("taken.txt")).open(QIODevice::WriteOnly);
-    const auto items = [&](const QStringList& names) {
-        QStringList paths;
-        for (const QString& name : names) {
-            paths << source.filePath(name);
-        }
-        return paths;
-    };
-    using Variables = QList<std::pair<QString, QString>>;
+    // Names apart by blanks, variables as KEY=VALUE|..., "%1" in the output for the folder.
     struct Row {
         const char* type;
-        QStringList names;
+        QString names;
         QString folder;
-        Variables variables;
+        QString variables;
         QString output;
     };
+    const QString dest = destination.path();
     const Row rows[] = {
         // Dropped with the copy modifier, the moving actions copy.
-        {"Move Files",
-         {"keep.txt"},
-         destination.path(),
-         {{"OPERATION", "NSDragOperationCopy"}},
-         "Finish_Message: Copied keep.txt to dest\n"},
+        {"Move Files", "keep.txt", dest, "OPERATION=NSDragOperationCopy",
+         "Finish_Message: Copied keep.txt to dest"},
         // Names count the items from 0; "c.txt" keeps its own.
-        {"Rename & Copy Files",
-         {"a.txt", "b.txt", "c.txt", "d"},
-         destination.path(),
-         {{"RENAMED_FILENAME_0", "first name.txt"},
-          {"RENAMED_FILENAME_1", "say \"b\".txt"},
-          {"RENAMED_FILENAME_3", "taken.txt"}},
-         "Begin_Message: Copying a.txt as first name.txt (1 of 4)\n"},
-        {"Rename & Move Files",
-         {"a.txt", "b.txt"},
-         destination.path(),
-         {{"RENAMED_FILENAME_0", "fine.txt"}, {"RENAMED_FILENAME_1", "sub/dir.txt"}},
-         "Fail: \"sub/dir.txt\" cannot be used as a name\n"},
-        {"Rename & Move Files",
-         {"a.txt"},
-         destination.path(),
-         {{"RENAMED_FILENAME_0", ".."}},
-         "Fail: \"..\" cannot be used as a name\n"},
-        {"Rename & Move Files",
-         {"draft.txt"},
-         source.path(),
-         {{"RENAMED_FILENAME_0", "final.txt"}},
-         "Finish_Message: Moved draft.txt as final.txt to source\n"},
+        {"Rename & Copy Files", "a.txt b.txt c.txt d", dest,
+         "RENAMED_FILENAME_0=first name.txt|RENAMED_FILENAME_1=say \"b\".txt|"
+         "RENAMED_FILENAME_3=taken.txt",
+         "Begin_Message: Copying a.txt as first name.txt (1 of 4)"},
+        {"Rename & Move Files", "a.txt b.txt", dest,
+         "RENAMED_FILENAME_0=fine.txt|RENAMED_FILENAME_1=sub/dir.txt",
+         "Fail: \"sub/dir.txt\" cannot be used as a name"},
+        {"Rename & Move Files", "a.txt", dest, "RENAMED_FILENAME_0=..",
+         "Fail: \"..\" cannot be used as a name"},
+        {"Rename & Move Files", "draft.txt", source.path(), "RENAMED_FILENAME_0=final.txt",
+         "Finish_Message: Moved draft.txt as final.txt to source"},
         // The application refuses such tiles; the action checks again.
-        {"Copy Files",
-         {"a.txt"},
-         dir.filePath("gone"),
-         {},
-         QStringLiteral("Fail: The destination folder %1 does not exist\n")
-             .arg(dir.filePath("gone"))},
-        {"Move Files",
-         {"a.txt"},
-         source.filePath("a.txt"),
-         {},
-         QStringLiteral("Fail: The destination %1 is not a folder\n")
-             .arg(source.filePath("a.txt"))},
-        {"Copy Files",
-         {"a.txt"},
-         "relative/folder",
-         {},
-         "Fail: The destination relative/folder is not an absolute path\n"},
-        {"Move Files",
-         {"a.txt"},
-         QString(),
-         {},
-         "Fail: No destination folder is set for Move Files\n"},
-        {"Copy Files",
-         {},
-         destination.path(),
-         {{"dragged_type", "text"}},
-         "Fail: Copy Files takes files and folders, not text\n"},
+        {"Copy Files", "a.txt", dir.filePath("gone"), "",
+         "Fail: The destination folder %1 does not exist"},
+        {"Move Files", "a.txt", source.filePath("a.txt"), "",
+         "Fail: The destination %1 is not a folder"},
+        {"Copy Files", "a.txt", "relative/folder", "",
+         "Fail: The destination %1 is not an absolute path"},
+        {"Move Files", "a.txt", QString(), "", "Fail: No destination folder is set for Move Files"},
+        {"Copy Files", "", dest, "dragged_type=text",
+         "Fail: Copy Files takes files and folders, not text"},
     };
     int index = 0;
     for (const Row& row : rows) {
-        Variables variables = row.variables;
-        if (!row.folder.isNull()) {
-            variables.prepend({"path", row.folder});
+        QList<std::pair<QString, QString>> variables;
+        QStringList items;
+        for (const QString& name : row.names.split(u' ', Qt::SkipEmptyParts)) {
+            items << source.filePath(name);
         }
-        if (!row.names.isEmpty()) {
-            variables.prepend({"dragged_type", "files"});
+        if (!items.isEmpty()) {
+            variables.emplace_back("dragged_type", "files");
+        }
+        if (!row.folder.isNull()) {
+            variables.emplace_back("path", row.folder);
+        }
+        for (const QString& pair : row.variables.split(u'|', Qt::SkipEmptyParts)) {
+            variables.emplace_back(pair.section(u'=', 0, 0), pair.section(u'=', 1));
         }
         const QString taskFile = dir.filePath(QStringLiteral("task-%1").arg(++index));
         QFile file(taskFile);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(taskDescription(
-            Actions + QStringLiteral("/%1.skbundle").arg(row.type), "dragged", variables,
-            row.names.isEmpty() ? QStringList{"some text"} : items(row.names)));
+        file.write(taskDescription(Actions + QStringLiteral("/%1.skbundle").arg(row.type),
+                                   "dragged", variables,
+                                   items.isEmpty() ? QStringList{"some text"} : items));
         file.close();
         RunnerPipe child(taskFile);
         EXPECT_EQ(child.finish(), 0);
-        EXPECT_TRUE(QString::fromUtf8(child.output()).contains(row.output))
-            << row.output << " in " << child.output().toStdString();
+        const QString output =
+            (row.output.contains("%1") ? row.output.arg(row.folder) : row.output) + u'\n';
+        EXPECT_TRUE(QString::fromUtf8(child.output()).contains(output))
+            << output << " in " << child.output().toStdString();
     }
     EXPECT_EQ(destination.entryList(QDir::Files, QDir::Name),
               (QStringList{"c.txt", "first name.txt", "keep.txt", "say \"b\".txt", "taken 2.txt",
