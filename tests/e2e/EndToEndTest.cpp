@@ -169,22 +169,28 @@ TEST_F(EndToEndTest, RunScriptAndMoveToTrash)
     const QString record = app->path("arguments.txt");
     const QString script = app->writeFile(
         "scripts/record.sh",
-        QStringLiteral("#!/bin/sh\nprintf '%s|%s|%s|%s|%s' \"$SKELVO_INPUT_TYPE\" \"$#\" \"$1\" "
-                       "\"$2\" \"$3\" > '%1'\nexit 2\n")
+        QStringLiteral("#!/bin/sh\nread line && input=data || input=empty\nprintf '%s|' "
+                       "\"$SKELVO_INPUT_TYPE\" \"$SKELVO_EVENT\" \"$SKELVO_ACTION_NAME\" "
+                       "\"$SKELVO_TMP_FOLDER\" \"$(pwd)\" \"$input\" \"$#\" \"$@\" >> '%1'\n"
+                       "echo >> '%1'\nexit 2\n")
             .arg(record)
             .toUtf8());
     QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     sk({"add-action", "Run Script", "--options", "path=" + script});
-    const QStringList files = {app->writeFile("one.txt", "1"), app->writeFile("two.txt", "2"),
+    const QStringList files = {app->writeFile("one.txt", "1"), app->writeFile("two 2.txt", "2"),
                                app->writeFile("three.txt", "3")};
     // The script exits 2: a failure for sk, told on standard error.
     const SkResult ran = sk(QStringList{"run", "Run Script"} + files, 1);
     EXPECT_EQ(ran.err, QStringLiteral("Error: Script exited with status 2. Check the Action "
                                       "Console for details.\n"));
+    sk({"run", "Run Script"}, 1);
     QFile recorded(record);
     ASSERT_TRUE(recorded.open(QIODevice::ReadOnly));
-    EXPECT_EQ(QString::fromUtf8(recorded.readAll()),
-              QStringLiteral("files|3|%1|%2|%3").arg(files[0], files[1], files[2]));
+    const QString common =
+        "Run Script|" + QDir::tempPath() + '|' + app->path("scripts") + "|empty|";
+    EXPECT_EQ(QString::fromUtf8(recorded.readAll()), "files|dragged|" + common + "3|" +
+                                                         files.join('|') + "|\nnone|clicked|" +
+                                                         common + "0|\n");
     // A script that is gone cannot be added.
     EXPECT_TRUE(
         sk({"add-action", "Run Script", "--name", "Gone", "--options", "path=/no/such/script.sh"},
