@@ -27,15 +27,15 @@ protected:
 
     void SetUp() override
     {
-        m_home.writeFile(QStringLiteral("icons/hicolor/index.theme"),
+        m_home.writeFile("icons/hicolor/index.theme",
                          "[Icon Theme]\nName=Hicolor\nDirectories=48x48/apps,48x48/mimetypes\n"
                          "[48x48/apps]\nSize=48\nContext=Applications\n"
                          "[48x48/mimetypes]\nSize=48\nContext=MimeTypes\n");
-        writeIcon(QStringLiteral("icons/hicolor/48x48/apps/org.example.Editor.png"), Qt::red);
-        writeIcon(QStringLiteral("icons/hicolor/48x48/mimetypes/text-plain.png"), Qt::green);
-        writeIcon(QStringLiteral("pictures/own.png"), Qt::blue);
-        QIcon::setThemeSearchPaths({QDir(m_home.path()).filePath(QStringLiteral("icons"))});
-        QIcon::setThemeName(QStringLiteral("hicolor"));
+        writeIcon("icons/hicolor/48x48/apps/org.example.Editor.png", Qt::red);
+        writeIcon("icons/hicolor/48x48/mimetypes/text-plain.png", Qt::green);
+        writeIcon("pictures/own.png", Qt::blue);
+        QIcon::setThemeSearchPaths({QDir(m_home.path()).filePath("icons")});
+        QIcon::setThemeName("hicolor");
     }
 
     void writeIcon(const QString& relative, Qt::GlobalColor color)
@@ -51,7 +51,7 @@ protected:
 
 TEST_F(DesktopIconsTest, EntryIconsThenTheFileTypesIcon)
 {
-    const QString ownIcon = QDir(m_home.path()).filePath(QStringLiteral("pictures/own.png"));
+    const QString ownIcon = QDir(m_home.path()).filePath("pictures/own.png");
     const std::tuple<const char*, QByteArray, QColor> rows[] = {
         {"a.desktop", "[Desktop Entry]\nType=Application\nIcon=org.example.Editor\n", Qt::red},
         {"b.desktop", "[Desktop Entry]\nType=Application\nIcon=" + ownIcon.toUtf8() + "\n",

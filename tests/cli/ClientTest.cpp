@@ -110,28 +110,27 @@ TEST(SkClient, ListenerFailuresAndTheFinish)
         {"",
          sk::ExitConnectionLost,
          {},
-         QStringLiteral("sk: the connection to Skelvo ended before the request finished\n")},
-        {line(Running) + line(Response, "Copying"), sk::ExitConnectionLost,
-         QStringLiteral("Copying\n"),
-         QStringLiteral("sk: the connection to Skelvo ended before the request finished\n")},
+         "sk: the connection to Skelvo ended before the request finished\n"},
+        {line(Running) + line(Response, "Copying"), sk::ExitConnectionLost, "Copying\n",
+         "sk: the connection to Skelvo ended before the request finished\n"},
         {line(Running) + "this is not json\n" + line(Finish),
          sk::ExitConnectionLost,
          {},
-         QStringLiteral("sk: Skelvo sent a message that is not a JSON object: this is not json")},
+         "sk: Skelvo sent a message that is not a JSON object: this is not json"},
         // sk ends at the finish, not when the connection closes.
         {line(Running) + line(Response, "caf\xc3\xa9 open") + line(Finish) +
              line(Response, "after the finish"),
          sk::ExitSuccess,
-         QStringLiteral("café open\n"),
+         "café open\n",
          {}},
     };
     for (const Row& row : rows) {
         HeadlessApp home;
-        FakeListener listener(home.path(QStringLiteral("runtime/skelvo/skelvo.sock")), row.reply,
+        FakeListener listener(home.path("runtime/skelvo/skelvo.sock"), row.reply,
                               row.status == sk::ExitSuccess);
         QElapsedTimer timer;
         timer.start();
-        const SkResult result = home.sk({QStringLiteral("status")});
+        const SkResult result = home.sk({"status"});
         EXPECT_LT(timer.elapsed(), 5000);
         EXPECT_EQ(result.status, row.status) << row.reply;
         EXPECT_EQ(result.out, row.out);
@@ -148,9 +147,9 @@ TEST(SkClient, ListenerOfAnotherUserIsToldNothing)
         GTEST_SKIP() << "needs root to listen as another user";
     }
     HeadlessApp home;
-    const QString socket = home.path(QStringLiteral("runtime/skelvo/skelvo.sock"));
+    const QString socket = home.path("runtime/skelvo/skelvo.sock");
     FakeListener listener(socket, line(CmdLineProtocol::Finish), false, 65534);
-    const SkResult result = home.sk({QStringLiteral("status")});
+    const SkResult result = home.sk({"status"});
     EXPECT_EQ(result.status, sk::ExitNotRunning);
     EXPECT_EQ(result.err, QStringLiteral("sk: %1 belongs to user 65534, not to you; nothing was "
                                          "sent\n")
@@ -161,34 +160,43 @@ TEST(SkClient, ListenerOfAnotherUserIsToldNothing)
 TEST(SkClient, WithoutAnApplication)
 {
     HeadlessApp home;
-    EXPECT_EQ(home.sk({QStringLiteral("status")}).err, NotRunning);
+    EXPECT_EQ(home.sk({"status"}).err, NotRunning);
     // A lock that nobody holds is not worth a wait.
-    home.writeFile(QStringLiteral("runtime/skelvo/skelvo.lock"), {});
+    home.writeFile("runtime/skelvo/skelvo.lock", {});
     QElapsedTimer timer;
     timer.start();
-    const SkResult result = home.sk({QStringLiteral("list"), QStringLiteral("--json")});
+    const SkResult result = home.sk({"list", "--json"});
     EXPECT_EQ(result.status, sk::ExitNotRunning);
     EXPECT_EQ(result.err, NotRunning);
     EXPECT_LT(timer.elapsed(), 2000);
 }
 
-TEST(SkClient, RuntimeFallbackIsUsedOnlyWhenItIsAPrivateFolderNamedByUid)
+// sk finds the application's socket where it listens: in the runtime folder of the session,
+// or else in a private folder named by uid in the temporary folder (its links resolved).
+TEST(SkClient, RuntimeFoldersAgreeWithTheApplication)
 {
     HeadlessApp app;
-    app.environment().remove(QStringLiteral("SKELVO_HOME"));
-    app.environment().insert(QStringLiteral("TMPDIR"), app.path());
+    app.environment().remove("SKELVO_HOME");
+    ASSERT_TRUE(QFile::link(app.path(), app.path("link")));
+    app.environment().insert("TMPDIR", app.path("link"));
     ASSERT_TRUE(app.start());
     const QString root = QStringLiteral("%1/skelvo-runtime-%2")
                              .arg(QFileInfo(app.path()).canonicalFilePath())
                              .arg(::getuid());
     ASSERT_EQ(::chmod(root.toUtf8().constData(), 0755), 0);
-    const SkResult refused = app.sk({QStringLiteral("status")});
+    const SkResult refused = app.sk({"status"});
     EXPECT_EQ(refused.status, sk::ExitNotRunning);
     EXPECT_EQ(
         refused.err,
         QStringLiteral("sk: refusing the runtime folder %1: its mode is not 0700\n").arg(root));
     ASSERT_EQ(::chmod(root.toUtf8().constData(), 0700), 0);
-    EXPECT_EQ(app.sk({QStringLiteral("status")}).out, QStringLiteral("closed\n"));
+    EXPECT_EQ(app.sk({"status"}).out, "closed\n");
+
+    ASSERT_TRUE(app.stop());
+    ASSERT_TRUE(QDir(app.path()).mkdir("xdg"));
+    app.environment().insert("XDG_RUNTIME_DIR", app.path("xdg"));
+    ASSERT_TRUE(app.start());
+    EXPECT_TRUE(QFileInfo::exists(app.path("xdg/skelvo/skelvo.sock")));
 }
 
 TEST(SkClient, EveryCommandHasHelp)
@@ -196,17 +204,17 @@ TEST(SkClient, EveryCommandHasHelp)
     HeadlessApp home;
     for (const sk::Command& command : sk::commands()) {
         const QString name = QString::fromUtf8(command.name.data(), command.name.size());
-        const SkResult help = home.sk({QStringLiteral("help"), name});
-        EXPECT_TRUE(help.out.startsWith(QStringLiteral("Usage: sk ") + name)) << command.name;
-        EXPECT_EQ(home.sk({name, QStringLiteral("--help")}).out, help.out) << command.name;
+        const SkResult help = home.sk({"help", name});
+        EXPECT_TRUE(help.out.startsWith("Usage: sk " + name)) << command.name;
+        EXPECT_EQ(home.sk({name, "--help"}).out, help.out) << command.name;
     }
 }
 
 // --- starting the application ---
 
-// A stand-in for `skelvo` beside a copy of sk: holds the lock as the application does,
-// records how it was started, waits FAKE_SKELVO_DELAY seconds before it listens, then
-// answers one request and ends.
+// A stand-in for `skelvo` beside a copy of sk: holds the lock as the application does (once
+// an earlier stand-in has ended), records how it was started, waits FAKE_SKELVO_DELAY
+// seconds before it listens, then answers one request and ends.
 const char* const FakeSkelvo = R"(#!/usr/bin/env python3
 import fcntl, json, os, socket, struct, sys, time
 home = os.environ["SKELVO_HOME"]
@@ -214,7 +222,7 @@ folder = os.path.join(home, "runtime", "skelvo")
 os.makedirs(folder, exist_ok=True)
 lock = open(os.path.join(folder, "skelvo.lock"), "w")
 # struct flock: type, whence, start, length (0: the whole file), pid (0 for OFD locks)
-fcntl.fcntl(lock, fcntl.F_OFD_SETLK, struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0))
+fcntl.fcntl(lock, fcntl.F_OFD_SETLKW, struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0))
 with open(os.path.join(home, "started.json"), "w") as f:
     json.dump({"arguments": sys.argv[1:], "pid": os.getpid(), "sid": os.getsid(0),
                "stdin": os.readlink("/proc/self/fd/0")}, f)
@@ -241,13 +249,13 @@ public:
     {
         QFile::copy(QStringLiteral(SK_BINARY), sk());
         if (!skelvo.isEmpty()) {
-            QFile file(m_dir.filePath(QStringLiteral("skelvo")));
+            QFile file(m_dir.filePath("skelvo"));
             EXPECT_TRUE(file.open(QIODevice::WriteOnly));
             file.write(skelvo);
             file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         }
     }
-    QString sk() const { return m_dir.filePath(QStringLiteral("sk")); }
+    QString sk() const { return m_dir.filePath("sk"); }
     QString path() const { return m_dir.path(); }
 
 private:
@@ -267,55 +275,50 @@ SkResult runSk(const QString& program, const QStringList& arguments,
 
 nlohmann::json startRecord(const HeadlessApp& home)
 {
-    QFile file(home.path(QStringLiteral("started.json")));
+    QFile file(home.path("started.json"));
     return file.open(QIODevice::ReadOnly)
                ? nlohmann::json::parse(file.readAll().toStdString(), nullptr, false)
                : nlohmann::json();
 }
 
-TEST(SkStart, StartsTheApplicationHeadlessInItsOwnSessionAndWaitsForIt)
+TEST(SkStart, StartsTheApplicationHeadlessInItsOwnSessionOrWaitsForOneStarting)
 {
     HeadlessApp home;
     Installation installation(FakeSkelvo);
-    const SkResult result =
-        runSk(installation.sk(), {QStringLiteral("--start"), QStringLiteral("status")},
-              home.environment());
+    const SkResult result = runSk(installation.sk(), {"--start", "status"}, home.environment());
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, QStringLiteral("closed\n"));
+    EXPECT_EQ(result.out, "closed\n");
     const nlohmann::json started = startRecord(home);
     EXPECT_EQ(started["arguments"], nlohmann::json::array({"--headless"}));
     EXPECT_EQ(started["sid"], started["pid"]) << "a session of its own";
     EXPECT_EQ(started["stdin"], "/dev/null");
-    QFile log(home.path(QStringLiteral("runtime/skelvo/skelvo-headless.log")));
+    QFile log(home.path("runtime/skelvo/skelvo-headless.log"));
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));
     EXPECT_TRUE(log.readAll().contains("fake skelvo starting"));
-}
 
-TEST(SkStart, WaitsForAnApplicationThatIsStarting)
-{
-    HeadlessApp home;
-    Installation installation(FakeSkelvo);
+    // Started by someone else and not listening yet: without --start, a held lock is worth
+    // the wait.
+    QFile::remove(home.path("started.json"));
     QProcess app;
-    home.environment().insert(QStringLiteral("FAKE_SKELVO_DELAY"), QStringLiteral("1.0"));
+    home.environment().insert("FAKE_SKELVO_DELAY", "1.0");
     app.setProcessEnvironment(home.environment());
-    app.start(installation.path() + QStringLiteral("/skelvo"), {QStringLiteral("--headless")});
+    app.start(installation.path() + "/skelvo", {"--headless"});
     // It records its start once it holds the lock.
     ASSERT_TRUE(HeadlessApp::waitUntil([&] { return startRecord(home).is_object(); }));
-    ASSERT_FALSE(QFile::exists(home.path(QStringLiteral("runtime/skelvo/skelvo.sock"))));
-    // Without --start: a held lock is worth the wait.
-    EXPECT_EQ(home.sk({QStringLiteral("status")}).out, QStringLiteral("closed\n"));
+    ASSERT_FALSE(QFile::exists(home.path("runtime/skelvo/skelvo.sock")));
+    EXPECT_EQ(home.sk({"status"}).out, "closed\n");
     EXPECT_TRUE(app.waitForFinished(10000));
 }
 
 TEST(SkStart, ApplicationThatCannotStart)
 {
     HeadlessApp home;
-    const QString log = home.path(QStringLiteral("runtime/skelvo/skelvo-headless.log"));
+    const QString log = home.path("runtime/skelvo/skelvo-headless.log");
     Installation failing("#!/bin/sh\necho cannot open the database >&2\nexit 3\n");
     Installation alone; // and nothing on the PATH
     QProcessEnvironment noPath = home.environment();
-    noPath.insert(QStringLiteral("PATH"), alone.path() + QStringLiteral("/empty"));
-    const QStringList start{QStringLiteral("--start"), QStringLiteral("status")};
+    noPath.insert("PATH", alone.path() + "/empty");
+    const QStringList start{"--start", "status"};
 
     SkResult result = runSk(failing.sk(), start, home.environment());
     EXPECT_EQ(result.status, sk::ExitNotRunning);
@@ -332,7 +335,7 @@ TEST(SkStart, ApplicationThatCannotStart)
                                          "sk or on PATH): No such file or directory\n"));
 
     // The log is never opened through a link.
-    const QString target = home.writeFile(QStringLiteral("elsewhere.txt"), {});
+    const QString target = home.writeFile("elsewhere.txt", {});
     QFile::remove(log);
     ASSERT_TRUE(QFile::link(target, log));
     result = runSk(failing.sk(), start, home.environment());

@@ -24,32 +24,32 @@ QSet<QString> allCommands()
 TEST(Completion, BashOffersEveryCommand)
 {
     QProcess bash;
-    bash.start(QStringLiteral("bash"),
-               {QStringLiteral("-c"),
+    bash.start("bash",
+               {"-c",
                 QStringLiteral("source \"$1\" && COMP_WORDS=(sk '') COMP_CWORD=1 && _sk sk '' sk "
                                "&& printf '%s\\n' \"${COMPREPLY[@]}\""),
-                QStringLiteral("bash"), Completions + QStringLiteral("/sk.bash")});
+                "bash", Completions + "/sk.bash"});
     ASSERT_TRUE(bash.waitForFinished(10000));
     EXPECT_EQ(bash.exitCode(), 0) << bash.readAllStandardError().toStdString();
     const QStringList offered =
         QString::fromUtf8(bash.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
     QSet<QString> expected = allCommands();
-    expected += {QStringLiteral("--start"), QStringLiteral("--help"), QStringLiteral("--version")};
+    expected += {"--start", "--help", "--version"};
     EXPECT_EQ(QSet<QString>(offered.begin(), offered.end()), expected)
         << offered.join(u' ').toStdString();
 }
 
 TEST(Completion, ZshIsValidAndDescribesEveryCommand)
 {
-    QFile file(Completions + QStringLiteral("/_sk"));
+    QFile file(Completions + "/_sk");
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     const QString text = QString::fromUtf8(file.readAll());
     for (const QString& name : allCommands()) {
         EXPECT_TRUE(text.contains(u'\'' + name + u':')) << name.toStdString();
     }
-    const QString zsh = QStandardPaths::findExecutable(QStringLiteral("zsh"));
+    const QString zsh = QStandardPaths::findExecutable("zsh");
     if (!zsh.isEmpty()) {
-        EXPECT_EQ(QProcess::execute(zsh, QStringList{QStringLiteral("-n"), file.fileName()}), 0);
+        EXPECT_EQ(QProcess::execute(zsh, QStringList{"-n", file.fileName()}), 0);
     }
 }
 

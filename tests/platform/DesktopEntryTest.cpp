@@ -39,7 +39,7 @@ TEST(DesktopEntryTest, ReadsTheMainGroupOnly)
     const auto entry = DesktopEntry::parse(Entry);
     ASSERT_TRUE(entry);
     EXPECT_TRUE(entry->isApplication());
-    EXPECT_EQ(entry->icon(), QStringLiteral("org.example.Files"));
+    EXPECT_EQ(entry->icon(), "org.example.Files");
     EXPECT_FALSE(DesktopEntry::parse("[Desktop Action X]\nName=Y\n[Desktop Entry]\nName=Z\n"));
     EXPECT_FALSE(DesktopEntry::parse("not a key file"));
     // An application whose TryExec program is missing cannot be launched.
@@ -52,11 +52,10 @@ TEST(DesktopEntryTest, ReadsTheMainGroupOnly)
 TEST(ApplicationFilesTest, KnowsApplications)
 {
     TestHome home;
-    const QString app = home.writeFile(QStringLiteral("a.desktop"), Entry);
-    const QString link =
-        home.writeFile(QStringLiteral("b.desktop"), "[Desktop Entry]\nType=Link\nName=Web\n");
-    const QString script = home.writeFile(QStringLiteral("tool.AppImage"), "#!/bin/sh\n");
-    const QString plain = home.writeFile(QStringLiteral("notes.txt"), "x");
+    const QString app = home.writeFile("a.desktop", Entry);
+    const QString link = home.writeFile("b.desktop", "[Desktop Entry]\nType=Link\nName=Web\n");
+    const QString script = home.writeFile("tool.AppImage", "#!/bin/sh\n");
+    const QString plain = home.writeFile("notes.txt", "x");
     QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     EXPECT_TRUE(ApplicationFiles::isApplication(app));
     EXPECT_FALSE(ApplicationFiles::isApplication(link));
@@ -64,7 +63,7 @@ TEST(ApplicationFilesTest, KnowsApplications)
     EXPECT_FALSE(ApplicationFiles::isApplication(plain));
     EXPECT_FALSE(ApplicationFiles::isApplication(home.path())); // a folder
     qputenv("LC_ALL", "de_DE.UTF-8");
-    EXPECT_EQ(ApplicationFiles::displayName(app), QStringLiteral("Dateien"));
+    EXPECT_EQ(ApplicationFiles::displayName(app), "Dateien");
     qunsetenv("LC_ALL");
     EXPECT_TRUE(ApplicationFiles::displayName(script).isEmpty());
 }

@@ -11,7 +11,7 @@ namespace {
 TEST(FileBookmarkTest, NoticesAMissingOrReplacedItem)
 {
     TestHome home;
-    const QString path = home.writeFile(QStringLiteral("chosen.txt"), "one");
+    const QString path = home.writeFile("chosen.txt", "one");
     const auto bookmark = FileBookmark::create(path);
     ASSERT_TRUE(bookmark);
 
@@ -22,9 +22,9 @@ TEST(FileBookmarkTest, NoticesAMissingOrReplacedItem)
     EXPECT_FALSE(resolved->replaced);
 
     // Rewriting keeps the file; replacing it by another does not.
-    home.writeFile(QStringLiteral("chosen.txt"), "two");
+    home.writeFile("chosen.txt", "two");
     EXPECT_FALSE(FileBookmark::resolve(*bookmark)->replaced);
-    const QString other = home.writeFile(QStringLiteral("other.txt"), "three");
+    const QString other = home.writeFile("other.txt", "three");
     ASSERT_TRUE(QFile::remove(path));
     ASSERT_TRUE(QFile::rename(other, path));
     EXPECT_TRUE(FileBookmark::resolve(*bookmark)->replaced);
@@ -38,7 +38,7 @@ TEST(FileBookmarkTest, RefusesWhatIsNotThere)
 {
     TestHome home;
     QString error;
-    EXPECT_FALSE(FileBookmark::create(home.path() + QStringLiteral("/nothing"), &error));
+    EXPECT_FALSE(FileBookmark::create(home.path() + "/nothing", &error));
     EXPECT_FALSE(error.isEmpty());
     EXPECT_FALSE(FileBookmark::resolve("not json"));
     EXPECT_FALSE(FileBookmark::resolve("{\"device\": \"1\"}"));

@@ -9,46 +9,23 @@
 
 namespace {
 
-struct TypeRow {
-    const char* type;
-    bool network;
-};
-
-class NetworkTypeTest : public testing::TestWithParam<TypeRow> {};
-
-TEST_P(NetworkTypeTest, KnowsNetworkFileSystems)
+TEST(FileSystemInfoTest, KnowsNetworkFileSystemsByTypeAndMagicNumber)
 {
-    EXPECT_EQ(FileSystemInfo::isNetworkFileSystemType(QString::fromLatin1(GetParam().type)),
-              GetParam().network);
+    const std::pair<const char*, bool> types[] = {
+        {"nfs", true},        {"nfs4", true},  {"cifs", true},         {"smb3", true},
+        {"fuse.sshfs", true}, {"9p", true},    {"ceph", true},         {"fuse.gvfsd-fuse", true},
+        {"NFS4", true},       {"ext4", false}, {"btrfs", false},       {"tmpfs", false},
+        {"overlay", false},   {"fuse", false}, {"fuse.portal", false}, {"", false}};
+    for (const auto& [type, network] : types) {
+        EXPECT_EQ(FileSystemInfo::isNetworkFileSystemType(type), network) << type;
+    }
+    const std::pair<qint64, bool> magics[] = {
+        {0x6969, true},  {0xFF534D42, true},  {0xFE534D42, true}, {0x517B, true},
+        {0xEF53, false}, {0x01021994, false}, {0x65735546, false}};
+    for (const auto& [magic, network] : magics) {
+        EXPECT_EQ(FileSystemInfo::isNetworkFileSystemMagic(magic), network) << magic;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, NetworkTypeTest,
-                         testing::Values(TypeRow{"nfs", true}, TypeRow{"nfs4", true},
-                                         TypeRow{"cifs", true}, TypeRow{"smb3", true},
-                                         TypeRow{"fuse.sshfs", true}, TypeRow{"9p", true},
-                                         TypeRow{"ceph", true}, TypeRow{"fuse.gvfsd-fuse", true},
-                                         TypeRow{"NFS4", true}, TypeRow{"ext4", false},
-                                         TypeRow{"btrfs", false}, TypeRow{"tmpfs", false},
-                                         TypeRow{"overlay", false}, TypeRow{"fuse", false},
-                                         TypeRow{"fuse.portal", false}, TypeRow{"", false}));
-
-struct MagicRow {
-    qint64 magic;
-    bool network;
-};
-
-class NetworkMagicTest : public testing::TestWithParam<MagicRow> {};
-
-TEST_P(NetworkMagicTest, KnowsStatfsMagicNumbers)
-{
-    EXPECT_EQ(FileSystemInfo::isNetworkFileSystemMagic(GetParam().magic), GetParam().network);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, NetworkMagicTest,
-                         testing::Values(MagicRow{0x6969, true}, MagicRow{0xFF534D42, true},
-                                         MagicRow{0xFE534D42, true}, MagicRow{0x517B, true},
-                                         MagicRow{0xEF53, false}, MagicRow{0x01021994, false},
-                                         MagicRow{0x65735546, false}));
 
 TEST(MountInfoTest, ReadsMountPointsTypesAndEscapes)
 {
@@ -58,10 +35,10 @@ TEST(MountInfoTest, ReadsMountPointsTypesAndEscapes)
         "garbage line\n"
         "96 22 0:62 / /home/u/remote rw - fuse.sshfs u@host: rw\n");
     ASSERT_EQ(entries.size(), 3);
-    EXPECT_EQ(entries.at(1).mountPoint, QStringLiteral("/mnt/My Share"));
-    EXPECT_EQ(entries.at(1).fileSystemType, QStringLiteral("cifs"));
-    EXPECT_EQ(entries.at(1).source, QStringLiteral("//nas/My Share"));
-    EXPECT_EQ(entries.at(2).fileSystemType, QStringLiteral("fuse.sshfs"));
+    EXPECT_EQ(entries.at(1).mountPoint, "/mnt/My Share");
+    EXPECT_EQ(entries.at(1).fileSystemType, "cifs");
+    EXPECT_EQ(entries.at(1).source, "//nas/My Share");
+    EXPECT_EQ(entries.at(2).fileSystemType, "fuse.sshfs");
 }
 
 class MountLookupTest : public testing::Test {
@@ -73,31 +50,27 @@ protected:
 TEST_F(MountLookupTest, TheLongestMountPointWinsAndMissingChildrenUseTheirParent)
 {
     const QString root = QFileInfo(m_home.path()).canonicalFilePath();
-    QDir().mkpath(root + QStringLiteral("/net/inner"));
-    QDir().mkpath(root + QStringLiteral("/netflix"));
+    QDir().mkpath(root + "/net/inner");
+    QDir().mkpath(root + "/netflix");
     FileSystemInfo::setMountInfoPath(m_home.writeFile(
-        QStringLiteral("mountinfo"), QStringLiteral("1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
-                                                    "2 1 0:40 / %1/net rw - nfs srv:/x rw\n"
-                                                    "3 2 0:41 / %1/net/inner rw - tmpfs tmpfs rw\n")
-                                         .arg(root)
-                                         .toUtf8()));
-    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/net")));
-    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/net/not/yet/there")));
-    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/net/inner")));
-    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + QStringLiteral("/netflix")));
-    EXPECT_EQ(FileSystemInfo::fileSystemType(root), QStringLiteral("ext4"));
+        "mountinfo", QStringLiteral("1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                                    "2 1 0:40 / %1/net rw - nfs srv:/x rw\n"
+                                    "3 2 0:41 / %1/net/inner rw - tmpfs tmpfs rw\n")
+                         .arg(root)
+                         .toUtf8()));
+    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + "/net"));
+    EXPECT_TRUE(FileSystemInfo::isOnNetworkFileSystem(root + "/net/not/yet/there"));
+    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + "/net/inner"));
+    EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(root + "/netflix"));
+    EXPECT_EQ(FileSystemInfo::fileSystemType(root), "ext4");
 }
 
-TEST_F(MountLookupTest, TheRealMountTableKnowsTheTemporaryFolder)
+TEST_F(MountLookupTest, TheRealMountTableOrElseStatfsAnswers)
 {
     EXPECT_FALSE(FileSystemInfo::fileSystemType(m_home.path()).isEmpty());
     // Tests run on a local disk.
     EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(m_home.path()));
-}
-
-TEST_F(MountLookupTest, WithoutAMountTableStatfsAnswers)
-{
-    FileSystemInfo::setMountInfoPath(m_home.path() + QStringLiteral("/no-such-table"));
+    FileSystemInfo::setMountInfoPath(m_home.path() + "/no-such-table");
     EXPECT_TRUE(FileSystemInfo::fileSystemType(m_home.path()).isEmpty());
     EXPECT_FALSE(FileSystemInfo::isOnNetworkFileSystem(m_home.path()));
 }

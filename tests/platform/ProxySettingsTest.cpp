@@ -108,14 +108,14 @@ TEST(ProxySettings, NoProxyListsExemptHostsAndTheirSubdomains)
 TEST(ProxySettings, EnvironmentThenKdeThenGnome)
 {
     TestHome home;
-    const QString kioslaverc = QDir(home.path()).filePath(QStringLiteral("config/kioslaverc"));
+    const QString kioslaverc = QDir(home.path()).filePath("config/kioslaverc");
     auto settings = [&](const char* kde, Variables variables) {
         QFile::remove(kioslaverc);
         if (*kde) {
-            home.writeFile(QStringLiteral("config/kioslaverc"), kde);
+            home.writeFile("config/kioslaverc", kde);
         }
         QProcessEnvironment env = environment(variables);
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), QFileInfo(kioslaverc).path());
+        env.insert("XDG_CONFIG_HOME", QFileInfo(kioslaverc).path());
         return ProxySettings(env);
     };
     GSettings* gnome = g_settings_new("org.gnome.system.proxy");
@@ -180,8 +180,8 @@ TEST(ProxySettings, EnvironmentThenKdeThenGnome)
     }
 
     // Without an absolute XDG_CONFIG_HOME, KDE's file is in HOME's .config.
-    home.writeFile(QStringLiteral("home/.config/kioslaverc"), kde);
-    const QByteArray homePath = QDir(home.path()).filePath(QStringLiteral("home")).toUtf8();
+    home.writeFile("home/.config/kioslaverc", kde);
+    const QByteArray homePath = QDir(home.path()).filePath("home").toUtf8();
     EXPECT_EQ(describe(ProxySettings(environment({{"HOME", homePath.constData()},
                                                   {"XDG_CONFIG_HOME", "relative"}}))
                            .httpProbeProxies()),
@@ -190,9 +190,8 @@ TEST(ProxySettings, EnvironmentThenKdeThenGnome)
     // GNOME's own exceptions and its "none" mode.
     const char* const ignored[] = {"localhost", ".intranet.example.org", nullptr};
     g_settings_set_strv(gnome, "ignore-hosts", ignored);
-    EXPECT_TRUE(settings("", {})
-                    .proxiesForUrl(QUrl(QStringLiteral("http://wiki.intranet.example.org/")))
-                    .isEmpty());
+    EXPECT_TRUE(
+        settings("", {}).proxiesForUrl(QUrl("http://wiki.intranet.example.org/")).isEmpty());
     g_settings_reset(gnome, "mode");
     EXPECT_TRUE(settings("", {}).httpProbeProxies().isEmpty());
     g_object_unref(gnomeHttp);

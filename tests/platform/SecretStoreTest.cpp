@@ -29,43 +29,35 @@ TEST(FileSecretStoreTest, KeepsSecretsForTheUserOnly)
 {
     TestHome home;
     FileSecretStore store;
-    ASSERT_TRUE(
-        store.write(QStringLiteral("svc"), QStringLiteral("ann"), QByteArray("s\0ecret", 7)).ok());
-    ASSERT_TRUE(store.write(QStringLiteral("svc"), QStringLiteral("bob"), "b").ok());
-    ASSERT_TRUE(store.write(QStringLiteral("svc"), QStringLiteral("ann"), "replaced").ok());
+    ASSERT_TRUE(store.write("svc", "ann", QByteArray("s\0ecret", 7)).ok());
+    ASSERT_TRUE(store.write("svc", "bob", "b").ok());
+    ASSERT_TRUE(store.write("svc", "ann", "replaced").ok());
 
     EXPECT_EQ(modeOf(store.filePath()), 0600u);
     EXPECT_EQ(modeOf(QFileInfo(store.filePath()).absolutePath()), 0700u);
     EXPECT_TRUE(store.filePath().startsWith(home.path()));
-    EXPECT_FALSE(QFileInfo::exists(store.filePath() + QStringLiteral(".new")));
+    EXPECT_FALSE(QFileInfo::exists(store.filePath() + ".new"));
     EXPECT_FALSE(contentsOf(store.filePath()).contains("replaced")); // not in plain text at least
 
-    EXPECT_EQ(store.read(QStringLiteral("svc"), QStringLiteral("ann")).secret,
-              QByteArray("replaced"));
-    EXPECT_EQ(
-        FileSecretStore(store.filePath()).read(QStringLiteral("svc"), QStringLiteral("bob")).secret,
-        QByteArray("b"));
-    EXPECT_EQ(store.read(QStringLiteral("other"), QStringLiteral("ann")).status,
-              SecretStore::Status::NotFound);
+    EXPECT_EQ(store.read("svc", "ann").secret, QByteArray("replaced"));
+    EXPECT_EQ(FileSecretStore(store.filePath()).read("svc", "bob").secret, QByteArray("b"));
+    EXPECT_EQ(store.read("other", "ann").status, SecretStore::Status::NotFound);
 
-    EXPECT_TRUE(store.remove(QStringLiteral("svc"), QStringLiteral("ann")).ok());
-    EXPECT_EQ(store.remove(QStringLiteral("svc"), QStringLiteral("ann")).status,
-              SecretStore::Status::NotFound);
-    EXPECT_TRUE(store.read(QStringLiteral("svc"), QStringLiteral("bob")).ok());
+    EXPECT_TRUE(store.remove("svc", "ann").ok());
+    EXPECT_EQ(store.remove("svc", "ann").status, SecretStore::Status::NotFound);
+    EXPECT_TRUE(store.read("svc", "bob").ok());
 }
 
 TEST(FileSecretStoreTest, ADamagedFileIsKeptAsideAndWritingGoesOn)
 {
     TestHome home;
-    FileSecretStore store(home.writeFile(QStringLiteral("Secrets/logins.json"), "{broken"));
-    EXPECT_EQ(store.read(QStringLiteral("s"), QStringLiteral("a")).status,
-              SecretStore::Status::Failed);
-    ASSERT_TRUE(store.write(QStringLiteral("s"), QStringLiteral("a"), "x").ok());
-    EXPECT_EQ(store.read(QStringLiteral("s"), QStringLiteral("a")).secret, QByteArray("x"));
-    const QStringList aside = QDir(home.path() + QStringLiteral("/Secrets"))
-                                  .entryList({QStringLiteral("logins.json.damaged-*")});
+    FileSecretStore store(home.writeFile("Secrets/logins.json", "{broken"));
+    EXPECT_EQ(store.read("s", "a").status, SecretStore::Status::Failed);
+    ASSERT_TRUE(store.write("s", "a", "x").ok());
+    EXPECT_EQ(store.read("s", "a").secret, QByteArray("x"));
+    const QStringList aside = QDir(home.path() + "/Secrets").entryList({"logins.json.damaged-*"});
     ASSERT_EQ(aside.size(), 1);
-    EXPECT_EQ(contentsOf(home.path() + QStringLiteral("/Secrets/") + aside.first()),
+    EXPECT_EQ(contentsOf(home.path() + "/Secrets/" + aside.first()),
               QByteArray("{broken")); // left for the user to rescue
 }
 
@@ -73,17 +65,17 @@ TEST(FileSecretStoreTest, WiderPermissionsAreNarrowedAndLinksAreNotFollowed)
 {
     TestHome home;
     FileSecretStore store;
-    ASSERT_TRUE(store.write(QStringLiteral("s"), QStringLiteral("a"), "x").ok());
+    ASSERT_TRUE(store.write("s", "a", "x").ok());
     ::chmod(QFile::encodeName(store.filePath()).constData(), 0644);
-    EXPECT_TRUE(store.read(QStringLiteral("s"), QStringLiteral("a")).ok());
+    EXPECT_TRUE(store.read("s", "a").ok());
     EXPECT_EQ(modeOf(store.filePath()), 0600u);
 
     // A link planted where the temporary file goes must not redirect the write.
-    const QString target = home.writeFile(QStringLiteral("elsewhere.txt"), "untouched");
-    ASSERT_TRUE(QFile::link(target, store.filePath() + QStringLiteral(".new")));
-    ASSERT_TRUE(store.write(QStringLiteral("s"), QStringLiteral("b"), "y").ok());
+    const QString target = home.writeFile("elsewhere.txt", "untouched");
+    ASSERT_TRUE(QFile::link(target, store.filePath() + ".new"));
+    ASSERT_TRUE(store.write("s", "b", "y").ok());
     EXPECT_EQ(contentsOf(target), QByteArray("untouched"));
-    EXPECT_EQ(store.read(QStringLiteral("s"), QStringLiteral("b")).secret, QByteArray("y"));
+    EXPECT_EQ(store.read("s", "b").secret, QByteArray("y"));
 }
 
 // A secret service held in memory; while `hold` is set its answers wait in `pending`.
@@ -92,7 +84,7 @@ public:
     void readSecret(const QString& service, const QString& account, Done done) override
     {
         const auto found = items.find({service, account});
-        answer(found == items.end() ? Result{Status::NotFound, {}, QStringLiteral("none")}
+        answer(found == items.end() ? Result{Status::NotFound, {}, "none"}
                                     : Result{Status::Ok, found->second, {}},
                std::move(done));
     }
@@ -125,7 +117,7 @@ TEST(QtKeychainSecretStoreTest, AServiceThatAppearsLaterIsUsedAndTakesOverTheFil
 {
     TestHome home;
     auto service = std::make_shared<FakeSecretService>();
-    auto file = std::make_shared<FileSecretStore>(home.path() + QStringLiteral("/fallback.json"));
+    auto file = std::make_shared<FileSecretStore>(home.path() + "/fallback.json");
     bool answers = false;
     int probes = 0;
     QtKeychainSecretStore store(
@@ -133,16 +125,16 @@ TEST(QtKeychainSecretStoreTest, AServiceThatAppearsLaterIsUsedAndTakesOverTheFil
 
     SecretStore::Result result;
     auto keep = [&result](const SecretStore::Result& r) { result = r; };
-    store.writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "pw", keep);
+    store.writeSecret("svc", "acc", "pw", keep);
     ASSERT_TRUE(result.ok());
     EXPECT_TRUE(service->items.empty());
-    EXPECT_EQ(file->read(QStringLiteral("svc"), QStringLiteral("acc")).secret, QByteArray("pw"));
+    EXPECT_EQ(file->read("svc", "acc").secret, QByteArray("pw"));
 
     // A failed probe is asked again, and the secret moves over once a service answers.
     answers = true;
     service->hold = true;
     result = {};
-    store.readSecret(QStringLiteral("svc"), QStringLiteral("acc"), keep);
+    store.readSecret("svc", "acc", keep);
     EXPECT_EQ(result.status, SecretStore::Status::Failed) << "no answer while the service waits";
     while (!service->pending.empty()) {
         auto next = std::move(service->pending.front());
@@ -152,16 +144,15 @@ TEST(QtKeychainSecretStoreTest, AServiceThatAppearsLaterIsUsedAndTakesOverTheFil
     EXPECT_GE(probes, 2);
     ASSERT_TRUE(result.ok());
     EXPECT_EQ(result.secret, QByteArray("pw"));
-    EXPECT_EQ((service->items[{QStringLiteral("svc"), QStringLiteral("acc")}]), QByteArray("pw"));
-    EXPECT_EQ(file->read(QStringLiteral("svc"), QStringLiteral("acc")).status,
-              SecretStore::Status::NotFound);
+    EXPECT_EQ((service->items[{"svc", "acc"}]), QByteArray("pw"));
+    EXPECT_EQ(file->read("svc", "acc").status, SecretStore::Status::NotFound);
 
     // A store replaced while its job waits still answers, and touches nothing of its own
     // (a memory checker sees the freed store otherwise).
     result = {};
     auto replaced = std::make_unique<QtKeychainSecretStore>(
         service, file, [] { return true; }, 0);
-    replaced->writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "new", keep);
+    replaced->writeSecret("svc", "acc", "new", keep);
     replaced.reset();
     ASSERT_EQ(service->pending.size(), 1u);
     service->pending.front()();
@@ -177,13 +168,13 @@ TEST(QtKeychainSecretStoreTest, WithoutASecretServiceUsesThePrivateFile)
     EXPECT_FALSE(store.secretServiceAvailable());
     SecretStore::Result result;
     auto keep = [&result](const SecretStore::Result& r) { result = r; };
-    store.writeSecret(QStringLiteral("svc"), QStringLiteral("acc"), "pw", keep);
+    store.writeSecret("svc", "acc", "pw", keep);
     ASSERT_TRUE(result.ok());
     FileSecretStore file;
-    EXPECT_EQ(file.read(QStringLiteral("svc"), QStringLiteral("acc")).secret, QByteArray("pw"));
-    store.readSecret(QStringLiteral("svc"), QStringLiteral("acc"), keep);
+    EXPECT_EQ(file.read("svc", "acc").secret, QByteArray("pw"));
+    store.readSecret("svc", "acc", keep);
     EXPECT_EQ(result.secret, QByteArray("pw"));
-    store.deleteSecret(QStringLiteral("svc"), QStringLiteral("acc"), keep);
+    store.deleteSecret("svc", "acc", keep);
     EXPECT_TRUE(result.ok());
     EXPECT_EQ(modeOf(file.filePath()), 0600u);
     if (bus.isNull()) {

@@ -22,16 +22,15 @@ QByteArray taskDescription(const QString& action, const QString& event,
 {
     QString text = QStringLiteral("ACTION: \"%1\"\nEVENT: \"%2\"").arg(action, event);
     for (auto [key, value] : variables) {
-        if (key == u"path" || key.startsWith(QStringLiteral("RENAMED_FILENAME_"))) {
-            value.replace(u'"', QStringLiteral("\\\""));
+        if (key == u"path" || key.startsWith("RENAMED_FILENAME_")) {
+            value.replace(u'"', "\\\"");
         }
         text += QStringLiteral("\nVARIABLE: \"%1\" \"%2\"").arg(key, value);
     }
     if (!items.isEmpty()) {
-        text += QStringLiteral("\nITEMS:");
+        text += "\nITEMS:";
         for (const QString& item : items) {
-            text +=
-                QStringLiteral(" \"%1\"").arg(QString(item).replace(u'"', QStringLiteral("\\\"")));
+            text += QStringLiteral(" \"%1\"").arg(QString(item).replace(u'"', "\\\""));
         }
     }
     return text.toUtf8();
@@ -42,11 +41,11 @@ public:
     explicit RunnerPipe(const QString& taskFile)
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("PYTHON_PATH"), QStringLiteral("/usr/bin/python3"));
+        environment.insert("PYTHON_PATH", "/usr/bin/python3");
         m_child.setProcessEnvironment(environment);
         m_child.setProcessChannelMode(QProcess::MergedChannels);
-        m_child.setWorkingDirectory(Actions + QStringLiteral("/lib"));
-        m_child.start(QStringLiteral("ruby"), {QStringLiteral("runner.rb"), taskFile});
+        m_child.setWorkingDirectory(Actions + "/lib");
+        m_child.start("ruby", {"runner.rb", taskFile});
         m_child.waitForStarted(10000);
     }
     // The next chunk the child wrote; empty when none came.
@@ -83,10 +82,9 @@ class RunnerPipeTest : public ::testing::TestWithParam<bool> {
 protected:
     QString bundle(const char* ruby, const char* python)
     {
-        const QString folder = m_dir.filePath(QStringLiteral("Test.skbundle"));
+        const QString folder = m_dir.filePath("Test.skbundle");
         QDir().mkpath(folder);
-        QFile file(folder +
-                   (GetParam() ? QStringLiteral("/action.py") : QStringLiteral("/action.rb")));
+        QFile file(folder + (GetParam() ? "/action.py" : "/action.rb"));
         EXPECT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(GetParam() ? python : ruby);
         return folder;
@@ -104,7 +102,7 @@ protected:
 
 TEST_P(RunnerPipeTest, EachLineWaitsForItsAcknowledgement)
 {
-    const QString markers = m_dir.filePath(QStringLiteral("markers"));
+    const QString markers = m_dir.filePath("markers");
     QDir().mkpath(markers);
     const QString action = bundle(R"(def clicked(variables, helper)
   folder = variables["marker_dir"]
@@ -129,8 +127,7 @@ def clicked(variables, helper):
     with open(os.path.join(folder, "chosen"), "w") as handle:
         handle.write(chosen or "")
 )");
-    RunnerPipe child(task(taskDescription(action, QStringLiteral("clicked"),
-                                          {{QStringLiteral("marker_dir"), markers}})));
+    RunnerPipe child(task(taskDescription(action, "clicked", {{"marker_dir", markers}})));
     const auto marker = [&](const char* name) {
         return QFileInfo::exists(QDir(markers).filePath(QString::fromLatin1(name)));
     };
@@ -152,7 +149,7 @@ def clicked(variables, helper):
         child.write(step.answer);
     }
     EXPECT_EQ(child.finish(), 0) << child.output().toStdString();
-    QFile chosen(QDir(markers).filePath(QStringLiteral("chosen")));
+    QFile chosen(QDir(markers).filePath("chosen"));
     ASSERT_TRUE(chosen.open(QIODevice::ReadOnly));
     EXPECT_EQ(chosen.readAll(), "/srv/chosen dir");
 }
@@ -167,27 +164,21 @@ TEST_P(RunnerPipeTest, EventsAndProblemsNoRunThroughTheApplicationHas)
                                   "    helper.begin_message(\"tested\")\n\n\n"
                                   "def authorize(variables, helper):\n"
                                   "    helper.begin_message(\"authorized\")\n");
-    const QStringList file{m_dir.filePath(QStringLiteral("x"))};
+    const QStringList file{m_dir.filePath("x")};
     struct Row {
         QString taskFile;
         int status;
         QString output;
     };
     const Row rows[] = {
-        {task(taskDescription(action, QStringLiteral("test_connection"), {})), 0,
-         QStringLiteral("Begin_Message: tested\n")},
-        {task(taskDescription(action, QStringLiteral("authorize"), {})), 0,
-         QStringLiteral("Begin_Message: authorized\n")},
-        {task(taskDescription(action, QStringLiteral("exploded"), {})), 2,
-         QStringLiteral("Unknown event \"exploded\"")},
-        {task(taskDescription(action, QStringLiteral("dragged"),
-                              {{QStringLiteral("dragged_type"), QStringLiteral("files")}}, file)),
-         2, QStringLiteral("has no handler for the event \"dragged\"")},
-        {task(taskDescription(m_dir.filePath(QStringLiteral("Gone.skbundle")),
-                              QStringLiteral("clicked"), {})),
-         2, QStringLiteral("No action script at")},
-        {m_dir.filePath(QStringLiteral("task-missing")), 2,
-         QStringLiteral("Cannot read the task description file")},
+        {task(taskDescription(action, "test_connection", {})), 0, "Begin_Message: tested\n"},
+        {task(taskDescription(action, "authorize", {})), 0, "Begin_Message: authorized\n"},
+        {task(taskDescription(action, "exploded", {})), 2, "Unknown event \"exploded\""},
+        {task(taskDescription(action, "dragged", {{"dragged_type", "files"}}, file)), 2,
+         "has no handler for the event \"dragged\""},
+        {task(taskDescription(m_dir.filePath("Gone.skbundle"), "clicked", {})), 2,
+         "No action script at"},
+        {m_dir.filePath("task-missing"), 2, "Cannot read the task description file"},
     };
     for (const Row& row : rows) {
         RunnerPipe child(row.taskFile);
@@ -203,8 +194,8 @@ INSTANTIATE_TEST_SUITE_P(Languages, RunnerPipeTest, ::testing::Values(false, tru
 TEST(FileActionsPipe, CopyModifierAndRenamedNames)
 {
     QTemporaryDir dir;
-    const QDir source(dir.filePath(QStringLiteral("source")));
-    const QDir destination(dir.filePath(QStringLiteral("dest")));
+    const QDir source(dir.filePath("source"));
+    const QDir destination(dir.filePath("dest"));
     QDir().mkpath(destination.path());
     for (const char* name : {"a.txt", "b.txt", "c.txt", "d", "keep.txt", "draft.txt"}) {
         QDir().mkpath(source.path());
@@ -212,113 +203,78 @@ TEST(FileActionsPipe, CopyModifierAndRenamedNames)
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(name);
     }
-    QFile(destination.filePath(QStringLiteral("taken.txt"))).open(QIODevice::WriteOnly);
-    const auto items = [&](const QStringList& names) {
-        QStringList paths;
-        for (const QString& name : names) {
-            paths << source.filePath(name);
-        }
-        return paths;
-    };
-    using Variables = QList<std::pair<QString, QString>>;
+    QFile(destination.filePath("taken.txt")).open(QIODevice::WriteOnly);
+    // Names apart by blanks, variables as KEY=VALUE|..., "%1" in the output for the folder.
     struct Row {
         const char* type;
-        QStringList names;
+        QString names;
         QString folder;
-        Variables variables;
+        QString variables;
         QString output;
     };
+    const QString dest = destination.path();
     const Row rows[] = {
         // Dropped with the copy modifier, the moving actions copy.
-        {"Move Files",
-         {QStringLiteral("keep.txt")},
-         destination.path(),
-         {{QStringLiteral("OPERATION"), QStringLiteral("NSDragOperationCopy")}},
-         QStringLiteral("Finish_Message: Copied keep.txt to dest\n")},
+        {"Move Files", "keep.txt", dest, "OPERATION=NSDragOperationCopy",
+         "Finish_Message: Copied keep.txt to dest"},
         // Names count the items from 0; "c.txt" keeps its own.
-        {"Rename & Copy Files",
-         {QStringLiteral("a.txt"), QStringLiteral("b.txt"), QStringLiteral("c.txt"),
-          QStringLiteral("d")},
-         destination.path(),
-         {{QStringLiteral("RENAMED_FILENAME_0"), QStringLiteral("first name.txt")},
-          {QStringLiteral("RENAMED_FILENAME_1"), QStringLiteral("say \"b\".txt")},
-          {QStringLiteral("RENAMED_FILENAME_3"), QStringLiteral("taken.txt")}},
-         QStringLiteral("Begin_Message: Copying a.txt as first name.txt (1 of 4)\n")},
-        {"Rename & Move Files",
-         {QStringLiteral("a.txt"), QStringLiteral("b.txt")},
-         destination.path(),
-         {{QStringLiteral("RENAMED_FILENAME_0"), QStringLiteral("fine.txt")},
-          {QStringLiteral("RENAMED_FILENAME_1"), QStringLiteral("sub/dir.txt")}},
-         QStringLiteral("Fail: \"sub/dir.txt\" cannot be used as a name\n")},
-        {"Rename & Move Files",
-         {QStringLiteral("a.txt")},
-         destination.path(),
-         {{QStringLiteral("RENAMED_FILENAME_0"), QStringLiteral("..")}},
-         QStringLiteral("Fail: \"..\" cannot be used as a name\n")},
-        {"Rename & Move Files",
-         {QStringLiteral("draft.txt")},
-         source.path(),
-         {{QStringLiteral("RENAMED_FILENAME_0"), QStringLiteral("final.txt")}},
-         QStringLiteral("Finish_Message: Moved draft.txt as final.txt to source\n")},
+        {"Rename & Copy Files", "a.txt b.txt c.txt d", dest,
+         "RENAMED_FILENAME_0=first name.txt|RENAMED_FILENAME_1=say \"b\".txt|"
+         "RENAMED_FILENAME_3=taken.txt",
+         "Begin_Message: Copying a.txt as first name.txt (1 of 4)"},
+        {"Rename & Move Files", "a.txt b.txt", dest,
+         "RENAMED_FILENAME_0=fine.txt|RENAMED_FILENAME_1=sub/dir.txt",
+         "Fail: \"sub/dir.txt\" cannot be used as a name"},
+        {"Rename & Move Files", "a.txt", dest, "RENAMED_FILENAME_0=..",
+         "Fail: \"..\" cannot be used as a name"},
+        {"Rename & Move Files", "draft.txt", source.path(), "RENAMED_FILENAME_0=final.txt",
+         "Finish_Message: Moved draft.txt as final.txt to source"},
         // The application refuses such tiles; the action checks again.
-        {"Copy Files",
-         {QStringLiteral("a.txt")},
-         dir.filePath(QStringLiteral("gone")),
-         {},
-         QStringLiteral("Fail: The destination folder %1 does not exist\n")
-             .arg(dir.filePath(QStringLiteral("gone")))},
-        {"Move Files",
-         {QStringLiteral("a.txt")},
-         source.filePath(QStringLiteral("a.txt")),
-         {},
-         QStringLiteral("Fail: The destination %1 is not a folder\n")
-             .arg(source.filePath(QStringLiteral("a.txt")))},
-        {"Copy Files",
-         {QStringLiteral("a.txt")},
-         QStringLiteral("relative/folder"),
-         {},
-         QStringLiteral("Fail: The destination relative/folder is not an absolute path\n")},
-        {"Move Files",
-         {QStringLiteral("a.txt")},
-         QString(),
-         {},
-         QStringLiteral("Fail: No destination folder is set for Move Files\n")},
-        {"Copy Files",
-         {},
-         destination.path(),
-         {{QStringLiteral("dragged_type"), QStringLiteral("text")}},
-         QStringLiteral("Fail: Copy Files takes files and folders, not text\n")},
+        {"Copy Files", "a.txt", dir.filePath("gone"), "",
+         "Fail: The destination folder %1 does not exist"},
+        {"Move Files", "a.txt", source.filePath("a.txt"), "",
+         "Fail: The destination %1 is not a folder"},
+        {"Copy Files", "a.txt", "relative/folder", "",
+         "Fail: The destination %1 is not an absolute path"},
+        {"Move Files", "a.txt", QString(), "", "Fail: No destination folder is set for Move Files"},
+        {"Copy Files", "", dest, "dragged_type=text",
+         "Fail: Copy Files takes files and folders, not text"},
     };
     int index = 0;
     for (const Row& row : rows) {
-        Variables variables = row.variables;
-        if (!row.folder.isNull()) {
-            variables.prepend({QStringLiteral("path"), row.folder});
+        QList<std::pair<QString, QString>> variables;
+        QStringList items;
+        for (const QString& name : row.names.split(u' ', Qt::SkipEmptyParts)) {
+            items << source.filePath(name);
         }
-        if (!row.names.isEmpty()) {
-            variables.prepend({QStringLiteral("dragged_type"), QStringLiteral("files")});
+        if (!items.isEmpty()) {
+            variables.emplace_back("dragged_type", "files");
+        }
+        if (!row.folder.isNull()) {
+            variables.emplace_back("path", row.folder);
+        }
+        for (const QString& pair : row.variables.split(u'|', Qt::SkipEmptyParts)) {
+            variables.emplace_back(pair.section(u'=', 0, 0), pair.section(u'=', 1));
         }
         const QString taskFile = dir.filePath(QStringLiteral("task-%1").arg(++index));
         QFile file(taskFile);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(taskDescription(Actions + QStringLiteral("/%1.skbundle").arg(row.type),
-                                   QStringLiteral("dragged"), variables,
-                                   row.names.isEmpty() ? QStringList{QStringLiteral("some text")}
-                                                       : items(row.names)));
+                                   "dragged", variables,
+                                   items.isEmpty() ? QStringList{"some text"} : items));
         file.close();
         RunnerPipe child(taskFile);
         EXPECT_EQ(child.finish(), 0);
-        EXPECT_TRUE(QString::fromUtf8(child.output()).contains(row.output))
-            << row.output << " in " << child.output().toStdString();
+        const QString output =
+            (row.output.contains("%1") ? row.output.arg(row.folder) : row.output) + u'\n';
+        EXPECT_TRUE(QString::fromUtf8(child.output()).contains(output))
+            << output << " in " << child.output().toStdString();
     }
     EXPECT_EQ(destination.entryList(QDir::Files, QDir::Name),
-              (QStringList{QStringLiteral("c.txt"), QStringLiteral("first name.txt"),
-                           QStringLiteral("keep.txt"), QStringLiteral("say \"b\".txt"),
-                           QStringLiteral("taken 2.txt"), QStringLiteral("taken.txt")}));
+              (QStringList{"c.txt", "first name.txt", "keep.txt", "say \"b\".txt", "taken 2.txt",
+                           "taken.txt"}));
     EXPECT_EQ(source.entryList(QDir::Files, QDir::Name),
-              (QStringList{QStringLiteral("a.txt"), QStringLiteral("b.txt"),
-                           QStringLiteral("c.txt"), QStringLiteral("d"),
-                           QStringLiteral("final.txt"), QStringLiteral("keep.txt")}));
+              (QStringList{"a.txt", "b.txt", "c.txt", "d", "final.txt", "keep.txt"}));
 }
 
 } // namespace

@@ -28,9 +28,9 @@ protected:
     // Adds the action in this test's language, under a name of its own, and runs it.
     SkResult run(const QString& name, const QString& body, const QStringList& arguments = {})
     {
-        const QString action = name + (python() ? QStringLiteral("Py") : QStringLiteral("Rb"));
+        const QString action = name + (python() ? "Py" : "Rb");
         EXPECT_TRUE(app->addScriptAction(action, body, python())) << action;
-        return app->sk(QStringList{QStringLiteral("run"), action} + arguments);
+        return app->sk(QStringList{"run", action} + arguments);
     }
 
     static inline HeadlessApp* app = nullptr;
@@ -64,45 +64,37 @@ else:
     helper.text("dumped"))";
     const QString body = QString::fromUtf8(python() ? py : ruby);
     // The tile's folder must exist, or the tile takes no drop.
-    const QString folder = app->path(QStringLiteral("data/Skelvo/../../dir \"x\""));
+    const QString folder = app->path("data/Skelvo/../../dir \"x\"");
     QDir().mkpath(folder);
-    ASSERT_EQ(run(QStringLiteral("Dump"), body).out, QStringLiteral("saved\n"));
-    const QString action = python() ? QStringLiteral("DumpPy") : QStringLiteral("DumpRb");
+    ASSERT_EQ(run("Dump", body).out, "saved\n");
+    const QString action = python() ? "DumpPy" : "DumpRb";
 
     QStringList files;
-    for (const QString& name :
-         {QStringLiteral("a \"quoted\" name.txt"), QStringLiteral("ends with backslash\\"),
-          QStringLiteral("has \" \" inside"), QStringLiteral("back\\\"slash quote"),
-          QStringLiteral("ünïcödé ✓"), QStringLiteral("rel")}) {
+    for (const char* name : {"a \"quoted\" name.txt", "ends with backslash\\", "has \" \" inside",
+                             "back\\\"slash quote", "ünïcödé ✓", "rel"}) {
         files << app->writeFile(name, "x");
     }
-    const QString text =
-        QStringLiteral("He said \"hi\" \"there\"\nVARIABLE: \"not\" \"a variable\"\nends\n");
+    const QString text = "He said \"hi\" \"there\"\nVARIABLE: \"not\" \"a variable\"\nends\n";
     struct Drop {
         QStringList arguments;
         QStringList items;
         const char* type;
     };
-    for (const Drop& drop :
-         {Drop{files.mid(0, 5) + QStringList{QStringLiteral("rel")}, files, "files"},
-          Drop{{QStringLiteral("--text"), text}, {text}, "text"}}) {
-        const SkResult result =
-            app->sk(QStringList{QStringLiteral("run"), action} + drop.arguments);
-        ASSERT_EQ(result.out, QStringLiteral("dumped\n")) << result.err;
-        QFile dump(app->path(QStringLiteral("dump.json")));
+    for (const Drop& drop : {Drop{files.mid(0, 5) + QStringList{"rel"}, files, "files"},
+                             Drop{{"--text", text}, {text}, "text"}}) {
+        const SkResult result = app->sk(QStringList{"run", action} + drop.arguments);
+        ASSERT_EQ(result.out, "dumped\n") << result.err;
+        QFile dump(app->path("dump.json"));
         ASSERT_TRUE(dump.open(QIODevice::ReadOnly));
         const QJsonObject dumped = QJsonDocument::fromJson(dump.readAll()).object();
-        EXPECT_EQ(dumped[QStringLiteral("items")].toVariant().toStringList(), drop.items);
-        const QJsonObject variables = dumped[QStringLiteral("variables")].toObject();
-        EXPECT_EQ(variables[QStringLiteral("dragged_type")].toString(),
-                  QString::fromLatin1(drop.type));
-        EXPECT_EQ(variables[QStringLiteral("multi")].toString(),
-                  QStringLiteral("line one\nline two"));
-        EXPECT_EQ(variables[QStringLiteral("quotes")].toString(),
-                  QStringLiteral("say \"hi\" \" there\""));
+        EXPECT_EQ(dumped["items"].toVariant().toStringList(), drop.items);
+        const QJsonObject variables = dumped["variables"].toObject();
+        EXPECT_EQ(variables["dragged_type"].toString(), QString::fromLatin1(drop.type));
+        EXPECT_EQ(variables["multi"].toString(), "line one\nline two");
+        EXPECT_EQ(variables["quotes"].toString(), "say \"hi\" \" there\"");
         // Written with its quotes escaped; the action gets it back as saved.
-        EXPECT_EQ(variables[QStringLiteral("path")].toString(), folder);
-        EXPECT_EQ(variables[QStringLiteral("key with spaces")].toString(), QStringLiteral("v"));
+        EXPECT_EQ(variables["path"].toString(), folder);
+        EXPECT_EQ(variables["key with spaces"].toString(), "v");
     }
 }
 
@@ -180,11 +172,11 @@ print("a warning", file=sys.stderr)
 subprocess.run(["/bin/echo", "from a child process"], check=True)
 got = subprocess.run(["cat"], stdout=subprocess.PIPE, check=True).stdout
 helper.text(f"child read {len(got)} bytes " + "y" * 300_000))";
-    const SkResult result = run(QStringLiteral("Output"), QString::fromUtf8(python() ? py : ruby));
+    const SkResult result = run("Output", QString::fromUtf8(python() ? py : ruby));
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, QStringLiteral("child read 0 bytes ") + QString(300000, u'y') + u'\n');
+    EXPECT_EQ(result.out, "child read 0 bytes " + QString(300000, u'y') + u'\n');
     EXPECT_TRUE(app->console().contains(
-        QStringLiteral("!! x\nBegin_Message: after\n!! a warning\n!! from a child process\n")))
+        "!! x\nBegin_Message: after\n!! a warning\n!! from a child process\n"))
         << app->console().right(400);
 }
 
@@ -199,13 +191,12 @@ TEST_P(RunnerTest, FailuresReachTheUserWithTheirErrorOutput)
         {"helper.begin_message(\"before\")\nraise \"boom from the action\"",
          "helper.begin_message(\"before\")\nraise ValueError(\"boom from the action\")",
          python()
-             ? QStringList{QStringLiteral("Traceback (most recent call last)"),
-                           QStringLiteral("ValueError: boom from the action"),
-                           QStringLiteral("action.py\", line 11, in dragged")}
-             : QStringList{QStringLiteral("boom from the action (RuntimeError)"),
-                           QStringLiteral("action.rb:11:in `dragged'"), QStringLiteral("\tfrom ")}},
-        {"helper.begin_message(", "helper.begin_message(", {QStringLiteral("SyntaxError")}},
-        {"exit 3", "import sys\nsys.exit(3)", {QStringLiteral("Error: ")}},
+             ? QStringList{"Traceback (most recent call last)", "ValueError: boom from the action",
+                           "action.py\", line 11, in dragged"}
+             : QStringList{"boom from the action (RuntimeError)", "action.rb:11:in `dragged'",
+                           "\tfrom "}},
+        {"helper.begin_message(", "helper.begin_message(", {"SyntaxError"}},
+        {"exit 3", "import sys\nsys.exit(3)", {"Error: "}},
     };
     int index = 0;
     for (const Row& row : rows) {
@@ -225,19 +216,19 @@ TEST(RunnerSetup, InterpretersSingleFileActionsAndTemplates)
 {
     HeadlessApp app;
     // A Python action runs with the interpreter its header names.
-    const QString used = app.path(QStringLiteral("used"));
+    const QString used = app.path("used");
     const QString wrapper = app.writeFile(
-        QStringLiteral("bin/my-python"),
+        "bin/my-python",
         QStringLiteral("#!/bin/sh\necho \"$@\" > '%1'\nexec /usr/bin/python3 \"$@\"\n")
             .arg(used)
             .toUtf8());
     QFile::setPermissions(wrapper, QFile::ReadOwner | QFile::ExeOwner);
-    app.writeFile(QStringLiteral("data/Skelvo/Actions/Single.skelvo"),
+    app.writeFile("data/Skelvo/Actions/Single.skelvo",
                   "# Skelvo Action Info\n# Name: Single\n# Description: One file\n"
                   "# Events: Clicked\n# Creator: Tests\n# URL: https://example.org\n\n"
                   "def clicked(variables, helper)\n  helper.text(RUBY_ENGINE)\nend\n");
     // The templates, as the develop sheet copies them.
-    for (const QString& language : {QStringLiteral("Ruby"), QStringLiteral("Python")}) {
+    for (const char* language : {"Ruby", "Python"}) {
         const QString from =
             QStringLiteral(SKELVO_SOURCE_RESOURCES "/Actions/Custom Action %1 Template.skbundle")
                 .arg(language);
@@ -249,41 +240,31 @@ TEST(RunnerSetup, InterpretersSingleFileActionsAndTemplates)
         }
     }
     ASSERT_TRUE(app.start());
-    ASSERT_TRUE(app.addScriptAction(QStringLiteral("Wrapped"),
-                                    QStringLiteral("helper.text(\"ok\")"), true,
-                                    QStringLiteral("# PythonPath: ") + wrapper));
-    ASSERT_TRUE(app.addScriptAction(QStringLiteral("NoPython"), QStringLiteral("pass"), true,
-                                    QStringLiteral("# PythonPath: /no/such/python3")));
-    EXPECT_EQ(app.sk({QStringLiteral("run"), QStringLiteral("Wrapped")}).out,
-              QStringLiteral("ok\n"));
+    ASSERT_TRUE(
+        app.addScriptAction("Wrapped", "helper.text(\"ok\")", true, "# PythonPath: " + wrapper));
+    ASSERT_TRUE(app.addScriptAction("NoPython", "pass", true, "# PythonPath: /no/such/python3"));
+    EXPECT_EQ(app.sk({"run", "Wrapped"}).out, "ok\n");
     QFile usedFile(used);
     ASSERT_TRUE(usedFile.open(QIODevice::ReadOnly));
     EXPECT_TRUE(usedFile.readAll().contains("skelvo_runner.py"));
-    const SkResult missing = app.sk({QStringLiteral("run"), QStringLiteral("NoPython")});
+    const SkResult missing = app.sk({"run", "NoPython"});
     EXPECT_EQ(missing.status, 1);
-    EXPECT_TRUE(missing.err.contains(
-        QStringLiteral("Cannot start the Python interpreter /no/such/python3")))
+    EXPECT_TRUE(missing.err.contains("Cannot start the Python interpreter /no/such/python3"))
         << missing.err;
 
-    EXPECT_EQ(app.sk({QStringLiteral("add-action"), QStringLiteral("Single")}).status, 0);
-    EXPECT_EQ(app.sk({QStringLiteral("run"), QStringLiteral("Single")}).out,
-              QStringLiteral("ruby\n"));
+    EXPECT_EQ(app.sk({"add-action", "Single"}).status, 0);
+    EXPECT_EQ(app.sk({"run", "Single"}).out, "ruby\n");
 
-    const QString data = app.writeFile(QStringLiteral("data.txt"), "12345");
-    for (const QString& language : {QStringLiteral("Ruby"), QStringLiteral("Python")}) {
+    const QString data = app.writeFile("data.txt", "12345");
+    for (const char* language : {"Ruby", "Python"}) {
         const QString name = QStringLiteral("Custom Action %1 Template").arg(language);
-        EXPECT_EQ(app.sk({QStringLiteral("add-action"), name}).status, 0) << name;
-        EXPECT_EQ(app.sk({QStringLiteral("run"), name, data}).out,
-                  QStringLiteral("Received 1 items with 5 bytes in files\n"));
-        EXPECT_EQ(
-            app.sk({QStringLiteral("run"), name, QStringLiteral("--text"), QStringLiteral("hello")})
-                .out,
-            QStringLiteral("Received 5 characters of text\n"));
-        EXPECT_EQ(app.sk({QStringLiteral("run"), name}).out,
-                  QStringLiteral("Clicked in Skelvo 5.0\n"));
+        EXPECT_EQ(app.sk({"add-action", name}).status, 0) << name;
+        EXPECT_EQ(app.sk({"run", name, data}).out, "Received 1 items with 5 bytes in files\n");
+        EXPECT_EQ(app.sk({"run", name, "--text", "hello"}).out, "Received 5 characters of text\n");
+        EXPECT_EQ(app.sk({"run", name}).out, "Clicked in Skelvo 5.0\n");
     }
     EXPECT_TRUE(app.console().contains(
-        QStringLiteral("Begin_Message: Measuring 1 items\nDeterminate: 1\nProgress: 100\n")));
+        "Begin_Message: Measuring 1 items\nDeterminate: 1\nProgress: 100\n"));
 }
 
 } // namespace
