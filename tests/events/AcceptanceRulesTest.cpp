@@ -251,21 +251,3 @@ TEST(AcceptanceRules, Clicks)
         EXPECT_EQ(AcceptanceRules::clickWouldOnlyOpenConfig(tile, action.get()), row.onlyConfig);
     }
 }
-
-TEST(AcceptanceRules, ClicksOnSharingServices)
-{
-    using Route = AcceptanceRules::ClickRoute;
-    GridAction tile = tileOf("A");
-    ActionFile service;
-    service.isSharingService = true;
-    service.metaDataNotFound = false;
-    service.sharingServiceName = QStringLiteral("Email");
-    EXPECT_EQ(AcceptanceRules::routeClick(tile, &service), Route::SharingService);
-    EXPECT_FALSE(AcceptanceRules::clickWouldOnlyOpenConfig(tile, &service));
-    service.sharingServiceName = QStringLiteral("AirDrop");
-    // This desktop has no AirDrop application, so the service can only be configured.
-    EXPECT_EQ(AcceptanceRules::routeClick(tile, &service), Route::OpenConfig);
-    service.sharingServiceName = QStringLiteral("Email");
-    service.applyHeaderField(QStringLiteral("Events"), QStringLiteral("Dragged"));
-    EXPECT_EQ(AcceptanceRules::routeClick(tile, &service), Route::OpenConfig);
-}
