@@ -27,28 +27,14 @@ QString descriptionOf(const Task* task)
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
-// Counts one notification name on a centre while alive.
-class Counter {
-public:
-    Counter(NotificationCenter& centre, const QString& name)
-        : m_centre(centre)
-        , m_token(centre.addObserver(name, nullptr, [this](const Notification& n) { seen << n; }))
-    {}
-    ~Counter() { m_centre.removeObserver(m_token); }
-    Counter(const Counter&) = delete;
-    Counter& operator=(const Counter&) = delete;
-    QList<Notification> seen;
-
-private:
-    NotificationCenter& m_centre;
-    int m_token;
-};
+QString variable(const Task* task, const char* name)
+{
+    return task->variables.value(QString::fromLatin1(name));
+}
 
 } // namespace
 
-// --- Variables of the created tasks
-
-TEST_F(EventsTest, DroppedFilesCarryTheCopyOperationTheModifierAndTheFilesType)
+TEST_F(EventsTest, TheVariablesAndItemsOfCreatedTasks)
 {
     const GridActionPtr action = store(Files);
     DragInfo drag = files({makeFile(QStringLiteral("a.txt")), makeFile(QStringLiteral("b c.txt"))});
@@ -58,229 +44,162 @@ TEST_F(EventsTest, DroppedFilesCarryTheCopyOperationTheModifierAndTheFilesType)
     ASSERT_EQ(result.outcome, Outcome::StartedTask);
     ASSERT_EQ(started.size(), 1);
     Task* task = result.task;
-    ASSERT_TRUE(task);
     EXPECT_EQ(task->event, QStringLiteral("dragged"));
     EXPECT_EQ(task->items, drag.filePaths);
-    EXPECT_EQ(task->variables.value(QStringLiteral("OPERATION")),
-              QStringLiteral("NSDragOperationCopy"));
-    EXPECT_EQ(task->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
-    EXPECT_EQ(task->variables.value(QStringLiteral("KEY_MODIFIERS")), QStringLiteral("Option"));
-    const QString description = descriptionOf(task);
-    EXPECT_TRUE(description.contains(QStringLiteral("VARIABLE: \"KEY_MODIFIERS\" \"Option\"\n")));
-    EXPECT_TRUE(description.endsWith(
+    EXPECT_EQ(variable(task, "OPERATION"), QStringLiteral("NSDragOperationCopy"));
+    EXPECT_EQ(variable(task, "dragged_type"), QStringLiteral("files"));
+    EXPECT_EQ(variable(task, "KEY_MODIFIERS"), QStringLiteral("Option"));
+    EXPECT_TRUE(descriptionOf(task).endsWith(
         QStringLiteral("ITEMS: \"%1\" \"%2\"").arg(drag.filePaths[0], drag.filePaths[1])));
-    EXPECT_GE(engine->windows().gridClosed, 1);
+    EXPECT_GE(windows().gridClosed, 1);
     // Nothing of the drop stays behind for the next run.
     EXPECT_TRUE(handler->keyModifier().isEmpty());
     EXPECT_FALSE(handler->copyActivated());
     EXPECT_TRUE(handler->pasteboardTypes().isEmpty());
-}
 
-TEST_F(EventsTest, DroppedTextIsTheOneItemOfATextRun)
-{
-    const GridActionPtr action = store(FilesAndText);
+    const GridActionPtr both = store(FilesAndText);
     const QString words = QStringLiteral("say \"hi\" there");
-    const DispatchResult result = handler->performActionDrag(action, text(words));
-    ASSERT_EQ(result.outcome, Outcome::StartedTask);
-    EXPECT_EQ(result.task->items, QStringList{words});
-    EXPECT_EQ(result.task->variables.value(QStringLiteral("dragged_type")), QStringLiteral("text"));
-    EXPECT_TRUE(descriptionOf(result.task).endsWith(QStringLiteral("ITEMS: \"say \"hi\" there\"")));
-}
+    Task* textTask = handler->performActionDrag(both, text(words)).task;
+    ASSERT_TRUE(textTask);
+    EXPECT_EQ(textTask->items, QStringList{words});
+    EXPECT_EQ(variable(textTask, "dragged_type"), QStringLiteral("text"));
+    EXPECT_TRUE(descriptionOf(textTask).endsWith(QStringLiteral("ITEMS: \"say \"hi\" there\"")));
 
-TEST_F(EventsTest, TheDraggedTypeOfARun)
-{
-    const GridActionPtr action = store(FilesAndText);
-    const QString file = makeFile(QStringLiteral("a.txt"));
-    // On the command line an existing path is a file, other words are text, even after a drop.
-    ASSERT_TRUE(handler->performActionDrag(action, files({file})).task);
-    struct Row {
-        QString item;
-        bool viaCmdLine;
-        const char* type;
-    };
-    const Row rows[] = {{file, true, "files"},
-                        {QStringLiteral("no such path"), true, "text"},
-                        {file, false, "text"}}; // outside it only the offered formats decide
-    for (const Row& row : rows) {
-        Task* task = handler->createTaskForAction(action, {row.item}, QStringLiteral("dragged"),
-                                                  row.viaCmdLine);
-        ASSERT_TRUE(task);
-        EXPECT_EQ(task->variables.value(QStringLiteral("dragged_type")),
-                  QString::fromLatin1(row.type))
-            << row.item.toStdString() << row.viaCmdLine;
-        EXPECT_FALSE(task->variables.contains(QStringLiteral("OPERATION")));
+    // On the command line an existing path is a file, other words are text, even after a
+    // drop; outside it only the offered formats decide.
+    const QString file = makeFile(QStringLiteral("c.txt"));
+    const std::tuple<QString, bool, const char*> rows[] = {
+        {file, true, "files"},
+        {QStringLiteral("no such path"), true, "text"},
+        {file, false, "text"}};
+    for (const auto& [item, viaCmdLine, type] : rows) {
+        Task* run =
+            handler->createTaskForAction(both, {item}, QStringLiteral("dragged"), viaCmdLine);
+        ASSERT_TRUE(run);
+        EXPECT_EQ(variable(run, "dragged_type"), QString::fromLatin1(type))
+            << item.toStdString() << viaCmdLine;
+        EXPECT_FALSE(run->variables.contains(QStringLiteral("OPERATION")));
     }
-    Task* intent = handler->runGridAction(action, QStringList{file}, true);
+    Task* intent = handler->runGridAction(both, QStringList{file}, true);
     ASSERT_TRUE(intent);
-    EXPECT_EQ(intent->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
-    Task* textIntent = handler->runGridAction(action, QStringLiteral("a text"), true);
+    EXPECT_EQ(variable(intent, "dragged_type"), QStringLiteral("files"));
+    Task* textIntent = handler->runGridAction(both, QStringLiteral("a text"), true);
     ASSERT_TRUE(textIntent);
-    EXPECT_EQ(textIntent->variables.value(QStringLiteral("dragged_type")), QStringLiteral("text"));
+    EXPECT_EQ(variable(textIntent, "dragged_type"), QStringLiteral("text"));
     EXPECT_EQ(textIntent->items, QStringList{QStringLiteral("a text")});
 }
 
-TEST_F(EventsTest, ADragWithoutItemsLogsAndRunsNothing)
+TEST_F(EventsTest, ClicksGoWhereTheirRouteLeads)
 {
-    const GridActionPtr action = store(Files);
-    LogCapture log;
-    EXPECT_EQ(handler->createTaskForAction(action, {}, QStringLiteral("dragged"), false), nullptr);
-    EXPECT_TRUE(log.contains(
-        QStringLiteral("Error in createTaskForAction: Pasteboard items could not be found")));
-    EXPECT_EQ(handler->runGridAction(action, QStringList{}, true), nullptr);
-    EXPECT_TRUE(started.isEmpty());
-}
-
-// --- Clicks, in their order
-
-TEST_F(EventsTest, AClickOnAScriptStartsAClickedTaskWithoutItems)
-{
-    const GridActionPtr action = store(ClicksOnly);
-    EXPECT_TRUE(EventsHandler::canHandleClickForAction(*action));
-    EXPECT_FALSE(EventsHandler::clickWouldOnlyOpenConfigForAction(*action));
-    const DispatchResult result = handler->performActionClick(action);
-    ASSERT_EQ(result.outcome, Outcome::StartedTask);
-    EXPECT_EQ(result.task->event, QStringLiteral("clicked"));
-    EXPECT_TRUE(result.task->items.isEmpty());
-    EXPECT_FALSE(result.task->variables.contains(QStringLiteral("dragged_type")));
-    EXPECT_EQ(engine->windows().gridClosed, 1);
-}
-
-TEST_F(EventsTest, ClicksOnSpecialTiles)
-{
-    FakeWindowPresenter& windows = engine->windows();
-    EXPECT_EQ(handler->performActionClick(tile(Identifiers::AddToGridTileId)).outcome,
-              Outcome::ShowedAddActionMenu);
-    EXPECT_EQ(windows.addActionMenuShown, 1);
-
-    EXPECT_EQ(handler->performActionClick(tile(100002, QStringLiteral("Drop Bar Files"))).outcome,
-              Outcome::HandedToDropBar);
-    EXPECT_EQ(handler->performActionClick(tile(100003, QStringLiteral("Drop Bar Text"))).outcome,
-              Outcome::HandedToDropBar);
-    EXPECT_EQ(dropbars->clicks, (QList<ActionId>{100002, 100003}));
-
-    EXPECT_EQ(handler->performActionClick(tile(100000, QStringLiteral("Drop Bar Files"))).outcome,
-              Outcome::ShowedDropBarPinned);
-    EXPECT_EQ(windows.dropBarSecondaryShown, 1);
-    EXPECT_EQ(windows.gridClosed, 1);
-    windows.dropBarSecondaryVisible = true;
-    handler->performActionClick(tile(100000, QStringLiteral("Drop Bar Files")));
-    EXPECT_EQ(windows.dropBarSecondaryShown, 1) << "already showing";
-    EXPECT_EQ(windows.gridClosed, 1);
-    EXPECT_TRUE(dropbars->drops.isEmpty());
-    EXPECT_TRUE(started.isEmpty());
-}
-
-TEST_F(EventsTest, ClicksOnSharingServices)
-{
-    const GridActionPtr email = store(Email);
-    EXPECT_EQ(handler->performActionClick(email).outcome, Outcome::HandedToSharingService);
-    EXPECT_EQ(sharing->clicks, QStringList{Email});
-    EXPECT_EQ(engine->windows().gridClosed, 1);
-
-    const GridActionPtr airDrop = store(AirDrop);
-    EXPECT_EQ(handler->performActionClick(airDrop).outcome, Outcome::OpenedActionConfig);
-    const GridActionPtr dropOnly = store(ShareOnDrop);
-    EXPECT_EQ(handler->performActionClick(dropOnly).outcome, Outcome::OpenedActionConfig);
-    EXPECT_EQ(engine->windows().configSheets, (QList<ActionId>{airDrop->aId, dropOnly->aId}));
-    EXPECT_EQ(sharing->clicks, QStringList{Email});
-    EXPECT_EQ(handler->performActionDrag(email, text(QStringLiteral("note"))).outcome,
-              Outcome::HandedToSharingService);
-    EXPECT_EQ(sharing->shared, QStringList{QStringLiteral("Email: text note")});
-}
-
-TEST_F(EventsTest, AClickThatCannotRunOpensTheSettingsSheet)
-{
-    Counter closeSheets((*engine)->notifications, Notifications::CloseActionConfigWindows);
-    const GridActionPtr dragsOnly = store(DragsOnly);
-    EXPECT_TRUE(EventsHandler::clickWouldOnlyOpenConfigForAction(*dragsOnly));
-    EXPECT_FALSE(EventsHandler::canHandleClickForAction(*dragsOnly));
-    const GridActionPtr renameCopy = store(RenameCopy, makeFolder(QStringLiteral("out")));
-    const GridActionPtr missing =
-        store(ClicksOnly, QDir(home->path()).filePath(QStringLiteral("gone")));
-    const GridActionPtr invalid = store(Invalid);
-
-    for (const GridActionPtr& action : {dragsOnly, renameCopy, missing, invalid}) {
-        EXPECT_EQ(handler->performActionClick(action).outcome, Outcome::OpenedActionConfig)
-            << action->type.toStdString();
-    }
-    EXPECT_EQ(engine->windows().configSheets,
-              (QList<ActionId>{dragsOnly->aId, renameCopy->aId, missing->aId, invalid->aId}));
-    EXPECT_EQ(closeSheets.seen.size(), 4);
-    EXPECT_EQ(engine->windows().gridClosed, 4);
-    EXPECT_TRUE(started.isEmpty());
-}
-
-TEST_F(EventsTest, BuiltInActionsGoToTheBuiltInDispatcher)
-{
+    int sheetsClosed = 0;
+    const int observer =
+        (*engine)->notifications.addObserver(Notifications::CloseActionConfigWindows, nullptr,
+                                             [&](const Notification&) { ++sheetsClosed; });
+    const GridActionPtr script = store(ClicksOnly);
     const GridActionPtr openFile = store(OpenFile, makeFile(QStringLiteral("doc.txt")));
-    EXPECT_EQ(handler->performActionClick(openFile).outcome, Outcome::HandedToBuiltIn);
-    const GridActionPtr resize = store(ResizeImages);
-    const QString image = makeFile(QStringLiteral("p.png"));
-    DragInfo drag = files({image});
-    EXPECT_EQ(handler->performActionDrag(resize, drag).outcome, Outcome::HandedToBuiltIn);
     const GridActionPtr appleScript =
         store(RunAppleScript, {}, {{QStringLiteral("handles_option"), QStringLiteral("1")}});
-    EXPECT_EQ(handler->performActionClick(appleScript).outcome, Outcome::HandedToBuiltIn);
-
-    ASSERT_EQ(builtIns->calls.size(), 3);
+    const GridActionPtr dragsOnly = store(DragsOnly);
+    EXPECT_TRUE(EventsHandler::canHandleClickForAction(*script));
+    EXPECT_FALSE(EventsHandler::clickWouldOnlyOpenConfigForAction(*script));
+    EXPECT_TRUE(EventsHandler::clickWouldOnlyOpenConfigForAction(*dragsOnly));
+    EXPECT_FALSE(EventsHandler::canHandleClickForAction(*dragsOnly));
+    const std::pair<GridActionPtr, Outcome> rows[] = {
+        {script, Outcome::StartedTask},
+        {tile(Identifiers::AddToGridTileId), Outcome::ShowedAddActionMenu},
+        {tile(100002, QStringLiteral("Drop Bar Files")), Outcome::HandedToDropBar},
+        {tile(100003, QStringLiteral("Drop Bar Text")), Outcome::HandedToDropBar},
+        {tile(100000, QStringLiteral("Drop Bar Files")), Outcome::ShowedDropBarPinned},
+        {store(Email), Outcome::HandedToSharingService},
+        {openFile, Outcome::HandedToBuiltIn},
+        {appleScript, Outcome::HandedToBuiltIn},
+        {store(AirDrop), Outcome::OpenedActionConfig},
+        {store(ShareOnDrop), Outcome::OpenedActionConfig},
+        {dragsOnly, Outcome::OpenedActionConfig},
+        {store(RenameCopy, makeFolder(QStringLiteral("out"))), Outcome::OpenedActionConfig},
+        {store(ClicksOnly, engine->home().path() + QStringLiteral("/gone")),
+         Outcome::OpenedActionConfig},
+        {store(Invalid), Outcome::OpenedActionConfig}};
+    QList<ActionId> configured;
+    for (const auto& [action, outcome] : rows) {
+        EXPECT_EQ(handler->performActionClick(action).outcome, outcome)
+            << action->type.toStdString();
+        if (outcome == Outcome::OpenedActionConfig) {
+            configured << action->aId;
+        }
+    }
+    EXPECT_EQ(windows().configSheets, configured);
+    EXPECT_EQ(sheetsClosed, configured.size());
+    (*engine)->notifications.removeObserver(observer);
+    // The script, the pinned Drop Bar, the sharing service and each sheet.
+    EXPECT_EQ(windows().gridClosed, 3 + configured.size());
+    EXPECT_EQ(windows().addActionMenuShown, 1);
+    EXPECT_EQ(dropbars->clicks, (QList<ActionId>{100002, 100003}));
+    EXPECT_TRUE(dropbars->drops.isEmpty());
+    EXPECT_EQ(windows().dropBarSecondaryShown, 1);
+    EXPECT_EQ(sharing->clicks, QStringList{Email});
+    ASSERT_EQ(builtIns->calls.size(), 2);
     EXPECT_EQ(builtIns->calls[0].kind, QStringLiteral("click"));
-    EXPECT_EQ(builtIns->calls[0].action->aId, openFile->aId);
-    EXPECT_EQ(builtIns->calls[1].kind, QStringLiteral("files"));
-    EXPECT_EQ(builtIns->calls[1].urls, QList<QUrl>{QUrl::fromLocalFile(image)});
-    EXPECT_FALSE(builtIns->calls[1].completion) << "only monitored runs carry a completion";
-    EXPECT_FALSE(builtIns->calls[1].context);
-    EXPECT_EQ(builtIns->calls[2].action->aId, appleScript->aId);
-    EXPECT_TRUE(started.isEmpty());
+    EXPECT_EQ(builtIns->calls[0].id, openFile->aId);
+    EXPECT_EQ(builtIns->calls[1].id, appleScript->aId);
+    ASSERT_EQ(started.size(), 1);
+    EXPECT_EQ(started[0]->event, QStringLiteral("clicked"));
+    EXPECT_TRUE(started[0]->items.isEmpty());
+    EXPECT_FALSE(started[0]->variables.contains(QStringLiteral("dragged_type")));
+
+    windows().dropBarSecondaryVisible = true;
+    handler->performActionClick(tile(100000, QStringLiteral("Drop Bar Files")));
+    EXPECT_EQ(windows().dropBarSecondaryShown, 1) << "already showing";
 }
 
-TEST_F(EventsTest, WithoutABuiltInRunnerTheUserIsToldAndNothingRuns)
+TEST_F(EventsTest, BuiltInAndSharingDrops)
 {
+    const GridActionPtr resize = store(ResizeImages);
+    const QString image = makeFile(QStringLiteral("p.png"));
+    EXPECT_EQ(handler->performActionDrag(resize, files({image})).outcome, Outcome::HandedToBuiltIn);
+    ASSERT_EQ(builtIns->calls.size(), 1);
+    EXPECT_EQ(builtIns->calls[0].kind, QStringLiteral("files"));
+    EXPECT_EQ(builtIns->calls[0].urls, QList<QUrl>{QUrl::fromLocalFile(image)});
+    EXPECT_FALSE(builtIns->calls[0].completion) << "only monitored runs carry a completion";
+    EXPECT_FALSE(builtIns->calls[0].context);
+    EXPECT_EQ(handler->performActionDrag(store(Email), text(QStringLiteral("note"))).outcome,
+              Outcome::HandedToSharingService);
+    EXPECT_EQ(sharing->shared, QStringList{QStringLiteral("Email: text note")});
+
+    // Without a built-in runner the user is told and nothing runs.
     handler->setBuiltInDispatcher(nullptr);
     const GridActionPtr openFile = store(OpenFile, makeFile(QStringLiteral("doc.txt")));
     EXPECT_EQ(handler->performActionClick(openFile).outcome, Outcome::NotHandled);
-    const GridActionPtr resize = store(ResizeImages);
-    EXPECT_EQ(handler->runGridAction(resize, QStringList{makeFile(QStringLiteral("p.png"))}, true),
-              nullptr);
+    EXPECT_EQ(handler->runGridAction(resize, QStringList{image}, true), nullptr);
     const QList<Alert>& alerts = engine->alerts().alerts;
     ASSERT_EQ(alerts.size(), 2);
     EXPECT_EQ(alerts[0].message, EventsHandler::builtInUnavailableMessage(OpenFile));
     EXPECT_EQ(alerts[1].message, EventsHandler::builtInUnavailableMessage(ResizeImages));
     EXPECT_TRUE(alerts[0].message.contains(QStringLiteral("built-in")));
+    EXPECT_EQ(builtIns->calls.size(), 1);
     EXPECT_TRUE(started.isEmpty());
 }
 
-// --- Drops that do not start a task
-
 TEST_F(EventsTest, DropsOnDropBarTiles)
 {
-    FakeWindowPresenter& windows = engine->windows();
+    const GridActionPtr files100002 = tile(100002, QStringLiteral("Drop Bar Files"));
+    const GridActionPtr text100003 = tile(100003, QStringLiteral("Drop Bar Text"));
     DragInfo drag = files({makeFile(QStringLiteral("a.txt"))});
     drag.modifiers.option = true;
-    EXPECT_EQ(
-        handler->performActionDrag(tile(100002, QStringLiteral("Drop Bar Files")), drag).outcome,
-        Outcome::HandedToDropBar);
-    ASSERT_EQ(dropbars->drops.size(), 1);
-    EXPECT_EQ(dropbars->drops[0].dropBarId, 100002);
-    EXPECT_FALSE(dropbars->drops[0].fromWithinSkelvo);
-    EXPECT_TRUE(dropbars->drops[0].delayPrepareGrid);
-    EXPECT_EQ(windows.gridClosed, 1);
-    EXPECT_EQ(windows.dropBarSecondaryShown, 1);
+    EXPECT_EQ(handler->performActionDrag(files100002, drag).outcome, Outcome::HandedToDropBar);
+    EXPECT_EQ(windows().gridClosed, 1);
+    EXPECT_EQ(windows().dropBarSecondaryShown, 1);
 
     DragInfo inside = text(QStringLiteral("kept"));
     inside.fromWithinSkelvo = true;
-    handler->performActionDrag(tile(100003, QStringLiteral("Drop Bar Text")), inside);
-    ASSERT_EQ(dropbars->drops.size(), 2);
-    EXPECT_TRUE(dropbars->drops[1].fromWithinSkelvo);
-    EXPECT_FALSE(dropbars->drops[1].delayPrepareGrid);
-    EXPECT_EQ(windows.gridClosed, 1) << "a drag from inside leaves the grid open";
+    handler->performActionDrag(text100003, inside);
+    EXPECT_EQ(windows().gridClosed, 1) << "a drag from inside leaves the grid open";
 
     DragInfo clipboard = text(QStringLiteral("pasted"));
     clipboard.isGeneralPasteboard = true;
     dropbars->addResult = false;
-    handler->performActionDrag(tile(100003, QStringLiteral("Drop Bar Text")), clipboard);
-    ASSERT_EQ(dropbars->drops.size(), 3);
-    EXPECT_FALSE(dropbars->drops[2].delayPrepareGrid);
-    EXPECT_EQ(windows.gridClosed, 1) << "nothing was added";
+    handler->performActionDrag(text100003, clipboard);
+    EXPECT_EQ(windows().gridClosed, 1) << "nothing was added";
 
     DragInfo ownStack = files({makeFile(QStringLiteral("b.txt"))});
     ownStack.formats << PasteboardTypes::StackItem;
@@ -289,7 +208,15 @@ TEST_F(EventsTest, DropsOnDropBarTiles)
     EXPECT_EQ(handler->performActionDrag(tile(100004, QStringLiteral("Drop Bar Files")), ownStack)
                   .outcome,
               Outcome::NotHandled);
-    EXPECT_EQ(dropbars->drops.size(), 3);
+    ASSERT_EQ(dropbars->drops.size(), 3);
+    const std::tuple<DropbarId, bool, bool> expected[] = {
+        {100002, false, true}, {100003, true, false}, {100003, false, false}};
+    for (int i = 0; i < 3; ++i) {
+        const auto& [id, within, delay] = expected[i];
+        EXPECT_EQ(dropbars->drops[i].dropBarId, id) << i;
+        EXPECT_EQ(dropbars->drops[i].fromWithinSkelvo, within) << i;
+        EXPECT_EQ(dropbars->drops[i].delayPrepareGrid, delay) << i;
+    }
 }
 
 TEST_F(EventsTest, AHandledDropPlaysTheDropSoundWhenSoundsAreOn)
@@ -310,25 +237,23 @@ TEST_F(EventsTest, DroppingOnAddToGridAddsTilesAfterTheGridCloses)
     (*engine)->storeHooks.prepareGrid = [&] { ++rebuilt; };
     const QString folder = makeFolder(QStringLiteral("Projects"));
     const QString plain = makeFile(QStringLiteral("notes.txt"));
-    const QString singleFileAction = makeFile(QStringLiteral("tool.skelvo"));
     GridDatabase& db = GridDatabase::sharedGridDatabase();
     const qint64 before = db.getNumActions();
 
-    DragInfo drag = files({folder, plain, singleFileAction});
+    DragInfo drag = files({folder, plain, makeFile(QStringLiteral("tool.skelvo"))});
     ASSERT_TRUE(EventsHandler::canHandleDragForAction(*tile(Identifiers::AddToGridTileId), drag));
     EXPECT_EQ(handler->performActionDrag(tile(Identifiers::AddToGridTileId), drag).outcome,
               Outcome::AddingToGrid);
-    EXPECT_EQ(engine->windows().gridClosed, 1);
+    EXPECT_EQ(windows().gridClosed, 1);
     EXPECT_EQ(db.getNumActions(), before) << "not before the grid has closed";
     ASSERT_TRUE(waitUntil([&] { return db.getNumActions() == before + 2 && rebuilt > 0; }));
     QStringList added;
     for (const GridActionPtr& action : db.getAllActions()) {
-        added << action->type + QLatin1Char('=') +
+        added << action->type + u'=' +
                      action->extraVariables.value(GridAction::PathVariable).toString();
     }
-    EXPECT_TRUE(added.contains(MoveFiles + QLatin1Char('=') + folder))
-        << added.join(u'\n').toStdString();
-    EXPECT_TRUE(added.contains(OpenFile + QLatin1Char('=') + plain));
+    EXPECT_TRUE(added.contains(MoveFiles + u'=' + folder)) << added.join(u'\n').toStdString();
+    EXPECT_TRUE(added.contains(OpenFile + u'=' + plain));
     EXPECT_EQ(rebuilt, 1);
 }
 
@@ -340,9 +265,7 @@ TEST_F(EventsTest, PromisedFilesRunTheActionOnceTheyArrive)
     drag.formats = {QStringLiteral("XdndDirectSave0")};
     drag.copyActivated = true;
     drag.modifiers.command = true;
-    drag.receivePromisedFiles = [&](std::function<void(const QStringList&)> callback) {
-        arrived = std::move(callback);
-    };
+    drag.receivePromisedFiles = [&](auto callback) { arrived = std::move(callback); };
     EXPECT_EQ(handler->performActionDrag(action, drag).outcome, Outcome::WaitingForPromisedFiles);
     ASSERT_TRUE(arrived);
     EXPECT_TRUE(started.isEmpty());
@@ -354,15 +277,12 @@ TEST_F(EventsTest, PromisedFilesRunTheActionOnceTheyArrive)
     ASSERT_EQ(started.size(), 2);
     Task* task = started.last();
     EXPECT_EQ(task->items, QStringList{received});
-    EXPECT_EQ(task->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
-    EXPECT_EQ(task->variables.value(QStringLiteral("OPERATION")),
-              QStringLiteral("NSDragOperationCopy"));
-    EXPECT_EQ(task->variables.value(QStringLiteral("KEY_MODIFIERS")), QStringLiteral("Command"));
+    EXPECT_EQ(variable(task, "dragged_type"), QStringLiteral("files"));
+    EXPECT_EQ(variable(task, "OPERATION"), QStringLiteral("NSDragOperationCopy"));
+    EXPECT_EQ(variable(task, "KEY_MODIFIERS"), QStringLiteral("Command"));
 }
 
-// --- The clipboard
-
-TEST_F(EventsTest, TheClipboardsImageRunsAsASavedPng)
+TEST_F(EventsTest, TheClipboardRunsLikeADropAndItsImageAsASavedPng)
 {
     const GridActionPtr action = store(Files);
     DragInfo clipboard;
@@ -380,40 +300,27 @@ TEST_F(EventsTest, TheClipboardsImageRunsAsASavedPng)
     QFile file(saved.filePath());
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.readAll(), clipboard.imageData);
-    EXPECT_EQ(result.task->variables.value(QStringLiteral("dragged_type")),
-              QStringLiteral("files"));
-
+    EXPECT_EQ(variable(result.task, "dragged_type"), QStringLiteral("files"));
     clipboard.imageData.clear();
     EXPECT_EQ(handler->performActionWithClipboardForAction(action, clipboard).outcome,
               Outcome::NotHandled);
-    EXPECT_EQ(started.size(), 1);
-}
 
-TEST_F(EventsTest, TheClipboardsFilesAndTextRunLikeADrop)
-{
     const GridActionPtr both = store(FilesAndText);
-    DragInfo clipboard = files({makeFile(QStringLiteral("a.txt"))});
-    clipboard.isGeneralPasteboard = true;
-    Task* fileTask = handler->performActionWithClipboardForAction(both, clipboard).task;
-    ASSERT_TRUE(fileTask);
-    EXPECT_EQ(fileTask->items, clipboard.filePaths);
-    EXPECT_EQ(fileTask->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
-
+    DragInfo copied = files({makeFile(QStringLiteral("a.txt"))});
     DragInfo words = text(QStringLiteral("copied words"));
-    words.isGeneralPasteboard = true;
-    Task* textTask = handler->performActionWithClipboardForAction(both, words).task;
-    ASSERT_TRUE(textTask);
-    EXPECT_EQ(textTask->items, QStringList{QStringLiteral("copied words")});
-    EXPECT_EQ(textTask->variables.value(QStringLiteral("dragged_type")), QStringLiteral("text"));
-
-    const GridActionPtr filesOnly = store(Files);
-    EXPECT_FALSE(EventsHandler::canHandleClipboardForAction(*filesOnly, words));
-    EXPECT_EQ(handler->performActionWithClipboardForAction(filesOnly, words).outcome,
+    for (DragInfo* info : {&copied, &words}) {
+        info->isGeneralPasteboard = true;
+        Task* task = handler->performActionWithClipboardForAction(both, *info).task;
+        ASSERT_TRUE(task);
+        EXPECT_EQ(task->items, info == &copied ? copied.filePaths : QStringList{words.text});
+        EXPECT_EQ(variable(task, "dragged_type"),
+                  info == &copied ? QStringLiteral("files") : QStringLiteral("text"));
+    }
+    EXPECT_FALSE(EventsHandler::canHandleClipboardForAction(*action, words));
+    EXPECT_EQ(handler->performActionWithClipboardForAction(action, words).outcome,
               Outcome::NotHandled);
-    EXPECT_EQ(started.size(), 2);
+    EXPECT_EQ(started.size(), 3);
 }
-
-// --- Monitored runs
 
 TEST_F(EventsTest, AMonitoredRunCarriesItsContextAndEndsOnce)
 {
@@ -426,7 +333,7 @@ TEST_F(EventsTest, AMonitoredRunCarriesItsContextAndEndsOnce)
     Task* task = started.first();
     EXPECT_EQ(task->folderMonitorContext, context);
     EXPECT_EQ(task->items, QStringList{arrived});
-    EXPECT_EQ(task->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
+    EXPECT_EQ(variable(task, "dragged_type"), QStringLiteral("files"));
     EXPECT_FALSE(task->variables.contains(QStringLiteral("KEY_MODIFIERS")));
     EXPECT_TRUE(handler->isMonitoredRunPending());
 
@@ -444,61 +351,49 @@ TEST_F(EventsTest, AMonitoredRunCarriesItsContextAndEndsOnce)
     EXPECT_FALSE(handler->isMonitoredRunPending());
     handler->finishMonitoredAction();
     EXPECT_EQ(completed, 1);
-}
 
-TEST_F(EventsTest, AMonitoredRunThatCannotStartEndsAtOnce)
-{
-    handler->setBuiltInDispatcher(nullptr);
-    auto context = std::make_shared<RecordingMonitorContext>();
-    int completed = 0;
-    handler->runMonitoredAction(store(ResizeImages), {makeFile(QStringLiteral("a.png"))}, context,
-                                [&] { ++completed; });
-    EXPECT_EQ(completed, 1);
-    EXPECT_EQ(context->finished, 1);
-
-    const GridActionPtr removed = store(Files);
-    ASSERT_TRUE(GridDatabase::sharedGridDatabase().deleteAction(removed->aId));
-    handler->runMonitoredAction(removed, {makeFile(QStringLiteral("b.txt"))}, context,
-                                [&] { ++completed; });
-    settle();
-    EXPECT_EQ(completed, 2);
-    EXPECT_EQ(context->finished, 2);
-}
-
-TEST_F(EventsTest, MonitoredBuiltInAndSharingRunsEndThroughTheirCompletion)
-{
-    auto context = std::make_shared<RecordingMonitorContext>();
-    int completed = 0;
+    // Built-in and sharing runs end through the completion they are handed.
     handler->runMonitoredAction(store(ResizeImages), {makeFile(QStringLiteral("a.png"))}, context,
                                 [&] { ++completed; });
     ASSERT_EQ(builtIns->calls.size(), 1);
     EXPECT_EQ(builtIns->calls[0].context, context);
     ASSERT_TRUE(builtIns->calls[0].completion);
-    EXPECT_EQ(completed, 0);
-    builtIns->calls[0].completion();
     EXPECT_EQ(completed, 1);
-    EXPECT_EQ(context->finished, 1);
-
+    builtIns->calls[0].completion();
     handler->runMonitoredAction(store(Email), {makeFile(QStringLiteral("b.txt"))}, context,
                                 [&] { ++completed; });
     ASSERT_EQ(sharing->completions.size(), 1);
     ASSERT_TRUE(sharing->completions[0]);
-    EXPECT_EQ(completed, 1);
-    sharing->completions[0]();
     EXPECT_EQ(completed, 2);
-    EXPECT_EQ(context->finished, 2);
-}
+    sharing->completions[0]();
+    EXPECT_EQ(completed, 3);
+    EXPECT_EQ(context->finished, 3);
 
-// --- The completion a caller gives a run
+    // One that cannot start ends at once.
+    handler->setBuiltInDispatcher(nullptr);
+    handler->runMonitoredAction(store(ResizeImages), {makeFile(QStringLiteral("c.png"))}, context,
+                                [&] { ++completed; });
+    EXPECT_EQ(completed, 4);
+    const GridActionPtr removed = store(Files);
+    ASSERT_TRUE(GridDatabase::sharedGridDatabase().deleteAction(removed->aId));
+    handler->runMonitoredAction(removed, {arrived}, context, [&] { ++completed; });
+    settle();
+    EXPECT_EQ(completed, 5);
+    EXPECT_EQ(context->finished, 5);
+}
 
 TEST_F(EventsTest, ARunThatStartsNothingStillCallsItsCompletionOnceButLater)
 {
     int completed = 0;
     const auto count = [&] { ++completed; };
     const QString file = makeFile(QStringLiteral("a.txt"));
+    LogCapture log;
     EXPECT_EQ(
         handler->createTaskForAction(store(Files), {}, QStringLiteral("dragged"), true, count),
         nullptr);
+    EXPECT_TRUE(log.contains(
+        QStringLiteral("Error in createTaskForAction: Pasteboard items could not be found")));
+    EXPECT_EQ(handler->runGridAction(store(Files), QStringList{}, true, count), nullptr);
     EXPECT_EQ(handler->runGridAction(tile(4242, QStringLiteral("No Such Action")),
                                      QStringList{file}, true, count),
               nullptr);
@@ -516,9 +411,9 @@ TEST_F(EventsTest, ARunThatStartsNothingStillCallsItsCompletionOnceButLater)
               nullptr);
     EXPECT_EQ(completed, 0) << "never within the call";
     settle();
-    EXPECT_EQ(completed, 6);
+    EXPECT_EQ(completed, 7);
     settle(50);
-    EXPECT_EQ(completed, 6);
+    EXPECT_EQ(completed, 7);
     EXPECT_TRUE(started.isEmpty());
 }
 

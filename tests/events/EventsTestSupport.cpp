@@ -2,88 +2,22 @@
 
 #include "actions/ActionFileParser.h"
 #include "builtin/ActionInfo.h"
-#include "core/Settings.h"
 #include "store/GridDatabase.h"
-#include "store/GridStoreHooks.h"
 #include "tasks/Task.h"
 #include "tests/support/EventLoop.h"
 
-#include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 
 namespace {
 
-// Reads the task description the way the shipped runner does, loads the action's script and
-// calls its function for the event; a returned text becomes the run's text result.
-const char* const TestRunner = R"RUBY(
-description = File.read(ARGV[0])
-action = description[/\AACTION: "(.*)"$/, 1]
-event = description[/^EVENT: "(.*)"$/, 1]
-variables = {}
-description.scan(/^VARIABLE: "(.*?)" "(.*)"$/) { |key, value| variables[key] = value.gsub('\"', '"') }
-items_line = description[/^ITEMS: (.*)\z/, 1]
-items = items_line ? items_line.scan(/"((?:[^"\\]|\\.)*)"/).flatten.map { |item| item.gsub('\"', '"') } : []
-load(File.directory?(action) ? File.join(action, "action.rb") : action)
-$stdout.sync = true
-result = event == "clicked" ? clicked(variables) : dragged(items, variables)
-if result
-  print "Text: #{result}\n"
-  STDIN.gets
-end
-)RUBY";
-
-const char* const CopyToPathScript = R"RUBY(
-require "fileutils"
-def dragged(items, variables)
-  items.each { |item| FileUtils.cp(item, variables["path"]) }
-  File.write(File.join(variables["path"], "variables.txt"),
-             variables.sort.map { |key, value| "#{key}=#{value}\n" }.join)
-  "copied #{items.size}"
-end
-def clicked(variables)
-  File.write(File.join(variables["path"], "clicked.txt"), "clicked")
-  "clicked"
-end
-)RUBY";
-
-// Renames into the folder in "path" with the names from the prompt.
-const char* const RenameScript = R"RUBY(
-require "fileutils"
-def dragged(items, variables)
-  items.each_with_index do |item, index|
-    FileUtils.cp(item, File.join(variables["path"], variables["RENAMED_FILENAME_#{index}"]))
-  end
-  "renamed #{items.size}"
-end
-)RUBY";
-
-QByteArray header(const QString& name, const QString& lines)
-{
-    return QStringLiteral("# Skelvo Action Info\n# Name: %1\n# Description: For the tests\n%2\n")
-        .arg(name, lines)
-        .toUtf8();
-}
-
-void writeBundle(const QString& actionsFolder, const QString& name, const QString& lines,
-                 const QByteArray& script = "def dragged(items, variables); end\n"
-                                            "def clicked(variables); end\n")
-{
-    const QString folder = QDir(actionsFolder).filePath(name + QStringLiteral(".skbundle"));
-    QDir().mkpath(folder);
-    QFile file(QDir(folder).filePath(QStringLiteral("action.rb")));
-    if (file.open(QIODevice::WriteOnly)) {
-        file.write(header(name, lines) + "\n" + script);
-    }
-}
+using namespace EventsTestActions;
 
 ActionFilePtr sharingService(const QString& name, const QString& events)
 {
     auto record = std::make_shared<ActionFile>();
     record->isSharingService = true;
     record->metaDataNotFound = false;
-    record->actionName = name;
-    record->sharingServiceName = name;
+    record->actionName = record->sharingServiceName = name;
     record->taskPath = QStringLiteral("sharing:") + name;
     record->setHandles({DragTypes::Files, DragTypes::Text});
     if (!events.isEmpty()) {
@@ -92,64 +26,55 @@ ActionFilePtr sharingService(const QString& name, const QString& events)
     return record;
 }
 
+ActionInfo builtIn(const QString& name, QList<ActionInfo::Handles> handles,
+                   QList<ActionInfo::Event> events, const char* optionsNib)
+{
+    ActionInfo info;
+    info.name = name;
+    info.handles = std::move(handles);
+    info.events = std::move(events);
+    info.optionsNib = QString::fromLatin1(optionsNib);
+    info.usesSelectedItemNameAndIcon = name == OpenFile;
+    info.menuCategory = 1;
+    return info;
+}
+
+// Writes the bundles into a resources folder of its own and registers the built-ins and
+// sharing services, once for the whole program (before the parser is first used).
 class EventsEnvironment : public testing::Environment {
 public:
     void SetUp() override
     {
-        m_home = std::make_unique<TestHome>();
         m_previousResources = qgetenv("SKELVO_RESOURCES");
-        const QString resources = QDir(m_home->path()).filePath(QStringLiteral("resources"));
-        qputenv("SKELVO_RESOURCES", resources.toUtf8());
+        qputenv("SKELVO_RESOURCES", m_home.path().toUtf8());
         ensureCoreApplication();
-
-        const QString actions = QDir(resources).filePath(QStringLiteral("Actions"));
-        m_home->writeFile(QStringLiteral("resources/Actions/lib/runner.rb"), TestRunner);
-        const QString valid = QStringLiteral("# Creator: tests\n# URL: https://example.org\n");
-        using namespace EventsTestActions;
-        writeBundle(actions, Files,
-                    valid +
-                        QStringLiteral(
-                            "# Handles: Files\n# KeyModifiers: Option, Command, Shift, Control"));
-        writeBundle(actions, Text, valid + QStringLiteral("# Handles: Text"));
-        writeBundle(actions, FilesAndText, valid + QStringLiteral("# Handles: Files, Text"));
-        writeBundle(actions, ClicksOnly,
-                    valid + QStringLiteral("# Handles: Files\n# Events: Clicked"));
-        writeBundle(actions, DragsOnly,
-                    valid + QStringLiteral("# Handles: Files\n# Events: Dragged"));
-        writeBundle(actions, Invalid,
-                    QStringLiteral("# Handles: Files\n# URL: https://example.org"));
-        writeBundle(actions, CopyToPath, valid + QStringLiteral("# Handles: Files, Text"),
-                    CopyToPathScript);
-        writeBundle(actions, RenameMove,
-                    valid + QStringLiteral("# Handles: Files\n# Events: Dragged\n"
-                                           "# OptionsNIB: ChooseFolderRename"),
-                    RenameScript);
-        writeBundle(actions, RenameCopy,
-                    valid + QStringLiteral("# Handles: Files\n# Events: Dragged\n"
-                                           "# OptionsNIB: ChooseFolderRename"),
-                    RenameScript);
-        writeBundle(actions, MoveFiles,
-                    valid + QStringLiteral("# Handles: Files\n# OptionsNIB: ChooseFolder"));
-
-        ActionInfo openFile;
-        openFile.name = OpenFile;
-        openFile.handles = {ActionInfo::Handles::Nothing};
-        openFile.events = {ActionInfo::Event::Clicked};
-        openFile.optionsNib = QStringLiteral("ChooseFile");
-        openFile.usesSelectedItemNameAndIcon = true;
-        openFile.menuCategory = 1;
-        ActionInfo appleScript;
-        appleScript.name = RunAppleScript;
-        appleScript.optionsNib = QStringLiteral("RunAppleScript");
-        appleScript.menuCategory = 1;
-        ActionInfo resize;
-        resize.name = ResizeImages;
-        resize.handles = {ActionInfo::Handles::Files};
-        resize.events = {ActionInfo::Event::Dragged};
-        resize.optionsNib = QStringLiteral("ResizeImages");
-        resize.menuCategory = 1;
+        const QString renaming =
+            QStringLiteral("Handles: Files\n# Events: Dragged\n# OptionsNIB: ChooseFolderRename");
+        const std::pair<QString, QString> bundles[] = {
+            {Files,
+             QStringLiteral("Handles: Files\n# KeyModifiers: Option, Command, Shift, Control")},
+            {FilesAndText, QStringLiteral("Handles: Files, Text")},
+            {ClicksOnly, QStringLiteral("Handles: Files\n# Events: Clicked")},
+            {DragsOnly, QStringLiteral("Handles: Files\n# Events: Dragged")},
+            {Invalid, {}},
+            {RenameMove, renaming},
+            {RenameCopy, renaming},
+            {MoveFiles, QStringLiteral("Handles: Files\n# OptionsNIB: ChooseFolder")}};
+        for (const auto& [name, lines] : bundles) {
+            m_home.writeFile(
+                QStringLiteral("Actions/%1.skbundle/action.rb").arg(name),
+                QStringLiteral("# Skelvo Action Info\n# Name: %1\n# Description: d\n# %2\n%3")
+                    .arg(name, lines.isEmpty() ? QStringLiteral("Handles: Files") : lines,
+                         lines.isEmpty() ? QString() : QStringLiteral("# Creator: c\n# URL: u\n"))
+                    .toUtf8());
+        }
+        using H = ActionInfo::Handles;
+        using E = ActionInfo::Event;
         ActionFileParser& parser = ActionFileParser::shared();
-        provideBuiltInActions(parser, {openFile, appleScript, resize});
+        provideBuiltInActions(parser,
+                              {builtIn(OpenFile, {H::Nothing}, {E::Clicked}, "ChooseFile"),
+                               builtIn(RunAppleScript, {}, {}, "RunAppleScript"),
+                               builtIn(ResizeImages, {H::Files}, {E::Dragged}, "ResizeImages")});
         parser.setSharingServiceProvider([] {
             return ActionFileList{sharingService(AirDrop, {}), sharingService(Email, {}),
                                   sharingService(ShareOnDrop, QStringLiteral("Dragged"))};
@@ -160,13 +85,11 @@ public:
     {
         provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().setSharingServiceProvider({});
-        ActionFileParser::shared().invalidateActionsCache();
         qputenv("SKELVO_RESOURCES", m_previousResources);
-        m_home.reset();
     }
 
 private:
-    std::unique_ptr<TestHome> m_home;
+    TestHome m_home;
     QByteArray m_previousResources;
 };
 
@@ -178,11 +101,7 @@ private:
 void EventsTest::SetUp()
 {
     engine = std::make_unique<TestEngine>();
-    home = &engine->home();
     ASSERT_TRUE(GridDatabase::sharedGridDatabase().loadDatabase());
-    builtIns = std::make_shared<FakeBuiltInDispatcher>();
-    sharing = std::make_shared<FakeSharingDispatcher>();
-    dropbars = std::make_shared<FakeDropbarDispatcher>();
     handler = std::make_unique<EventsHandler>((*engine)->taskContext, (*engine)->storeHooks);
     handler->setBuiltInDispatcher(builtIns);
     handler->setSharingServiceDispatcher(sharing);
@@ -204,21 +123,14 @@ void EventsTest::TearDown()
             delete task.data();
         }
     }
-    home = nullptr;
     engine.reset();
-}
-
-void EventsTest::useRealRunner()
-{
-    Task::setRunnerStarter({});
 }
 
 GridActionPtr EventsTest::store(const QString& type, const QString& path,
                                 const GridActionVariables& variables)
 {
     auto action = std::make_shared<GridAction>();
-    action->type = type;
-    action->name = type;
+    action->type = action->name = type;
     action->categoryId =
         GridDatabase::sharedGridDatabase().getOrCreateFirstCategoryIdForSelectedGrid();
     action->extraVariables = variables;
@@ -238,14 +150,14 @@ GridActionPtr EventsTest::tile(ActionId id, const QString& type)
     return action;
 }
 
-QString EventsTest::makeFile(const QString& relativePath, const QByteArray& contents)
+QString EventsTest::makeFile(const QString& name)
 {
-    return home->writeFile(QStringLiteral("files/") + relativePath, contents);
+    return engine->home().writeFile(QStringLiteral("files/") + name, "x");
 }
 
-QString EventsTest::makeFolder(const QString& relativePath)
+QString EventsTest::makeFolder(const QString& name)
 {
-    const QString path = QDir(home->path()).filePath(QStringLiteral("files/") + relativePath);
+    const QString path = QDir(engine->home().path()).filePath(QStringLiteral("files/") + name);
     QDir().mkpath(path);
     return path;
 }
@@ -256,9 +168,7 @@ void EventsTest::settle(int ms)
         QCoreApplication::sendPostedEvents();
         QCoreApplication::processEvents();
     }
-    if (ms > 0) {
-        spin(ms);
-    }
+    spin(ms);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 

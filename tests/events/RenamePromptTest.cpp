@@ -12,110 +12,113 @@ using namespace EventsTestActions;
 
 namespace {
 
+// Records the command line's answers and finishes, each as "response TEXT" or "finish", with
+// the object they were posted for.
 class RenamePromptTest : public EventsTest {
 protected:
     void SetUp() override
     {
         EventsTest::SetUp();
-        m_responses = (*engine)->distributed.addObserver(
-            CmdLineNotifications::Response, nullptr, [this](const Notification& n) {
-                responses << n.userInfo.value(QStringLiteral("response")).toString();
-                senders << n.object.data();
-            });
-        m_finishes = (*engine)->distributed.addObserver(CmdLineNotifications::Finish, nullptr,
-                                                        [this](const Notification& n) {
-                                                            ++finishes;
-                                                            senders << n.object.data();
-                                                        });
+        for (const QString& name : {CmdLineNotifications::Response, CmdLineNotifications::Finish}) {
+            m_tokens << (*engine)->distributed.addObserver(
+                name, nullptr, [this, name](const Notification& n) {
+                    answers << (name == CmdLineNotifications::Finish
+                                    ? QStringLiteral("finish")
+                                    : n.userInfo.value(QStringLiteral("response")).toString());
+                    senders << n.object.data();
+                });
+        }
         destination = makeFolder(QStringLiteral("out"));
     }
     void TearDown() override
     {
-        (*engine)->distributed.removeObserver(m_responses);
-        (*engine)->distributed.removeObserver(m_finishes);
+        for (int token : std::as_const(m_tokens)) {
+            (*engine)->distributed.removeObserver(token);
+        }
         EventsTest::TearDown();
     }
-    FakeWindowPresenter& windows() { return engine->windows(); }
-    QStringList titles() const
+    QStringList titles()
     {
         QStringList result;
-        for (const RenamePrompt& prompt : engine->windows().renamePrompts) {
+        for (const RenamePrompt& prompt : windows().renamePrompts) {
             result << prompt.title;
         }
         return result;
     }
+    QPointer<Task> runFromCmdLine(const QString& type, std::function<void()> completion = {})
+    {
+        return handler->createTaskForAction(store(type, destination),
+                                            {makeFile(QStringLiteral("a.txt"))},
+                                            QStringLiteral("dragged"), true, std::move(completion));
+    }
 
     QString destination;
-    QStringList responses;
-    int finishes = 0;
-    QList<QObject*> senders; // of the responses and finishes, in order
+    QStringList answers;
+    QList<QObject*> senders;
 
 private:
-    int m_responses = 0;
-    int m_finishes = 0;
+    QList<int> m_tokens;
 };
 
 } // namespace
 
-TEST_F(RenamePromptTest, ThreeFilesAreAskedForInTurnAndTheNamesReachTheTask)
+TEST_F(RenamePromptTest, ThreeItemsAreAskedForInTurnAndTheNamesReachTheTask)
 {
-    const GridActionPtr action = store(RenameMove, destination);
     const QStringList items = {makeFile(QStringLiteral("a.tar.gz")),
                                makeFolder(QStringLiteral("Photos")),
                                makeFile(QStringLiteral(".hidden"))};
     windows().setNextRename(QStringLiteral("Report \"final\".tar.gz"));
+    windows().setNextRename(QString()); // asks for the same item again
     windows().setNextRename(QStringLiteral("Pictures"));
     windows().setNextRename(QStringLiteral("visible"));
 
-    const DispatchResult result = handler->performActionDrag(action, files(items));
+    const DispatchResult result =
+        handler->performActionDrag(store(RenameMove, destination), files(items));
     ASSERT_EQ(result.outcome, Outcome::StartedTask);
     Task* task = result.task;
-    ASSERT_TRUE(task);
     EXPECT_TRUE(handler->isRenamePromptOpen());
     EXPECT_EQ(handler->pendingTask(), task);
     EXPECT_TRUE(started.isEmpty()) << "nothing runs before the names are in";
     EXPECT_EQ(windows().gridClosed, 1);
     settle();
 
-    EXPECT_EQ(titles(), (QStringList{QStringLiteral("Rename and Move Files (1 of 3)"),
-                                     QStringLiteral("Rename and Move Files (2 of 3)"),
-                                     QStringLiteral("Rename and Move Files (3 of 3)")}));
-    // Label, proposed name and the selected part before the last extension, per item.
+    // Title, label, proposed name and the selected part before the last extension.
+    const std::tuple<const char*, const char*, const char*, int> expected[] = {
+        {"Rename and Move Files (1 of 3)", "New Filename:", "a.tar.gz", 5},
+        {"Rename and Move Files (2 of 3)", "New Folder Name:", "Photos", 6},
+        {"Rename and Move Files (2 of 3)", "New Folder Name:", "Photos", 6},
+        {"Rename and Move Files (3 of 3)", "New Filename:", ".hidden", 7}};
     const QList<RenamePrompt>& prompts = windows().renamePrompts;
-    ASSERT_EQ(prompts.size(), 3);
-    const std::tuple<const char*, const char*, int> expected[] = {{"New Filename:", "a.tar.gz", 5},
-                                                                  {"New Folder Name:", "Photos", 6},
-                                                                  {"New Filename:", ".hidden", 7}};
-    for (int i = 0; i < 3; ++i) {
-        const auto& [label, name, selected] = expected[i];
+    ASSERT_EQ(prompts.size(), 4);
+    for (int i = 0; i < 4; ++i) {
+        const auto& [title, label, name, selected] = expected[i];
+        EXPECT_EQ(prompts[i].title, QString::fromLatin1(title)) << i;
         EXPECT_EQ(prompts[i].label, QString::fromLatin1(label)) << i;
         EXPECT_EQ(prompts[i].proposedName, QString::fromLatin1(name)) << i;
         EXPECT_EQ(prompts[i].selectionLength, selected) << i;
-        EXPECT_EQ(prompts[i].itemNumber, i + 1);
     }
 
     ASSERT_EQ(started.size(), 1);
     EXPECT_EQ(started.first(), task);
-    EXPECT_EQ(task->variables.value(QStringLiteral("RENAMED_FILENAME_0")),
-              QStringLiteral("Report \\\"final\\\".tar.gz"));
-    EXPECT_EQ(task->variables.value(QStringLiteral("RENAMED_FILENAME_1")),
-              QStringLiteral("Pictures"));
-    EXPECT_EQ(task->variables.value(QStringLiteral("RENAMED_FILENAME_2")),
-              QStringLiteral("visible"));
+    const char* names[] = {"Report \\\"final\\\".tar.gz", "Pictures", "visible"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(task->variables.value(QStringLiteral("RENAMED_FILENAME_%1").arg(i)),
+                  QString::fromLatin1(names[i]));
+    }
+    EXPECT_FALSE(task->variables.contains(QStringLiteral("RENAMED_FILENAME_3")));
     EXPECT_EQ(task->items, items);
     EXPECT_FALSE(handler->isRenamePromptOpen());
     EXPECT_TRUE(handler->renamedFilenames().isEmpty());
-    EXPECT_TRUE(responses.isEmpty());
+    EXPECT_TRUE(answers.isEmpty());
 }
 
-TEST_F(RenamePromptTest, CancellingAtTheSecondItemDropsTheWholeRun)
+TEST_F(RenamePromptTest, CancellingADropDropsTheWholeRunAndNobodyIsAnswered)
 {
-    const GridActionPtr action = store(RenameMove, destination);
     windows().setNextRename(QStringLiteral("one"));
     windows().setNextRenameCancelled();
     const QPointer<Task> task =
         handler
-            ->performActionDrag(action,
+            ->performActionDrag(store(RenameMove, destination),
                                 files({makeFile(QStringLiteral("1")), makeFile(QStringLiteral("2")),
                                        makeFile(QStringLiteral("3"))}))
             .task;
@@ -126,52 +129,76 @@ TEST_F(RenamePromptTest, CancellingAtTheSecondItemDropsTheWholeRun)
     EXPECT_FALSE(handler->isRenamePromptOpen());
     EXPECT_TRUE(handler->renamedFilenames().isEmpty());
     EXPECT_TRUE(task.isNull()) << "the dropped task is released";
-    EXPECT_TRUE(responses.isEmpty()) << "nobody on the command line is waiting";
-    EXPECT_EQ(finishes, 0);
-}
+    EXPECT_TRUE(answers.isEmpty());
 
-TEST_F(RenamePromptTest, ACommandLineRunThatIsCancelledIsAnsweredAndFinishedOnce)
-{
-    const GridActionPtr action = store(RenameMove, destination);
+    // A cancelled monitored run ends the monitored run.
+    auto context = std::make_shared<RecordingMonitorContext>();
     int completed = 0;
-    const QPointer<Task> task =
-        handler->createTaskForAction(action, {makeFile(QStringLiteral("a.txt"))},
-                                     QStringLiteral("dragged"), true, [&] { ++completed; });
-    ASSERT_TRUE(task);
-    Task* const sender = task;
-    EXPECT_TRUE(handler->renameViaCmdLine());
-    EXPECT_EQ(task->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
+    windows().setNextRenameCancelled();
+    handler->runMonitoredAction(store(RenameMove, destination), {makeFile(QStringLiteral("a"))},
+                                context, [&] { ++completed; });
+    EXPECT_EQ(completed, 0);
     settle();
-    ASSERT_EQ(windows().pendingRenamePrompts.size(), 1);
-    EXPECT_EQ(titles(), QStringList{QStringLiteral("Rename and Move File")});
-    windows().pendingRenamePrompts.takeFirst()({RenameAnswer::Kind::Cancelled, {}});
-    EXPECT_EQ(responses, QStringList{EventsHandler::RenameCancelledResponse});
-    EXPECT_EQ(finishes, 1);
-    EXPECT_EQ(senders, (QList<QObject*>{sender, sender})) << "tied to the request's task";
     settle();
-    EXPECT_TRUE(task.isNull());
-    EXPECT_TRUE(started.isEmpty());
-    EXPECT_EQ(finishes, 1);
     EXPECT_EQ(completed, 1);
+    EXPECT_EQ(context->finished, 1);
+    EXPECT_TRUE(answers.isEmpty());
 }
 
-TEST_F(RenamePromptTest, WithoutADisplayTheCommandLineIsToldWhy)
+TEST_F(RenamePromptTest, ACommandLineRunIsAnsweredAndFinishedOnce)
 {
-    windows().setNextRenameUnavailable(); // as without a display
-    const GridActionPtr action = store(RenameCopy, destination);
-    const QPointer<Task> task = handler->createTaskForAction(
-        action, {makeFile(QStringLiteral("a.txt"))}, QStringLiteral("dragged"), true);
-    ASSERT_TRUE(task);
-    EXPECT_TRUE(responses.isEmpty()) << "the caller gets the task before any answer";
-    settle();
-    EXPECT_EQ(responses, QStringList{EventsHandler::RenameUnavailableResponse});
-    EXPECT_TRUE(responses.first().startsWith(QStringLiteral("Error: ")));
-    EXPECT_EQ(finishes, 1);
-    EXPECT_TRUE(task.isNull());
-    EXPECT_FALSE(handler->isRenamePromptOpen());
+    struct Row {
+        const char* how; // "cancel" in the prompt, "unavailable" (no display), "handler"
+        QString answer;
+        const char* title;
+    };
+    const Row rows[] = {
+        {"cancel", EventsHandler::RenameCancelledResponse, "Rename and Move File"},
+        {"unavailable", EventsHandler::RenameUnavailableResponse, "Rename and Copy File"},
+        {"handler", EventsHandler::RenameCancelledResponse, "Rename and Move File"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.how);
+        const QString how = QString::fromLatin1(row.how);
+        answers.clear();
+        senders.clear();
+        windows().renamePrompts.clear();
+        if (how == u"unavailable") {
+            windows().setNextRenameUnavailable();
+        }
+        int completed = 0;
+        const QPointer<Task> task =
+            runFromCmdLine(how == u"unavailable" ? RenameCopy : RenameMove, [&] { ++completed; });
+        ASSERT_TRUE(task);
+        Task* const sender = task;
+        EXPECT_TRUE(handler->renameViaCmdLine());
+        EXPECT_EQ(task->variables.value(QStringLiteral("dragged_type")), QStringLiteral("files"));
+        EXPECT_TRUE(answers.isEmpty()) << "the caller gets the task before any answer";
+        settle();
+        EXPECT_EQ(titles(), QStringList{QString::fromLatin1(row.title)});
+        if (how != u"unavailable") {
+            ASSERT_EQ(windows().pendingRenamePrompts.size(), 1);
+            const auto answer = windows().pendingRenamePrompts.takeFirst();
+            if (how == u"cancel") {
+                answer({RenameAnswer::Kind::Cancelled, {}});
+            } else {
+                handler->cancelRenamePrompt();
+                answer({RenameAnswer::Kind::Renamed, QStringLiteral("late")}); // ignored
+            }
+        }
+        EXPECT_EQ(answers, (QStringList{row.answer, QStringLiteral("finish")}));
+        EXPECT_EQ(senders, (QList<QObject*>{sender, sender})) << "tied to the request's task";
+        settle();
+        EXPECT_TRUE(task.isNull());
+        EXPECT_TRUE(started.isEmpty());
+        EXPECT_EQ(answers.size(), 2);
+        EXPECT_EQ(completed, 1);
+        EXPECT_FALSE(handler->isRenamePromptOpen());
+    }
+    EXPECT_TRUE(EventsHandler::RenameUnavailableResponse.startsWith(QStringLiteral("Error: ")));
 }
 
-TEST_F(RenamePromptTest, TheVerbFollowsTheActionAndTheCopyDrop)
+TEST_F(RenamePromptTest, TheVerbFollowsTheActionTheCopyDropAndTheLanguage)
 {
     windows().setNextRename(QStringLiteral("x"));
     handler->performActionDrag(store(RenameCopy, destination),
@@ -190,69 +217,14 @@ TEST_F(RenamePromptTest, TheVerbFollowsTheActionAndTheCopyDrop)
     EXPECT_EQ(task->variables.value(QStringLiteral("OPERATION")),
               QStringLiteral("NSDragOperationCopy"));
     EXPECT_EQ(started.size(), 2);
-}
 
-TEST_F(RenamePromptTest, AnEmptyNameAsksForTheSameItemAgain)
-{
-    windows().setNextRename(QString());
-    windows().setNextRename(QStringLiteral("kept.txt"));
-    const Task* task = handler
-                           ->performActionDrag(store(RenameMove, destination),
-                                               files({makeFile(QStringLiteral("a.txt"))}))
-                           .task;
-    settle();
-    EXPECT_EQ(titles().size(), 2);
-    EXPECT_EQ(windows().renamePrompts[1].proposedName, QStringLiteral("a.txt"));
-    ASSERT_EQ(started.size(), 1);
-    EXPECT_EQ(task->variables.value(QStringLiteral("RENAMED_FILENAME_0")),
-              QStringLiteral("kept.txt"));
-    EXPECT_FALSE(task->variables.contains(QStringLiteral("RENAMED_FILENAME_1")));
-}
-
-TEST_F(RenamePromptTest, AnAnswerAfterTheRunWasCancelledIsIgnored)
-{
-    const GridActionPtr action = store(RenameMove, destination);
-    const QPointer<Task> task = handler->createTaskForAction(
-        action, {makeFile(QStringLiteral("a"))}, QStringLiteral("dragged"), true);
-    settle();
-    ASSERT_EQ(windows().pendingRenamePrompts.size(), 1);
-    handler->cancelRenamePrompt();
-    EXPECT_EQ(responses, QStringList{EventsHandler::RenameCancelledResponse});
-    EXPECT_EQ(finishes, 1);
-    windows().pendingRenamePrompts.takeFirst()(
-        {RenameAnswer::Kind::Renamed, QStringLiteral("late")});
-    settle();
-    EXPECT_TRUE(started.isEmpty());
-    EXPECT_TRUE(task.isNull());
-    EXPECT_EQ(finishes, 1);
-}
-
-TEST_F(RenamePromptTest, ACancelledMonitoredRenameEndsTheMonitoredRun)
-{
-    auto context = std::make_shared<RecordingMonitorContext>();
-    int completed = 0;
-    windows().setNextRenameCancelled();
-    handler->runMonitoredAction(store(RenameMove, destination), {makeFile(QStringLiteral("a"))},
-                                context, [&] { ++completed; });
-    EXPECT_EQ(completed, 0);
-    settle();
-    EXPECT_EQ(completed, 1);
-    EXPECT_EQ(context->finished, 1);
-    EXPECT_TRUE(responses.isEmpty());
-    settle();
-    EXPECT_EQ(completed, 1);
-}
-
-TEST_F(RenamePromptTest, OtherLanguagesUseTheShortTitle)
-{
-    EXPECT_EQ(EventsHandler::renamePromptTitle(false, 1, 1),
-              QStringLiteral("Rename and Move File"));
+    // Other languages use the short title; no translation is installed, so the words stay
+    // English.
     const QLocale previous;
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
     const QString many = EventsHandler::renamePromptTitle(true, 2, 3);
     const QString one = EventsHandler::renamePromptTitle(false, 1, 1);
     QLocale::setDefault(previous);
-    // No translation is installed, so the words stay English.
     EXPECT_EQ(many, QStringLiteral("Rename and Copy - (2 of 3)"));
     EXPECT_EQ(one, QStringLiteral("Rename and Move"));
 }

@@ -25,15 +25,12 @@ void FakeWindowPresenter::chooseFolder(const QString& title, const QString& prom
                                        const QString& startFolder,
                                        std::function<void(const QString&)> chosen)
 {
-    FolderRequest request{title, prompt, startFolder, std::move(chosen)};
-    folderRequests << request;
-    if (m_folders.empty()) {
-        pendingFolderRequests << request;
-        return;
+    folderRequests << FolderRequest{title, prompt, startFolder, chosen};
+    if (!m_folders.empty()) {
+        const QString folder = m_folders.front();
+        m_folders.pop_front();
+        chosen(folder);
     }
-    const QString folder = m_folders.front();
-    m_folders.pop_front();
-    request.chosen(folder);
 }
 
 void FakeWindowPresenter::promptForRenamedFilename(

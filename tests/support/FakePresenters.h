@@ -31,8 +31,7 @@ public:
     void openSettingsPage(const QString& page) override { settingsPages << page; }
     void showEditWindowForAction(ActionId actionId) override { editedActions << actionId; }
     void showDebugConsole() override { ++debugConsoleShown; }
-    // Answers with the next queued folder ("" cancels); without one the request waits in
-    // pendingFolderRequests until the test answers it.
+    // Answers with the next queued folder ("" cancels); without one it never answers.
     void chooseFolder(const QString& title, const QString& prompt, const QString& startFolder,
                       std::function<void(const QString&)> chosen) override;
     void setNextFolder(const QString& folder) { m_folders.push_back(folder); }
@@ -64,7 +63,6 @@ public:
     QList<ActionId> editedActions;
     int debugConsoleShown = 0;
     QList<FolderRequest> folderRequests;
-    QList<FolderRequest> pendingFolderRequests;
     int gridClosed = 0;
     int addActionMenuShown = 0;
     bool dropBarSecondaryVisible = false;

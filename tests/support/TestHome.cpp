@@ -44,10 +44,5 @@ LogCapture::~LogCapture()
 
 bool LogCapture::contains(const QString& text) const
 {
-    for (const QString& line : m_lines) {
-        if (line.contains(text)) {
-            return true;
-        }
-    }
-    return false;
+    return !m_lines.filter(text).isEmpty();
 }

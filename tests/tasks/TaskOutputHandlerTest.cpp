@@ -146,16 +146,6 @@ TEST_F(OutputHandlerTest, StatusRowComesWithTheFirstStatusCommand)
     EXPECT_EQ(handler.taskStatus(), row);
 }
 
-TEST_F(OutputHandlerTest, FinishMessageDecidesFailureCaseSensitively)
-{
-    feed("Finish_Message: Upload failed");
-    EXPECT_TRUE(handler.taskFailed());
-    feed("Finish_Message: Failed");
-    EXPECT_FALSE(handler.taskFailed());
-    feed("Finish_Message: an error occurred");
-    EXPECT_TRUE(handler.taskFailed());
-}
-
 TEST_F(OutputHandlerTest, TextResultGoesToClipboardResponseRecentItemsAndFinishes)
 {
     Recorder responses(engine().distributed, CmdLineNotifications::Response);
@@ -290,20 +280,23 @@ TEST_F(OutputHandlerTest, OutputFileReachesTheFolderMonitor)
     EXPECT_EQ(context->paths, QStringList{QStringLiteral("/tmp/ü out.png")});
 }
 
-TEST_F(OutputHandlerTest, SaveValueNeedsAName)
+TEST_F(OutputHandlerTest, FailureWordsSaveValueAndSelectFolder)
 {
+    // Only a lower-case "failed" or "error" in the finish message is a failure.
+    for (const auto& [message, failed] :
+         {std::pair{"Upload failed", true}, {"Failed", false}, {"an error occurred", true}}) {
+        feed(QByteArray("Finish_Message: ") + message);
+        EXPECT_EQ(handler.taskFailed(), failed) << message;
+    }
     feed("Save_Value: orphan");
     EXPECT_EQ(handler.lastCommand(), QStringLiteral("Save_Value"));
     EXPECT_FALSE(task.gridActionVariable(QStringLiteral("orphan")));
-}
-
-TEST_F(OutputHandlerTest, SelectFolderAsksThePresenter)
-{
     feed("Select_Folder: Where to?");
     ASSERT_EQ(presenters.windows().folderRequests.size(), 1);
-    EXPECT_EQ(presenters.windows().folderRequests[0].title, QStringLiteral("Choose Folder"));
-    EXPECT_EQ(presenters.windows().folderRequests[0].prompt, QStringLiteral("Where to?"));
-    EXPECT_EQ(presenters.windows().folderRequests[0].startFolder, QDir::homePath());
+    const auto& request = presenters.windows().folderRequests[0];
+    EXPECT_EQ(request.title, QStringLiteral("Choose Folder"));
+    EXPECT_EQ(request.prompt, QStringLiteral("Where to?"));
+    EXPECT_EQ(request.startFolder, QDir::homePath());
 }
 
 TEST(TaskStatusRows, OverallProgressCountsIndeterminateRowsAsComplete)
