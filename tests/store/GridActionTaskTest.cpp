@@ -13,7 +13,6 @@ protected:
     void SetUp() override
     {
         StoreTest::SetUp();
-        loadInitialDatabase();
         ActionInfo upload;
         upload.name = QStringLiteral("SFTP Upload");
         upload.optionsNib = QStringLiteral("ExtendedLogin");
