@@ -203,60 +203,50 @@ TEST_F(GridActionTest, RefusesWhatItCannotUse)
 
 // --- Services keys
 
-struct KeyRow {
-    const char* label;
-    const char* name;
-    QStringList takenInGrid;
-    QStringList takenElsewhere;
-    const char* expected;
-};
-
-class ServicesKeyTest : public GridActionTest, public testing::WithParamInterface<KeyRow> {};
-
-TEST_P(ServicesKeyTest, TakesTheFirstFreeLetterOrDigit)
+TEST_F(GridActionTest, AServicesKeyIsTheFirstFreeLetterOrDigitOfTheGrid)
 {
-    const KeyRow& row = GetParam();
-    const GridId grid = db().addGridWithName(QStringLiteral("Keys"));
-    const CategoryId category = db().addCategoryWithName(QStringLiteral("C"), grid);
-    const CategoryId otherCategory =
-        db().addCategoryWithName(QStringLiteral("C"), db().addGridWithName(QStringLiteral("E")));
-    for (const auto& [keys, target] :
-         {std::pair{row.takenInGrid, category}, std::pair{row.takenElsewhere, otherCategory}}) {
-        for (const QString& key : keys) {
-            GridAction taken;
-            taken.name = key;
-            taken.type = QStringLiteral("Move Files");
-            taken.servicesKey = key;
-            taken.categoryId = target;
-            ASSERT_NE(db().addAction(taken, {}), 0);
-        }
-    }
-    EXPECT_EQ(GridAction::defaultServicesKeyForName(QString::fromUtf8(row.name), grid),
-              QString::fromUtf8(row.expected));
-}
-
-QStringList everyKey()
-{
-    QStringList keys;
+    QStringList every;
     for (const QChar c : QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789")) {
-        keys << QString(c);
+        every << QString(c);
     }
-    return keys;
+    struct Row {
+        const char* name;
+        QStringList takenInGrid;
+        QStringList takenElsewhere;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {"zip it", {"Z"}, {}, "I"},
+        {"   ", {}, {}, "A"},
+        {"zip it", {}, {}, "Z"},
+        {"zip", {}, {"Z"}, "Z"},
+        {"ab", {"A", "B"}, {}, "C"},
+        {"9 lives", {}, {}, "9"},
+        {"#1", {}, {}, "1"},
+        {"", every, {}, ""},
+        {"abc", every, {}, ""},
+        {"\xc3\xa9t\xc3\xa9", {"T"}, {}, "A"}, // letters outside the list are skipped
+    };
+    for (const Row& row : rows) {
+        const GridId grid = db().addGridWithName(QStringLiteral("Keys"));
+        const GridId elsewhere = db().addGridWithName(QStringLiteral("Elsewhere"));
+        for (const auto& [keys, target] :
+             {std::pair{row.takenInGrid, grid}, std::pair{row.takenElsewhere, elsewhere}}) {
+            const CategoryId category = db().addCategoryWithName(QStringLiteral("C"), target);
+            for (const QString& key : keys) {
+                GridAction taken;
+                taken.name = key;
+                taken.type = QStringLiteral("Move Files");
+                taken.servicesKey = key;
+                taken.categoryId = category;
+                ASSERT_NE(db().addAction(taken, {}), 0);
+            }
+        }
+        EXPECT_EQ(GridAction::defaultServicesKeyForName(QString::fromUtf8(row.name), grid),
+                  QString::fromUtf8(row.expected))
+            << row.name;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ServicesKeyTest,
-    testing::Values(KeyRow{"ZipIt", "zip it", {"Z"}, {}, "I"},
-                    KeyRow{"SpacesOnly", "   ", {}, {}, "A"},
-                    KeyRow{"FirstLetterFree", "zip it", {}, {}, "Z"},
-                    KeyRow{"OtherGridsDoNotCount", "zip", {}, {"Z"}, "Z"},
-                    KeyRow{"FallsBackToTheList", "ab", {"A", "B"}, {}, "C"},
-                    KeyRow{"SkipsLettersOutsideTheList", "\xc3\xa9t\xc3\xa9", {"T"}, {}, "A"},
-                    KeyRow{"Digit", "9 lives", {}, {}, "9"},
-                    KeyRow{"PunctuationSkipped", "#1", {}, {}, "1"},
-                    KeyRow{"AllTakenAndEmptyName", "", everyKey(), {}, ""},
-                    KeyRow{"AllTaken", "abc", everyKey(), {}, ""}),
-    [](const testing::TestParamInfo<KeyRow>& row) { return std::string(row.param.label); });
 
 TEST_F(GridActionTest, KeysAreFreePerGridAndAnActionNeverCollidesWithItself)
 {

@@ -174,55 +174,53 @@ TEST_F(GridDatabaseTest, CategoriesAreNumberedPerGridAndTheFirstIsTheLowestId)
     EXPECT_EQ(db().getFirstCategoryIdForSelectedGrid(), first);
 }
 
-struct PlacementRow {
-    const char* label;
-    QStringList categories;
-    const char* apps;    // category chosen for "Open Application"
-    const char* folders; // for "Copy Files"
-    const char* actions; // for any other type
-};
-
-class PlacementTest : public GridDatabaseTest, public testing::WithParamInterface<PlacementRow> {};
-
-TEST_P(PlacementTest, ChoosesByNameAndFallsBackToTheFirst)
+TEST_F(GridDatabaseTest, NewActionsArePlacedByCategoryNameOrInTheFirst)
 {
-    const PlacementRow& row = GetParam();
-    const GridId grid = selectNewGrid(QStringLiteral("Placement"));
-    QMap<CategoryId, QString> names;
-    for (const QString& name : row.categories) {
-        names.insert(db().addCategoryWithName(name, grid), name);
-    }
-    NotificationCount created(engine().notifications, Notifications::GridCategoryCreated);
-    const auto nameOf = [&](CategoryId id) {
-        return value(QStringLiteral("SELECT name FROM categories WHERE id = %1 AND "
-                                    "grid_id = %2")
-                         .arg(id)
-                         .arg(grid));
+    struct Row {
+        QStringList categories;
+        const char* apps;    // category chosen for "Open Application"
+        const char* folders; // for "Copy Files"
+        const char* actions; // for any other type
     };
-    EXPECT_EQ(nameOf(db().getAppsCategoryIdForSelectedGrid()), QString::fromUtf8(row.apps));
-    EXPECT_EQ(nameOf(db().getFoldersCategoryIdForSelectedGrid()), QString::fromUtf8(row.folders));
-    EXPECT_EQ(nameOf(db().getActionsCategoryIdForSelectedGrid()), QString::fromUtf8(row.actions));
-    EXPECT_EQ(created.count, row.categories.isEmpty() ? 1 : 0);
-    EXPECT_EQ(db().categoriesForGrid(grid).size(),
-              row.categories.isEmpty() ? 1 : row.categories.size());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, PlacementTest,
-    testing::Values(
-        PlacementRow{"Named", {"Apps", "My Folders", "Actions"}, "Apps", "My Folders", "Actions"},
-        PlacementRow{"OnlyTools", {"Tools"}, "Tools", "Tools", "Tools"},
-        PlacementRow{"NoCategory", {}, "Actions", "Actions", "Actions"},
+    const Row rows[] = {
+        {{"Apps", "My Folders", "Actions"}, "Apps", "My Folders", "Actions"},
+        {{"Tools"}, "Tools", "Tools", "Tools"},
+        {{}, "Actions", "Actions", "Actions"}, // made when there is none
         // Contains "applications" in any case; the Actions test takes two spellings only.
-        PlacementRow{"Spellings",
-                     {"Misc", "MY APPLICATIONS", "FOLDERs", "ACTIONS", "actions"},
-                     "MY APPLICATIONS",
-                     "FOLDERs",
-                     "actions"},
-        PlacementRow{"NoSubstringOfActions", {"Other", "My Actions"}, "Other", "Other", "Other"},
+        {{"Misc", "MY APPLICATIONS", "FOLDERs", "ACTIONS", "actions"},
+         "MY APPLICATIONS",
+         "FOLDERs",
+         "actions"},
+        {{"Other", "My Actions"}, "Other", "Other", "Other"},
         // The percent signs are wildcards: a name with none of the words does not match.
-        PlacementRow{"Percent", {"First", "100% app"}, "First", "First", "First"}),
-    [](const testing::TestParamInfo<PlacementRow>& row) { return std::string(row.param.label); });
+        {{"First", "100% app"}, "First", "First", "First"},
+    };
+    for (const Row& row : rows) {
+        const GridId grid = selectNewGrid(QStringLiteral("Placement"));
+        for (const QString& name : row.categories) {
+            db().addCategoryWithName(name, grid);
+        }
+        NotificationCount created(engine().notifications, Notifications::GridCategoryCreated);
+        const auto nameOf = [&](CategoryId id) {
+            return value(
+                QStringLiteral("SELECT name FROM categories WHERE id = %1 AND grid_id = %2")
+                    .arg(id)
+                    .arg(grid));
+        };
+        const std::string label = row.categories.join(u',').toStdString();
+        EXPECT_EQ(nameOf(db().getAppsCategoryIdForSelectedGrid()), QString::fromUtf8(row.apps))
+            << label;
+        EXPECT_EQ(nameOf(db().getFoldersCategoryIdForSelectedGrid()),
+                  QString::fromUtf8(row.folders))
+            << label;
+        EXPECT_EQ(nameOf(db().getActionsCategoryIdForSelectedGrid()),
+                  QString::fromUtf8(row.actions))
+            << label;
+        EXPECT_EQ(created.count, row.categories.isEmpty() ? 1 : 0);
+        EXPECT_EQ(db().categoriesForGrid(grid).size(),
+                  std::max<qsizetype>(row.categories.size(), 1));
+    }
+}
 
 // --- Actions and their variables
 
