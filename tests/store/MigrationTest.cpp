@@ -221,32 +221,22 @@ TEST_F(MigrationTest, AMissingOrUncopiableInitialDatabaseIsReportedOnTheMainLoop
     EXPECT_FALSE(copying.didCopyInitialDb());
 }
 
-class DamagedFileTest : public MigrationTest {
-protected:
-    void SetUp() override
-    {
-        MigrationTest::SetUp();
-        m_engine->home().writeFile(QStringLiteral("data/Skelvo/Actions5.skdb"), damaged);
-        engine().storeHooks.quitApplication = [this] { ++m_quits; };
-        engine().storeHooks.prepareGrid = [this] { ++m_prepared; };
-        engine().storeHooks.createFirstLaunchGridActions = [this] { ++m_filled; };
-        db().loadDatabase();
-        ASSERT_FALSE(db().requiredTablesExist());
-        EXPECT_EQ(readAll(dbPath()), damaged); // opening did not touch it
-    }
-    static QByteArray readAll(const QString& path)
-    {
+TEST_F(MigrationTest, ADamagedFileIsLeftAloneOnCloseAndKeptAsideOnRecreate)
+{
+    const QByteArray damaged = "this is not a database, but the user's only copy";
+    m_engine->home().writeFile(QStringLiteral("data/Skelvo/Actions5.skdb"), damaged);
+    int quits = 0;
+    int prepared = 0;
+    int filled = 0;
+    engine().storeHooks.quitApplication = [&] { ++quits; };
+    engine().storeHooks.prepareGrid = [&] { ++prepared; };
+    engine().storeHooks.createFirstLaunchGridActions = [&] { ++filled; };
+    const auto readAll = [](const QString& path) {
         QFile file(path);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-    const QByteArray damaged = "this is not a database, but the user's only copy";
-    int m_quits = 0;
-    int m_prepared = 0;
-    int m_filled = 0;
-};
-
-TEST_F(DamagedFileTest, IsLeftAloneWhenTheUserCloses)
-{
+    };
+    db().loadDatabase();
+    ASSERT_FALSE(db().requiredTablesExist());
     db().handleDBCorrupt();
     EXPECT_TRUE(alerts().isEmpty()); // asked on the main loop
     processEvents();
@@ -260,18 +250,15 @@ TEST_F(DamagedFileTest, IsLeftAloneWhenTheUserCloses)
                              "previously set up."));
     EXPECT_EQ(alerts().first().buttons,
               (QStringList{QStringLiteral("Close"), QStringLiteral("Recreate Database")}));
-    EXPECT_EQ(m_quits, 1);
+    EXPECT_EQ(quits, 1);
     EXPECT_EQ(readAll(dbPath()), damaged);
-}
 
-TEST_F(DamagedFileTest, IsKeptAsideWhenTheUserRecreates)
-{
     m_engine->alerts().setNextAnswer(1);
     db().handleDBCorrupt();
     processEvents();
-    EXPECT_EQ(m_quits, 0);
-    EXPECT_EQ(m_filled, 1);
-    EXPECT_EQ(m_prepared, 1);
+    EXPECT_EQ(quits, 1);
+    EXPECT_EQ(filled, 1);
+    EXPECT_EQ(prepared, 1);
     EXPECT_TRUE(db().requiredTablesExist());
     EXPECT_TRUE(db().didCopyInitialDb());
     EXPECT_EQ(db().getGrids().size(), 1);
