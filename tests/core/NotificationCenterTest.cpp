@@ -35,7 +35,7 @@ TEST(NotificationCenter, DeliversNameObjectAndUserInfoToMatchingObservers)
     EXPECT_TRUE(seen.isEmpty());
 }
 
-TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold)
+TEST(NotificationCenter, ObserversMayRemoveThemselvesAndDestroyedSendersMatchNothing)
 {
     NotificationCenter center;
     int calls = 0;
@@ -48,20 +48,10 @@ TEST(NotificationCenter, ObserverMayRemoveItselfAndOthersWhileBeingTold)
     });
     second = center.addObserver(QStringLiteral("X"), nullptr,
                                 [&](const Notification&) { calls += 100; });
+    auto sender = std::make_unique<QObject>();
+    center.addObserver(QStringLiteral("X"), sender.get(), [&](const Notification&) { ++calls; });
+    sender.reset();
     center.post(QStringLiteral("X"));
     center.post(QStringLiteral("X"));
     EXPECT_EQ(calls, 1);
-}
-
-TEST(NotificationCenter, SenderFilterDropsDestroyedSenders)
-{
-    NotificationCenter center;
-    int calls = 0;
-    auto sender = std::make_unique<QObject>();
-    const int token = center.addObserver(QStringLiteral("Y"), sender.get(),
-                                         [&](const Notification&) { ++calls; });
-    sender.reset();
-    center.post(QStringLiteral("Y"), nullptr);
-    EXPECT_EQ(calls, 0);
-    center.removeObserver(token);
 }

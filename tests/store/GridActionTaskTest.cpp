@@ -13,7 +13,6 @@ protected:
     void SetUp() override
     {
         StoreTest::SetUp();
-        loadInitialDatabase();
         ActionInfo upload;
         upload.name = QStringLiteral("SFTP Upload");
         upload.optionsNib = QStringLiteral("ExtendedLogin");
@@ -64,48 +63,55 @@ protected:
     GridActionPtr m_action;
 };
 
-TEST_F(GridActionTaskTest, TheFileHoldsTheStoredVariablesAndTheBase64Password)
+TEST_F(GridActionTaskTest, TheFileHoldsTheStoredRecordAndItsPassword)
 {
     ASSERT_TRUE(storePassword(*m_action, QStringLiteral("s3cret pw")));
     const auto task = taskFor(m_action);
-    const auto description = task->generateTaskDescription(false);
-    ASSERT_TRUE(description);
-    const QString base64 = QString::fromLatin1(QByteArrayLiteral("s3cret pw").toBase64());
-    const QString lines[] = {QStringLiteral("VARIABLE: \"password\" \"%1\"\n").arg(base64),
-                             QStringLiteral("VARIABLE: \"password_variable\" \"password\"\n"),
-                             QStringLiteral("VARIABLE: \"server\" \"sftp.example.org\"\n"),
-                             QStringLiteral("VARIABLE: \"remote_path\" \"/var/www\"\n"),
-                             QStringLiteral("VARIABLE: \"path\" \"/home/ann/key \\\"id\\\"\"\n")};
-    for (const QString& line : lines) {
-        EXPECT_TRUE(description->contains(line)) << line.toStdString();
-    }
-    EXPECT_FALSE(description->contains(QStringLiteral("scoped_bookmark")));
-
-    const auto console = task->generateTaskDescription(true);
-    ASSERT_TRUE(console);
-    EXPECT_TRUE(
-        console->contains(QStringLiteral("VARIABLE: \"password\" \"\u2022\u2022\u2022\u2022\"\n")));
-    EXPECT_FALSE(console->contains(base64));
-    EXPECT_TRUE(
-        console->contains(QStringLiteral("VARIABLE: \"username\" \"\u2022\u2022\u2022\u2022\"\n")));
-}
-
-TEST_F(GridActionTaskTest, TheStoredRecordWinsOverTheOneTheTaskWasMadeWith)
-{
-    ASSERT_TRUE(storePassword(*m_action, QStringLiteral("pw")));
-    const auto task = taskFor(m_action);
+    // The stored record wins over the one the task was made with.
     m_action->extraVariables.insert(QStringLiteral("remote_path"), QStringLiteral("/srv/new"));
     ASSERT_TRUE(m_action->update());
     const auto description = task->generateTaskDescription(false);
     ASSERT_TRUE(description);
-    EXPECT_TRUE(description->contains(QStringLiteral("VARIABLE: \"remote_path\" \"/srv/new\"\n")));
-    EXPECT_EQ(task->gridAction->extraVariables.value(QStringLiteral("remote_path")).toString(),
-              QStringLiteral("/srv/new"));
+    for (const QString& line : {QStringLiteral("\"password\" \"czNjcmV0IHB3\"\n"),
+                                QStringLiteral("\"password_variable\" \"password\"\n"),
+                                QStringLiteral("\"server\" \"sftp.example.org\"\n"),
+                                QStringLiteral("\"remote_path\" \"/srv/new\"\n"),
+                                QStringLiteral("\"path\" \"/home/ann/key \\\"id\\\"\"\n")}) {
+        EXPECT_TRUE(description->contains(QStringLiteral("VARIABLE: ") + line))
+            << line.toStdString();
+    }
+    EXPECT_FALSE(description->contains(QStringLiteral("scoped_bookmark")));
     EXPECT_EQ(task->gridActionVariable(QStringLiteral("remote_path")), QStringLiteral("/srv/new"));
+
+    // Variables set through the task are saved.
+    ASSERT_TRUE(task->setGridActionVariable(QStringLiteral("token"), QStringLiteral("t1")));
+    EXPECT_EQ(
+        db().getExtraVariablesForActionId(m_action->aId).value(QStringLiteral("token")).toString(),
+        QStringLiteral("t1"));
+    ASSERT_TRUE(task->removeGridActionVariable(QStringLiteral("token")));
+    EXPECT_FALSE(
+        db().getExtraVariablesForActionId(m_action->aId).contains(QStringLiteral("token")));
+    Task bare(engine().taskContext);
+    EXPECT_FALSE(bare.setGridActionVariable(QStringLiteral("x"), QStringLiteral("y")));
 }
 
-TEST_F(GridActionTaskTest, ADeletedActionDoesNotRun)
+TEST_F(GridActionTaskTest, WithoutItsPasswordOrItsRecordNothingRuns)
 {
+    // An action without a login needs no password.
+    GridActionPtr plain = m_action->copy();
+    plain->type = QStringLiteral("Plain");
+    plain->extraVariables = {{QStringLiteral("path"), QStringLiteral("/data")}};
+    ASSERT_NE(plain->create(), 0);
+    const auto description = taskFor(plain)->generateTaskDescription(false);
+    ASSERT_TRUE(description);
+    EXPECT_TRUE(description->contains(QStringLiteral("VARIABLE: \"path\" \"/data\"\n")));
+    EXPECT_FALSE(description->contains(QStringLiteral("password_variable")));
+    EXPECT_TRUE(m_engine->windows().editedActions.isEmpty());
+
+    // A missing password opens the edit window.
+    EXPECT_FALSE(taskFor(m_action)->generateTaskDescription(false));
+    EXPECT_EQ(m_engine->windows().editedActions, QList<ActionId>{m_action->aId});
+
     ASSERT_TRUE(storePassword(*m_action, QStringLiteral("pw")));
     auto task = taskFor(m_action);
     bool completed = false;
@@ -116,41 +122,7 @@ TEST_F(GridActionTaskTest, ADeletedActionDoesNotRun)
     processEvents();
     EXPECT_TRUE(completed);
     EXPECT_TRUE(task->taskDescriptionPath().isEmpty());
-    EXPECT_TRUE(m_engine->windows().editedActions.isEmpty());
-}
-
-TEST_F(GridActionTaskTest, AMissingPasswordOpensTheEditWindowAndNothingRuns)
-{
-    const auto task = taskFor(m_action);
-    EXPECT_FALSE(task->generateTaskDescription(false));
-    EXPECT_EQ(m_engine->windows().editedActions, QList<ActionId>{m_action->aId});
-}
-
-TEST_F(GridActionTaskTest, AnActionWithoutALoginNeedsNoPassword)
-{
-    GridActionPtr plain = m_action->copy();
-    plain->type = QStringLiteral("Plain");
-    plain->extraVariables = {{QStringLiteral("path"), QStringLiteral("/data")}};
-    ASSERT_NE(plain->create(), 0);
-    const auto description = taskFor(plain)->generateTaskDescription(false);
-    ASSERT_TRUE(description);
-    EXPECT_TRUE(description->contains(QStringLiteral("VARIABLE: \"path\" \"/data\"\n")));
-    EXPECT_FALSE(description->contains(QStringLiteral("password_variable")));
-    EXPECT_TRUE(m_engine->windows().editedActions.isEmpty());
-}
-
-TEST_F(GridActionTaskTest, VariablesSetThroughTheTaskAreSaved)
-{
-    const auto task = taskFor(m_action);
-    ASSERT_TRUE(task->setGridActionVariable(QStringLiteral("token"), QStringLiteral("t1")));
-    EXPECT_EQ(
-        db().getExtraVariablesForActionId(m_action->aId).value(QStringLiteral("token")).toString(),
-        QStringLiteral("t1"));
-    ASSERT_TRUE(task->removeGridActionVariable(QStringLiteral("token")));
-    EXPECT_FALSE(
-        db().getExtraVariablesForActionId(m_action->aId).contains(QStringLiteral("token")));
-    Task bare(engine().taskContext);
-    EXPECT_FALSE(bare.setGridActionVariable(QStringLiteral("x"), QStringLiteral("y")));
+    EXPECT_EQ(m_engine->windows().editedActions.size(), 1);
 }
 
 } // namespace

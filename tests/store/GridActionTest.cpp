@@ -51,7 +51,6 @@ protected:
     void SetUp() override
     {
         StoreTest::SetUp();
-        loadInitialDatabase();
         m_actionIcon = m_engine->home().writeFile(QStringLiteral("res/action-icon.png"),
                                                   QByteArrayLiteral("PNG action"));
         provideBuiltInActions(
@@ -70,30 +69,26 @@ protected:
         ActionFileParser::shared().invalidateActionsCache();
         ActionOptionSchemas::registerSchema(
             {QStringLiteral("ExtendedLogin"), true, QStringLiteral("password"), {}, {}, {}});
-        m_counter =
-            engine().notifications.addObserver(Notifications::GridActionPositionsSaved, nullptr,
-                                               [this](const Notification&) { ++m_saved; });
     }
     void TearDown() override
     {
-        engine().notifications.removeObserver(m_counter);
         ActionOptionSchemas::unregisterSchema(QStringLiteral("ExtendedLogin"));
         provideBuiltInActions(ActionFileParser::shared(), {});
         ActionFileParser::shared().invalidateActionsCache();
-        engine().icons.setPreviewProvider({});
-        engine().icons.setWorkspaceIconProvider({});
         StoreTest::TearDown();
     }
     QString categoryName(CategoryId id)
     {
-        return sqlValue(dbPath(),
-                        QStringLiteral("SELECT name FROM categories WHERE id = %1").arg(id));
+        return value(QStringLiteral("SELECT name FROM categories WHERE id = %1").arg(id));
+    }
+    QString home(const QString& relative) const
+    {
+        return QDir(m_engine->home().path()).filePath(relative);
     }
     QString folder(const QString& relative)
     {
-        const QString path = QDir(m_engine->home().path()).filePath(relative);
-        QDir().mkpath(path);
-        return path;
+        QDir().mkpath(home(relative));
+        return home(relative);
     }
     GridActionPtr saved(const QString& type, const QString& name,
                         const GridActionVariables& variables = {})
@@ -108,13 +103,11 @@ protected:
     }
 
     QString m_actionIcon;
-    int m_counter = 0;
-    int m_saved = 0;
 };
 
 // --- Building from a dropped path
 
-TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
+TEST_F(GridActionTest, ApplicationsGoToTheAppsCategory)
 {
     const QString entry = m_engine->home().writeFile(
         QStringLiteral("apps/org.example.Editor.desktop"),
@@ -134,23 +127,18 @@ TEST_F(GridActionTest, ADesktopEntryBecomesOpenApplicationInTheAppsCategory)
     EXPECT_EQ(action->servicesKey, QStringLiteral("T"));
     EXPECT_TRUE(action->usingDefaultIcon);
     EXPECT_EQ(action->aId, 0);
+
+    // An executable is an application named after its file.
+    const QString image = m_engine->home().writeFile(QStringLiteral("apps/Krita.AppImage"), "ELF");
+    QFile::setPermissions(image, QFile::ReadOwner | QFile::ExeOwner);
+    const GridActionPtr program = GridAction::initWithPath(image);
+    ASSERT_TRUE(program);
+    EXPECT_EQ(program->type, QStringLiteral("Open Application"));
+    EXPECT_EQ(program->name, QStringLiteral("Krita"));
+    EXPECT_EQ(categoryName(program->categoryId), QStringLiteral("Apps"));
 }
 
-TEST_F(GridActionTest, AnExecutableIsAnApplicationNamedAfterItsFile)
-{
-    const QString image =
-        m_engine->home().writeFile(QStringLiteral("apps/Krita.AppImage"), QByteArrayLiteral("\x7f"
-                                                                                            "ELF"));
-    QFile::setPermissions(image, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    const GridActionPtr action = GridAction::initWithPath(image);
-    ASSERT_TRUE(action);
-    EXPECT_EQ(action->type, QStringLiteral("Open Application"));
-    EXPECT_EQ(action->name, QStringLiteral("Krita"));
-    EXPECT_EQ(categoryName(action->categoryId), QStringLiteral("Apps"));
-    EXPECT_EQ(action->position, 0);
-}
-
-TEST_F(GridActionTest, AFolderIsMovedOrCopiedWithTheOptionKey)
+TEST_F(GridActionTest, AFolderIsMovedOrCopiedWithTheOptionKeyAndPlacedLast)
 {
     const QString path = folder(QStringLiteral("Photos.2024"));
     bool optionHeld = false;
@@ -164,25 +152,47 @@ TEST_F(GridActionTest, AFolderIsMovedOrCopiedWithTheOptionKey)
     for (const GridActionPtr& action : {move, copy}) {
         EXPECT_EQ(categoryName(action->categoryId), QStringLiteral("Folders"));
         EXPECT_EQ(action->name, QStringLiteral("Photos.2024")); // a folder keeps its dots
+        EXPECT_EQ(action->position, 0);
     }
+    ASSERT_NE(move->create(), 0);
+    EXPECT_EQ(GridAction::initWithPath(folder(QStringLiteral("B")))->position, 1);
 }
 
-TEST_F(GridActionTest, PlacesAfterTheActionsAlreadyInTheCategory)
+TEST_F(GridActionTest, AGivenActionKeepsItsOwnNameAndIconAndAFileShowsItsPreview)
 {
-    const GridActionPtr first = GridAction::initWithPath(folder(QStringLiteral("A")));
-    ASSERT_TRUE(first);
-    ASSERT_NE(first->create(), 0);
-    const GridActionPtr second = GridAction::initWithPath(folder(QStringLiteral("B")));
-    EXPECT_EQ(second->categoryId, first->categoryId);
-    EXPECT_EQ(second->position, 1);
+    const QString file = m_engine->home().writeFile(QStringLiteral("report.final.pdf"), "pdf");
+    const auto actionOf = [](const char* type) {
+        return ActionFileParser::shared().getActionWithType(QString::fromLatin1(type));
+    };
+    const GridActionPtr resize = GridAction::initWithPath(file, actionOf("Resize Images"));
+    ASSERT_TRUE(resize);
+    EXPECT_EQ(resize->type, QStringLiteral("Resize Images"));
+    EXPECT_EQ(resize->name, QStringLiteral("Resize Images"));
+    EXPECT_EQ(resize->icon, QByteArrayLiteral("PNG action"));
+    EXPECT_EQ(categoryName(resize->categoryId), QStringLiteral("Actions"));
+    const CategoryId chosen = db().addCategoryWithName(QStringLiteral("Mine"), 1);
+    EXPECT_EQ(GridAction::initWithPath(file, actionOf("Resize Images"), false, chosen)->categoryId,
+              chosen);
+
+    int askedSize = 0;
+    engine().icons.setPreviewProvider([&](const QString& path, int size) {
+        askedSize = size;
+        return path == file ? QByteArrayLiteral("preview") : QByteArray();
+    });
+    const GridActionPtr open = GridAction::initWithPath(file, actionOf("Open File"));
+    ASSERT_TRUE(open);
+    EXPECT_EQ(open->icon, QByteArrayLiteral("preview"));
+    EXPECT_EQ(askedSize, 512);
+    EXPECT_EQ(open->name, QStringLiteral("report.final"));
+    // "Open File" is a core file action by no list: it goes to the Actions category.
+    EXPECT_EQ(categoryName(open->categoryId), QStringLiteral("Actions"));
 }
 
 TEST_F(GridActionTest, RefusesWhatItCannotUse)
 {
     LogCapture log;
     const QString file = m_engine->home().writeFile(QStringLiteral("notes.txt"), "text");
-    EXPECT_FALSE(GridAction::initWithPath(
-        QDir(m_engine->home().path()).filePath(QStringLiteral("missing"))));
+    EXPECT_FALSE(GridAction::initWithPath(home(QStringLiteral("missing"))));
     EXPECT_FALSE(GridAction::initWithPath(file)); // a plain file and no action
     auto unknown = std::make_shared<ActionFile>();
     unknown->actionName = QStringLiteral("Nope");
@@ -191,108 +201,58 @@ TEST_F(GridActionTest, RefusesWhatItCannotUse)
         QStringLiteral("Cannot find action with type 'Nope' in GridAction::initWithPath")));
 }
 
-TEST_F(GridActionTest, AGivenActionKeepsItsOwnNameAndIcon)
-{
-    const QString file = m_engine->home().writeFile(QStringLiteral("photo.jpg"), "jpeg");
-    const ActionFilePtr resize =
-        ActionFileParser::shared().getActionWithType(QStringLiteral("Resize Images"));
-    const GridActionPtr placed = GridAction::initWithPath(file, resize);
-    ASSERT_TRUE(placed);
-    EXPECT_EQ(placed->type, QStringLiteral("Resize Images"));
-    EXPECT_EQ(placed->name, QStringLiteral("Resize Images"));
-    EXPECT_EQ(placed->icon, QByteArrayLiteral("PNG action"));
-    EXPECT_EQ(categoryName(placed->categoryId), QStringLiteral("Actions"));
-
-    const CategoryId chosen = db().addCategoryWithName(QStringLiteral("Mine"), 1);
-    EXPECT_EQ(GridAction::initWithPath(file, resize, false, chosen)->categoryId, chosen);
-}
-
-TEST_F(GridActionTest, AChosenFileShowsItsPreview)
-{
-    const QString file = m_engine->home().writeFile(QStringLiteral("report.final.pdf"), "pdf");
-    int askedSize = 0;
-    engine().icons.setPreviewProvider([&](const QString& path, int size) {
-        askedSize = size;
-        return path == file ? QByteArrayLiteral("preview") : QByteArray();
-    });
-    const GridActionPtr placed = GridAction::initWithPath(
-        file, ActionFileParser::shared().getActionWithType(QStringLiteral("Open File")));
-    ASSERT_TRUE(placed);
-    EXPECT_EQ(placed->icon, QByteArrayLiteral("preview"));
-    EXPECT_EQ(askedSize, 512);
-    EXPECT_EQ(placed->name, QStringLiteral("report.final"));
-    // "Open File" is a core file action by no list: it goes to the Actions category.
-    EXPECT_EQ(categoryName(placed->categoryId), QStringLiteral("Actions"));
-}
-
 // --- Services keys
 
-struct KeyRow {
-    const char* label;
-    const char* name;
-    QStringList takenInGrid;
-    QStringList takenElsewhere;
-    const char* expected;
-};
-
-class ServicesKeyTest : public GridActionTest, public testing::WithParamInterface<KeyRow> {};
-
-TEST_P(ServicesKeyTest, TakesTheFirstFreeLetterOrDigit)
+TEST_F(GridActionTest, AServicesKeyIsTheFirstFreeLetterOrDigitOfTheGrid)
 {
-    const KeyRow& row = GetParam();
-    const GridId grid = db().addGridWithName(QStringLiteral("Keys"));
-    const CategoryId category = db().addCategoryWithName(QStringLiteral("C"), grid);
-    const GridId elsewhere = db().addGridWithName(QStringLiteral("Elsewhere"));
-    const CategoryId otherCategory = db().addCategoryWithName(QStringLiteral("C"), elsewhere);
-    for (const auto& [keys, target] :
-         {std::pair{row.takenInGrid, category}, std::pair{row.takenElsewhere, otherCategory}}) {
-        for (const QString& key : keys) {
-            GridAction taken;
-            taken.name = key;
-            taken.type = QStringLiteral("Move Files");
-            taken.servicesKey = key;
-            taken.categoryId = target;
-            ASSERT_NE(db().addAction(taken, {}), 0);
-        }
-    }
-    EXPECT_EQ(GridAction::defaultServicesKeyForName(QString::fromUtf8(row.name), grid),
-              QString::fromUtf8(row.expected));
-}
-
-QStringList everyKey()
-{
-    QStringList keys;
+    QStringList every;
     for (const QChar c : QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789")) {
-        keys << QString(c);
+        every << QString(c);
     }
-    return keys;
+    struct Row {
+        const char* name;
+        QStringList takenInGrid;
+        QStringList takenElsewhere;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {"zip it", {"Z"}, {}, "I"},
+        {"   ", {}, {}, "A"},
+        {"zip it", {}, {}, "Z"},
+        {"zip", {}, {"Z"}, "Z"},
+        {"ab", {"A", "B"}, {}, "C"},
+        {"9 lives", {}, {}, "9"},
+        {"#1", {}, {}, "1"},
+        {"", every, {}, ""},
+        {"abc", every, {}, ""},
+        {"\xc3\xa9t\xc3\xa9", {"T"}, {}, "A"}, // letters outside the list are skipped
+    };
+    for (const Row& row : rows) {
+        const GridId grid = db().addGridWithName(QStringLiteral("Keys"));
+        const GridId elsewhere = db().addGridWithName(QStringLiteral("Elsewhere"));
+        for (const auto& [keys, target] :
+             {std::pair{row.takenInGrid, grid}, std::pair{row.takenElsewhere, elsewhere}}) {
+            const CategoryId category = db().addCategoryWithName(QStringLiteral("C"), target);
+            for (const QString& key : keys) {
+                GridAction taken;
+                taken.name = key;
+                taken.type = QStringLiteral("Move Files");
+                taken.servicesKey = key;
+                taken.categoryId = category;
+                ASSERT_NE(db().addAction(taken, {}), 0);
+            }
+        }
+        EXPECT_EQ(GridAction::defaultServicesKeyForName(QString::fromUtf8(row.name), grid),
+                  QString::fromUtf8(row.expected))
+            << row.name;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ServicesKeyTest,
-    testing::Values(KeyRow{"ZipIt", "zip it", {"Z"}, {}, "I"},
-                    KeyRow{"SpacesOnly", "   ", {}, {}, "A"},
-                    KeyRow{"FirstLetterFree", "zip it", {}, {}, "Z"},
-                    KeyRow{"OtherGridsDoNotCount", "zip", {}, {"Z"}, "Z"},
-                    KeyRow{"FallsBackToTheList", "ab", {"A", "B"}, {}, "C"},
-                    KeyRow{"SkipsLettersOutsideTheList", "\xc3\xa9t\xc3\xa9", {"T"}, {}, "A"},
-                    KeyRow{"Digit", "9 lives", {}, {}, "9"},
-                    KeyRow{"PunctuationSkipped", "#1", {}, {}, "1"},
-                    KeyRow{"AllTakenAndEmptyName", "", everyKey(), {}, ""},
-                    KeyRow{"AllTaken", "abc", everyKey(), {}, ""}),
-    [](const testing::TestParamInfo<KeyRow>& row) { return std::string(row.param.label); });
-
-TEST_F(GridActionTest, TheSelectedGridIsTheDefault)
-{
-    const GridActionPtr zed = saved(QStringLiteral("Move Files"), QStringLiteral("Zed"));
-    ASSERT_TRUE(db().updateServicesKeyForActionId(zed->aId, QStringLiteral("Z")));
-    EXPECT_EQ(GridAction::defaultServicesKeyForName(QStringLiteral("zip")), QStringLiteral("I"));
-}
-
-TEST_F(GridActionTest, AnActionNeverCollidesWithItself)
+TEST_F(GridActionTest, KeysAreFreePerGridAndAnActionNeverCollidesWithItself)
 {
     const GridActionPtr action = saved(QStringLiteral("Move Files"), QStringLiteral("Mover"));
-    db().updateServicesKeyForActionId(action->aId, QStringLiteral("M"));
+    ASSERT_TRUE(db().updateServicesKeyForActionId(action->aId, QStringLiteral("M")));
+    EXPECT_EQ(GridAction::defaultServicesKeyForName(QStringLiteral("mo")), QStringLiteral("O"));
     EXPECT_TRUE(action->isServicesKeyAvailable(QStringLiteral("M")));
     GridAction other;
     other.categoryId = 2; // same grid, other category
@@ -304,10 +264,11 @@ TEST_F(GridActionTest, AnActionNeverCollidesWithItself)
 
 // --- Record, saving and removing
 
-TEST_F(GridActionTest, CreatingStoresRowVariablesAndIcon)
+TEST_F(GridActionTest, CreatingAndUpdatingStoreRowVariablesAndIcon)
 {
     int prepared = 0;
     engine().storeHooks.prepareGrid = [&] { ++prepared; };
+    NotificationCount saved(engine().notifications, Notifications::GridActionPositionsSaved);
     GridActionPtr action = GridAction::initWithPath(folder(QStringLiteral("Inbox")));
     ASSERT_TRUE(action);
     action->icon = QByteArrayLiteral("icon bytes");
@@ -315,34 +276,25 @@ TEST_F(GridActionTest, CreatingStoresRowVariablesAndIcon)
     ASSERT_NE(id, 0);
     EXPECT_EQ(action->aId, id);
     EXPECT_EQ(prepared, 1);
-    EXPECT_EQ(m_saved, 1);
+    EXPECT_EQ(saved.count, 1);
     const GridActionPtr read = db().getGridActionWithId(id);
     ASSERT_TRUE(read);
     EXPECT_EQ(read->name, QStringLiteral("Inbox"));
-    EXPECT_EQ(read->extraVariables.value(QStringLiteral("path")).toString(),
-              action->extraVariables.value(QStringLiteral("path")).toString());
+    EXPECT_EQ(read->extraVariables, action->extraVariables);
     EXPECT_FALSE(read->extraVariables.contains(QStringLiteral("network_volume")));
     EXPECT_EQ(read->icon, QByteArrayLiteral("icon bytes"));
     EXPECT_TRUE(QFileInfo::exists(engine().icons.iconPathForId(id)));
-
     action->create(); // without reload
     EXPECT_EQ(prepared, 1);
+
+    read->extraVariables = {{QStringLiteral("c"), QStringLiteral("3")}};
+    read->name = QStringLiteral("Moved");
+    ASSERT_TRUE(read->update());
+    EXPECT_EQ(db().getGridActionWithId(id)->name, QStringLiteral("Moved"));
+    EXPECT_EQ(db().getExtraVariablesForActionId(id), read->extraVariables);
 }
 
-TEST_F(GridActionTest, UpdatingReplacesTheVariables)
-{
-    const GridActionPtr action = saved(
-        QStringLiteral("Move Files"), QStringLiteral("M"),
-        {{QStringLiteral("a"), QStringLiteral("1")}, {QStringLiteral("b"), QStringLiteral("2")}});
-    action->extraVariables = {{QStringLiteral("c"), QStringLiteral("3")}};
-    action->name = QStringLiteral("Moved");
-    ASSERT_TRUE(action->update());
-    const GridActionPtr read = db().getGridActionWithId(action->aId);
-    EXPECT_EQ(read->name, QStringLiteral("Moved"));
-    EXPECT_EQ(read->extraVariables, action->extraVariables);
-}
-
-TEST_F(GridActionTest, RemovingDeletesRowVariablesIconAndLogin)
+TEST_F(GridActionTest, RemovingDeletesRowVariablesIconAndLoginButNoBundledIcon)
 {
     int prepared = 0;
     int positions = 0;
@@ -350,29 +302,22 @@ TEST_F(GridActionTest, RemovingDeletesRowVariablesIconAndLogin)
     engine().storeHooks.saveGridActionPositions = [&] { ++positions; };
     const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"),
                                        {{QStringLiteral("server"), QStringLiteral("h")}});
+    const GridActionPtr bundled = saved(QStringLiteral("Move Files"), QStringLiteral("B"));
+    bundled->bundledIcon = QStringLiteral("bundled");
     ASSERT_TRUE(engine().icons.saveIcon("i", action->aId));
+    ASSERT_TRUE(engine().icons.saveIcon("i", bundled->aId));
     ASSERT_TRUE(storePassword(*action, QStringLiteral("secret")));
-    m_saved = 0;
+    NotificationCount saved(engine().notifications, Notifications::GridActionPositionsSaved);
     action->remove();
     EXPECT_FALSE(db().getGridActionWithId(action->aId));
     EXPECT_TRUE(db().getExtraVariablesForActionId(action->aId).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(engine().icons.iconPathForId(action->aId)));
-    EXPECT_EQ(readSecretNow(engine().secrets, action->keychainServiceName(),
-                            action->keychainAccountName())
-                  .status,
-              SecretStore::Status::NotFound);
+    EXPECT_FALSE(retrievePassword(*action, false, false));
     EXPECT_EQ(prepared, 1);
     EXPECT_EQ(positions, 1);
-    EXPECT_EQ(m_saved, 1);
-}
-
-TEST_F(GridActionTest, ABundledIconIsNotDeleted)
-{
-    const GridActionPtr action = saved(QStringLiteral("Move Files"), QStringLiteral("B"));
-    action->bundledIcon = QStringLiteral("bundled");
-    ASSERT_TRUE(engine().icons.saveIcon("i", action->aId));
-    action->remove();
-    EXPECT_TRUE(QFileInfo::exists(engine().icons.iconPathForId(action->aId)));
+    EXPECT_EQ(saved.count, 1);
+    bundled->remove();
+    EXPECT_TRUE(QFileInfo::exists(engine().icons.iconPathForId(bundled->aId)));
 }
 
 TEST_F(GridActionTest, RemovingADropbarActionLeavesItToTheDropbarController)
@@ -397,74 +342,45 @@ TEST_F(GridActionTest, RemovingADropbarActionLeavesItToTheDropbarController)
 TEST_F(GridActionTest, APathOnANetworkShareIsFlaggedAndKeepsItsFlagWhenUnmounted)
 {
     const QString share = folder(QStringLiteral("mnt/share"));
-    const QString local = folder(QStringLiteral("local"));
-    const QString table = m_engine->home().writeFile(
-        QStringLiteral("mountinfo"),
-        QStringLiteral("22 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
-                       "95 22 0:61 / %1 rw,relatime - cifs //nas/share rw\n")
-            .arg(QFileInfo(share).canonicalFilePath())
-            .toUtf8());
-    FileSystemInfoOverride mounts(table);
-
+    mountAs(share, "cifs");
     auto action = GridAction::initWithPath(share);
     ASSERT_TRUE(action);
     action->flagNetworkVolume();
     EXPECT_EQ(action->extraVariables.value(QStringLiteral("network_volume")).toString(),
               QStringLiteral("1"));
-    EXPECT_TRUE(action->isNetworkVolume());
 
     QDir(share).removeRecursively(); // the share is gone
     action->flagNetworkVolume();
     EXPECT_TRUE(action->isNetworkVolume());
-    EXPECT_FALSE(action->isReferencedPathMissing());
-    EXPECT_TRUE(action->isReferencedPathMissingIncludingNetworkVolumes());
-
-    action->extraVariables.insert(QStringLiteral("path"), local);
+    action->extraVariables.insert(QStringLiteral("path"), folder(QStringLiteral("local")));
     action->flagNetworkVolume();
     EXPECT_FALSE(action->extraVariables.contains(QStringLiteral("network_volume")));
 
     // Actions without a chosen folder are not looked at.
     GridAction resize;
     resize.type = QStringLiteral("Resize Images");
-    resize.extraVariables = {{QStringLiteral("path"), QFileInfo(share).absolutePath()},
+    resize.extraVariables = {{QStringLiteral("path"), folder(QStringLiteral("mnt"))},
                              {QStringLiteral("network_volume"), QStringLiteral("1")}};
     resize.flagNetworkVolume();
     EXPECT_TRUE(resize.isNetworkVolume());
-}
 
-struct MissingRow {
-    const char* label;
-    bool exists;
-    bool network;
-    bool missing;
-    bool missingIncludingNetwork;
-};
-
-class MissingPathTest : public GridActionTest, public testing::WithParamInterface<MissingRow> {};
-
-TEST_P(MissingPathTest, CountsNetworkVolumesOnlyWhenAsked)
-{
-    GridAction action;
-    action.extraVariables.insert(
-        QStringLiteral("path"),
-        GetParam().exists ? folder(QStringLiteral("here"))
-                          : QDir(m_engine->home().path()).filePath(QStringLiteral("gone")));
-    if (GetParam().network) {
-        action.extraVariables.insert(QStringLiteral("network_volume"), QStringLiteral("1"));
+    // A missing path on a share counts as missing only when asked to include shares.
+    for (const auto& [exists, network, missing, includingNetwork] :
+         {std::tuple{true, false, false, false},
+          {false, false, true, true},
+          {false, true, false, true},
+          {true, true, false, false}}) {
+        GridAction each;
+        each.extraVariables.insert(QStringLiteral("path"), exists ? folder(QStringLiteral("here"))
+                                                                  : home(QStringLiteral("gone")));
+        if (network) {
+            each.extraVariables.insert(QStringLiteral("network_volume"), QStringLiteral("1"));
+        }
+        EXPECT_EQ(each.isReferencedPathMissing(), missing) << exists << network;
+        EXPECT_EQ(each.isReferencedPathMissingIncludingNetworkVolumes(), includingNetwork)
+            << exists << network;
     }
-    EXPECT_EQ(action.isReferencedPathMissing(), GetParam().missing);
-    EXPECT_EQ(action.isReferencedPathMissingIncludingNetworkVolumes(),
-              GetParam().missingIncludingNetwork);
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, MissingPathTest,
-                         testing::Values(MissingRow{"Present", true, false, false, false},
-                                         MissingRow{"Gone", false, false, true, true},
-                                         MissingRow{"GoneOnShare", false, true, false, true},
-                                         MissingRow{"PresentOnShare", true, true, false, false}),
-                         [](const testing::TestParamInfo<MissingRow>& row) {
-                             return std::string(row.param.label);
-                         });
 
 TEST_F(GridActionTest, BookmarksRecordBothChosenPaths)
 {
@@ -484,19 +400,16 @@ TEST_F(GridActionTest, BookmarksRecordBothChosenPaths)
     EXPECT_EQ(resolvedSecond->path, second);
     EXPECT_FALSE(resolved->missing || resolved->replaced);
 
-    GridAction other;
-    other.type = QStringLiteral("Move to Trash");
-    other.extraVariables = {{QStringLiteral("path"), first}};
-    other.updateScopedBookmark();
-    EXPECT_FALSE(other.extraVariables.contains(QStringLiteral("scoped_bookmark")));
-
-    GridAction byType;
-    byType.type = QStringLiteral("Resize Images");
-    byType.extraVariables = {
-        {QStringLiteral("path"), QDir(m_engine->home().path()).filePath(QStringLiteral("absent"))}};
-    byType.updateScopedBookmark();
-    EXPECT_FALSE(byType.extraVariables.contains(QStringLiteral("scoped_bookmark")));
-    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
+    // Not for a sheet without bookmarks, nor for a path that is not there.
+    for (const auto& [type, path] :
+         {std::pair{"Move to Trash", first}, {"Resize Images", home(QStringLiteral("absent"))}}) {
+        GridAction other;
+        other.type = QString::fromLatin1(type);
+        other.extraVariables = {{QStringLiteral("path"), path}};
+        other.updateScopedBookmark();
+        EXPECT_FALSE(other.extraVariables.contains(QStringLiteral("scoped_bookmark"))) << type;
+    }
+    EXPECT_TRUE(alerts().isEmpty());
 }
 
 // --- Secrets
@@ -511,65 +424,50 @@ TEST_F(GridActionTest, APasswordComesBackAsTheSheetsVariable)
               QStringLiteral("Skelvo: SFTP Upload (sftp.example.org)"));
     EXPECT_EQ(action->keychainAccountName(), QStringLiteral("ann"));
     EXPECT_FALSE(retrievePassword(*action, true, true)); // none stored yet
-    for (const auto& a : m_engine->alerts().alerts) {
-        ADD_FAILURE() << a.title.toStdString() << " | " << a.message.toStdString();
-    }
+    EXPECT_TRUE(alerts().isEmpty());
 
     ASSERT_TRUE(storePassword(*action, QStringLiteral("pä ss")));
     ASSERT_TRUE(storePassword(*action, QStringLiteral("phrase"), true));
-    const auto encoded = retrievePassword(*action, false, true);
-    ASSERT_TRUE(encoded);
-    EXPECT_EQ(*encoded, (QMap<QString, QString>{
-                            {QStringLiteral("password"),
-                             QString::fromLatin1(QStringLiteral("pä ss").toUtf8().toBase64())}}));
+    EXPECT_EQ(retrievePassword(*action, false, true)->value(QStringLiteral("password")),
+              QString::fromLatin1(QStringLiteral("pä ss").toUtf8().toBase64()));
     EXPECT_EQ(retrievePassword(*action, false, false)->value(QStringLiteral("password")),
               QStringLiteral("pä ss"));
     EXPECT_EQ(retrievePassword(*action, false, false, true)->value(QStringLiteral("passphrase")),
               QStringLiteral("phrase"));
+
+    // A blank password needs no secret.
+    action->extraVariables.insert(QStringLiteral("blank_password"), QStringLiteral("1"));
+    EXPECT_EQ(retrievePassword(*action, true, true),
+              (QMap<QString, QString>{{QStringLiteral("password"), QString()}}));
 }
 
-TEST_F(GridActionTest, ABlankPasswordNeedsNoSecret)
-{
-    GridAction action;
-    action.type = QStringLiteral("SFTP Upload");
-    action.extraVariables.insert(QStringLiteral("blank_password"), QStringLiteral("1"));
-    const auto password = retrievePassword(action, true, true);
-    ASSERT_TRUE(password);
-    EXPECT_EQ(password->value(QStringLiteral("password"), QStringLiteral("unset")), QString());
-}
-
-TEST_F(GridActionTest, ReadErrorsAreShownOnlyWhenAsked)
-{
-    m_engine->secrets().use(std::make_shared<FailingSecretStore>());
-    GridAction action;
-    action.type = QStringLiteral("SFTP Upload");
-    EXPECT_FALSE(retrievePassword(action, false, true));
-    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
-    EXPECT_FALSE(retrievePassword(action, true, true));
-    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
-    EXPECT_EQ(m_engine->alerts().alerts.first().title,
-              QStringLiteral("Error retrieving item from Keychain"));
-    EXPECT_EQ(m_engine->alerts().alerts.first().message,
-              QStringLiteral(
-                  "Failed to retrieve login from keychain for service Skelvo: SFTP Upload with "
-                  "account name default.\n\nThe keyring is locked."));
-}
-
-TEST_F(GridActionTest, DeleteErrorsNameLoginAndPassphrase)
+TEST_F(GridActionTest, SecretErrorsAreShownOnlyWhenAskedAndNameLoginAndPassphrase)
 {
     const GridActionPtr action = saved(QStringLiteral("SFTP Upload"), QStringLiteral("Up"));
     m_engine->secrets().use(std::make_shared<FailingSecretStore>());
+    EXPECT_FALSE(retrievePassword(*action, false, true));
+    EXPECT_TRUE(alerts().isEmpty());
+    EXPECT_FALSE(retrievePassword(*action, true, true));
     action->deleteKeychainPassword();
-    ASSERT_EQ(m_engine->alerts().alerts.size(), 2);
-    EXPECT_EQ(
-        m_engine->alerts().alerts.at(0).message,
-        QStringLiteral(
-            "Failed to delete login from keychain for service Skelvo: SFTP Upload with account "
-            "name default.\n\nThe keyring is locked."));
-    EXPECT_EQ(
-        m_engine->alerts().alerts.at(1).message,
-        QStringLiteral("Failed to delete passphrase from keychain for service Skelvo: SFTP Upload "
-                       "passphrase with account name default.\n\nThe keyring is locked."));
+    QStringList shown;
+    for (const Alert& alert : alerts()) {
+        shown << alert.title + u'|' + alert.message;
+    }
+    const QString end = QStringLiteral(" with account name default.\n\nThe keyring is locked.");
+    EXPECT_EQ(shown,
+              (QStringList{
+                  QStringLiteral("Error retrieving item from Keychain|Failed to "
+                                 "retrieve login from keychain for service "
+                                 "Skelvo: SFTP Upload") +
+                      end,
+                  QStringLiteral(
+                      "Error deleting item from Keychain|Failed to delete login from keychain for "
+                      "service Skelvo: SFTP Upload") +
+                      end,
+                  QStringLiteral(
+                      "Error deleting item from Keychain|Failed to delete passphrase from keychain "
+                      "for service Skelvo: SFTP Upload passphrase") +
+                      end}));
 }
 
 TEST_F(GridActionTest, ASharedLoginIsKeptUntilItsLastAction)
@@ -593,7 +491,7 @@ TEST_F(GridActionTest, ASharedLoginIsKeptUntilItsLastAction)
                                                               QStringLiteral("u")));
     second->remove();
     EXPECT_FALSE(retrievePassword(*second, false, false));
-    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
+    EXPECT_TRUE(alerts().isEmpty());
 }
 
 } // namespace

@@ -14,30 +14,8 @@ qint64 idOf(const SqlRow& row)
     return row.value(QStringLiteral("id")).toLongLong();
 }
 
-// Counts one notification while alive.
-class NotificationCount {
-public:
-    NotificationCount(NotificationCenter& center, const QString& name)
-        : m_center(center)
-        , m_token(center.addObserver(name, nullptr, [this](const Notification&) { ++count; }))
-    {}
-    ~NotificationCount() { m_center.removeObserver(m_token); }
-    NotificationCount(const NotificationCount&) = delete;
-    NotificationCount& operator=(const NotificationCount&) = delete;
-    int count = 0;
-
-private:
-    NotificationCenter& m_center;
-    int m_token;
-};
-
 class GridDatabaseTest : public StoreTest {
 protected:
-    void SetUp() override
-    {
-        StoreTest::SetUp();
-        loadInitialDatabase();
-    }
     GridAction action(const QString& name, CategoryId category, int position = 0,
                       const QString& type = QStringLiteral("Move Files"))
     {
@@ -83,63 +61,34 @@ TEST_F(GridDatabaseTest, NewGridsGoLast)
     EXPECT_TRUE(db().gridSwitcherVisibleForGrid(second));
 }
 
-struct NumColsRow {
-    int given;
-    int read;
-    const char* stored;
-};
-
-class NumColsTest : public GridDatabaseTest, public testing::WithParamInterface<NumColsRow> {};
-
-TEST_P(NumColsTest, BelowOneMeansAutomatic)
+TEST_F(GridDatabaseTest, PerGridSettingsAreWrittenAndReadLeniently)
 {
     const GridId grid = db().selectedGridId();
-    ASSERT_TRUE(db().setNumCols(GetParam().given, grid));
-    EXPECT_EQ(db().numColsForGrid(grid), GetParam().read);
-    EXPECT_EQ(
-        sqlValue(dbPath(), QStringLiteral("SELECT num_cols FROM grids WHERE id = %1").arg(grid)),
-        QString::fromLatin1(GetParam().stored));
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, NumColsTest,
-                         testing::Values(NumColsRow{0, 0, "NULL"}, NumColsRow{5, 5, "5"},
-                                         NumColsRow{-2, 0, "NULL"}, NumColsRow{1, 1, "1"}));
-
-struct VisibleRow {
-    const char* stored; // SQL literal written into the column
-    bool visible;
-};
-
-class VisibilityTest : public GridDatabaseTest, public testing::WithParamInterface<VisibleRow> {};
-
-TEST_P(VisibilityTest, OnlyOneOrNullReadsAsVisible)
-{
-    const GridId grid = db().selectedGridId();
-    for (const char* column : {"special_actions_visible", "grid_switcher_visible"}) {
-        db().runQuery(QStringLiteral("UPDATE grids SET %1 = %2 WHERE id = ?")
-                          .arg(QString::fromLatin1(column), QString::fromLatin1(GetParam().stored)),
-                      {grid});
+    // Below one columns means automatic, stored as NULL.
+    for (const auto& [given, read, stored] :
+         {std::tuple{0, 0, "NULL"}, {5, 5, "5"}, {-2, 0, "NULL"}, {1, 1, "1"}}) {
+        ASSERT_TRUE(db().setNumCols(given, grid));
+        EXPECT_EQ(db().numColsForGrid(grid), read) << given;
+        EXPECT_EQ(
+            value(QStringLiteral("SELECT quote(num_cols) FROM grids WHERE id = %1").arg(grid)),
+            QString::fromLatin1(stored));
     }
-    EXPECT_EQ(db().specialActionsVisibleForGrid(grid), GetParam().visible);
-    EXPECT_EQ(db().gridSwitcherVisibleForGrid(grid), GetParam().visible);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, VisibilityTest,
-                         testing::Values(VisibleRow{"1", true}, VisibleRow{"NULL", true},
-                                         VisibleRow{"0", false}, VisibleRow{"2", false},
-                                         VisibleRow{"'yes'", false}));
-
-TEST_F(GridDatabaseTest, PerGridSettingsAreWritten)
-{
-    const GridId grid = db().selectedGridId();
-    ASSERT_TRUE(db().setSpecialActionsVisible(false, grid));
+    // Only 1 or NULL reads as visible.
+    for (const auto& [stored, visible] :
+         {std::pair{"1", true}, {"NULL", true}, {"0", false}, {"2", false}, {"'yes'", false}}) {
+        db().runQuery(QStringLiteral("UPDATE grids SET special_actions_visible = %1, "
+                                     "grid_switcher_visible = %1 WHERE id = ?")
+                          .arg(QString::fromLatin1(stored)),
+                      {grid});
+        EXPECT_EQ(db().specialActionsVisibleForGrid(grid), visible) << stored;
+        EXPECT_EQ(db().gridSwitcherVisibleForGrid(grid), visible) << stored;
+    }
+    ASSERT_TRUE(db().setSpecialActionsVisible(true, grid));
     ASSERT_TRUE(db().setGridSwitcherVisible(false, grid));
     ASSERT_TRUE(db().setGridSizeForSelectedGrid(48.5));
-    EXPECT_FALSE(db().specialActionsVisibleForGrid(grid));
+    EXPECT_TRUE(db().specialActionsVisibleForGrid(grid));
     EXPECT_FALSE(db().gridSwitcherVisibleForGrid(grid));
     EXPECT_EQ(db().gridSizeForSelectedGrid(), 48.5);
-    ASSERT_TRUE(db().setSpecialActionsVisible(true, grid));
-    EXPECT_TRUE(db().specialActionsVisibleForGrid(grid));
 }
 
 TEST_F(GridDatabaseTest, SelectedGridFallsBackToTheFirstInDisplayOrder)
@@ -169,52 +118,47 @@ TEST_F(GridDatabaseTest, SelectedGridFallsBackToTheFirstInDisplayOrder)
 
 TEST_F(GridDatabaseTest, DeletingAGridRemovesEverythingBeneathIt)
 {
+    const auto fill = [this](GridId grid) {
+        const ActionId id = db().addAction(
+            action(QStringLiteral("A"), db().addCategoryWithName(QStringLiteral("C"), grid)),
+            {{QStringLiteral("path"), QStringLiteral("/x")}});
+        const DropbarId bar = db().addDropbarWithTitle(QStringLiteral("Shelf"), {}, false, grid);
+        db().addItemToDropbar(bar, QStringLiteral("text"), {}, QStringLiteral("t"), {});
+        return std::pair{id, bar};
+    };
     const GridId doomed = db().addGridWithName(QStringLiteral("Doomed"));
-    const CategoryId category = db().addCategoryWithName(QStringLiteral("Tools"), doomed);
-    const ActionId doomedAction = db().addAction(action(QStringLiteral("In doomed"), category),
-                                                 {{QStringLiteral("path"), QStringLiteral("/x")}});
-    const DropbarId dropbar = db().addDropbarWithTitle(QStringLiteral("Shelf"), {}, false, doomed);
-    db().addItemToDropbar(dropbar, QStringLiteral("text"), {}, QStringLiteral("t"), {});
-    // Rows of the grid that stays.
-    const CategoryId kept = db().addCategoryWithName(QStringLiteral("Kept"), 1);
-    const ActionId keptAction = db().addAction(action(QStringLiteral("In kept"), kept),
-                                               {{QStringLiteral("k"), QStringLiteral("v")}});
-    const DropbarId keptBar = db().addDropbarWithTitle(QStringLiteral("Kept"), {}, false, 1);
-    db().addItemToDropbar(keptBar, QStringLiteral("text"), {}, QStringLiteral("t"), {});
+    const auto [doomedAction, doomedBar] = fill(doomed);
+    const auto [keptAction, keptBar] = fill(1);
 
     NotificationCount changed(engine().notifications, Notifications::GridsChanged);
     ASSERT_TRUE(db().deleteGrid(doomed));
     EXPECT_EQ(changed.count, 1);
-    const QString gone[] = {
-        QStringLiteral("grids WHERE id = %1").arg(doomed),
-        QStringLiteral("categories WHERE grid_id = %1").arg(doomed),
-        QStringLiteral("actions WHERE id = %1").arg(doomedAction),
-        QStringLiteral("action_variables WHERE action_id = %1").arg(doomedAction),
-        QStringLiteral("dropbars WHERE grid_id = %1").arg(doomed),
-        QStringLiteral("dropbar_items WHERE dropbar_id = %1").arg(dropbar)};
-    for (const QString& rows : gone) {
-        EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("SELECT COUNT(*) FROM ") + rows),
-                  QStringLiteral("0"))
+    for (const QString& rows :
+         {QStringLiteral("grids WHERE id = %1").arg(doomed),
+          QStringLiteral("categories WHERE grid_id = %1").arg(doomed),
+          QStringLiteral("actions WHERE id = %1").arg(doomedAction),
+          QStringLiteral("action_variables WHERE action_id = %1").arg(doomedAction),
+          QStringLiteral("dropbars WHERE grid_id = %1").arg(doomed),
+          QStringLiteral("dropbar_items WHERE dropbar_id = %1").arg(doomedBar)}) {
+        EXPECT_EQ(value(QStringLiteral("SELECT COUNT(*) FROM ") + rows), QStringLiteral("0"))
             << rows.toStdString();
     }
     EXPECT_TRUE(db().getGridActionWithId(keptAction));
     EXPECT_EQ(db().getItemsForDropbar(keptBar).size(), 1);
     EXPECT_EQ(db().categoriesForGrid(1).size(), 4);
-    EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("PRAGMA integrity_check")), QStringLiteral("ok"));
+    EXPECT_EQ(value(QStringLiteral("PRAGMA integrity_check")), QStringLiteral("ok"));
 }
 
 // --- Categories
 
-TEST_F(GridDatabaseTest, CategoriesAreNumberedPerGrid)
+TEST_F(GridDatabaseTest, CategoriesAreNumberedPerGridAndTheFirstIsTheLowestId)
 {
-    const GridId grid = db().addGridWithName(QStringLiteral("Empty"));
+    const GridId grid = selectNewGrid(QStringLiteral("Empty"));
     const CategoryId first = db().addCategoryWithName(QStringLiteral("A"), grid);
     const CategoryId second = db().addCategoryWithName(QStringLiteral("B"), grid);
-    const SqlRows rows = db().categoriesForGrid(grid);
-    ASSERT_EQ(rows.size(), 2);
-    EXPECT_EQ(idOf(rows.at(0)), first);
-    EXPECT_EQ(rows.at(0).value(QStringLiteral("display_order")).toInt(), 0);
-    EXPECT_EQ(rows.at(1).value(QStringLiteral("display_order")).toInt(), 1);
+    EXPECT_EQ(
+        column(QStringLiteral("SELECT display_order FROM categories WHERE grid_id = %1").arg(grid)),
+        (QStringList{QStringLiteral("0"), QStringLiteral("1")}));
     // The shipped grid's categories go on from 2.
     const CategoryId more = db().addCategoryWithName(QStringLiteral("More"), 1);
     EXPECT_EQ(db().categoriesForGrid(1).last().value(QStringLiteral("display_order")).toInt(), 3);
@@ -222,70 +166,61 @@ TEST_F(GridDatabaseTest, CategoriesAreNumberedPerGrid)
 
     ASSERT_TRUE(db().updateCategory(second, QStringLiteral("Renamed")));
     ASSERT_TRUE(db().updateCategoryDisplayOrder(second, -1));
+    ASSERT_TRUE(db().updateCategoryDisplayOrder(first, 10)); // shown last, still the first
     ASSERT_TRUE(db().updateCategoryGridId(more, grid));
     const SqlRows after = db().categoriesForGrid(grid);
     ASSERT_EQ(after.size(), 3);
     EXPECT_EQ(after.first().value(QStringLiteral("name")).toString(), QStringLiteral("Renamed"));
+    EXPECT_EQ(db().getFirstCategoryIdForSelectedGrid(), first);
 }
 
-TEST_F(GridDatabaseTest, FirstCategoryMeansLowestId)
+TEST_F(GridDatabaseTest, NewActionsArePlacedByCategoryNameOrInTheFirst)
 {
-    const GridId grid = selectNewGrid(QStringLiteral("G"));
-    const CategoryId low = db().addCategoryWithName(QStringLiteral("Low id"), grid);
-    db().addCategoryWithName(QStringLiteral("High id"), grid);
-    ASSERT_TRUE(db().updateCategoryDisplayOrder(low, 10)); // shown last
-    EXPECT_EQ(db().getFirstCategoryIdForSelectedGrid(), low);
-}
-
-struct PlacementRow {
-    const char* label;
-    QStringList categories;
-    const char* apps;    // category chosen for "Open Application"
-    const char* folders; // for "Copy Files"
-    const char* actions; // for any other type
-};
-
-class PlacementTest : public GridDatabaseTest, public testing::WithParamInterface<PlacementRow> {};
-
-TEST_P(PlacementTest, ChoosesByNameAndFallsBackToTheFirst)
-{
-    const PlacementRow& row = GetParam();
-    const GridId grid = selectNewGrid(QStringLiteral("Placement"));
-    QMap<CategoryId, QString> names;
-    for (const QString& name : row.categories) {
-        names.insert(db().addCategoryWithName(name, grid), name);
-    }
-    NotificationCount created(engine().notifications, Notifications::GridCategoryCreated);
-    const auto nameOf = [&](CategoryId id) {
-        return sqlValue(dbPath(), QStringLiteral("SELECT name FROM categories WHERE id = %1 AND "
-                                                 "grid_id = %2")
-                                      .arg(id)
-                                      .arg(grid));
+    struct Row {
+        QStringList categories;
+        const char* apps;    // category chosen for "Open Application"
+        const char* folders; // for "Copy Files"
+        const char* actions; // for any other type
     };
-    EXPECT_EQ(nameOf(db().getAppsCategoryIdForSelectedGrid()), QString::fromUtf8(row.apps));
-    EXPECT_EQ(nameOf(db().getFoldersCategoryIdForSelectedGrid()), QString::fromUtf8(row.folders));
-    EXPECT_EQ(nameOf(db().getActionsCategoryIdForSelectedGrid()), QString::fromUtf8(row.actions));
-    EXPECT_EQ(created.count, row.categories.isEmpty() ? 1 : 0);
-    EXPECT_EQ(db().categoriesForGrid(grid).size(),
-              row.categories.isEmpty() ? 1 : row.categories.size());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, PlacementTest,
-    testing::Values(
-        PlacementRow{"Named", {"Apps", "My Folders", "Actions"}, "Apps", "My Folders", "Actions"},
-        PlacementRow{"OnlyTools", {"Tools"}, "Tools", "Tools", "Tools"},
-        PlacementRow{"NoCategory", {}, "Actions", "Actions", "Actions"},
+    const Row rows[] = {
+        {{"Apps", "My Folders", "Actions"}, "Apps", "My Folders", "Actions"},
+        {{"Tools"}, "Tools", "Tools", "Tools"},
+        {{}, "Actions", "Actions", "Actions"}, // made when there is none
         // Contains "applications" in any case; the Actions test takes two spellings only.
-        PlacementRow{"Spellings",
-                     {"Misc", "MY APPLICATIONS", "FOLDERs", "ACTIONS", "actions"},
-                     "MY APPLICATIONS",
-                     "FOLDERs",
-                     "actions"},
-        PlacementRow{"NoSubstringOfActions", {"Other", "My Actions"}, "Other", "Other", "Other"},
+        {{"Misc", "MY APPLICATIONS", "FOLDERs", "ACTIONS", "actions"},
+         "MY APPLICATIONS",
+         "FOLDERs",
+         "actions"},
+        {{"Other", "My Actions"}, "Other", "Other", "Other"},
         // The percent signs are wildcards: a name with none of the words does not match.
-        PlacementRow{"Percent", {"First", "100% app"}, "First", "First", "First"}),
-    [](const testing::TestParamInfo<PlacementRow>& row) { return std::string(row.param.label); });
+        {{"First", "100% app"}, "First", "First", "First"},
+    };
+    for (const Row& row : rows) {
+        const GridId grid = selectNewGrid(QStringLiteral("Placement"));
+        for (const QString& name : row.categories) {
+            db().addCategoryWithName(name, grid);
+        }
+        NotificationCount created(engine().notifications, Notifications::GridCategoryCreated);
+        const auto nameOf = [&](CategoryId id) {
+            return value(
+                QStringLiteral("SELECT name FROM categories WHERE id = %1 AND grid_id = %2")
+                    .arg(id)
+                    .arg(grid));
+        };
+        const std::string label = row.categories.join(u',').toStdString();
+        EXPECT_EQ(nameOf(db().getAppsCategoryIdForSelectedGrid()), QString::fromUtf8(row.apps))
+            << label;
+        EXPECT_EQ(nameOf(db().getFoldersCategoryIdForSelectedGrid()),
+                  QString::fromUtf8(row.folders))
+            << label;
+        EXPECT_EQ(nameOf(db().getActionsCategoryIdForSelectedGrid()),
+                  QString::fromUtf8(row.actions))
+            << label;
+        EXPECT_EQ(created.count, row.categories.isEmpty() ? 1 : 0);
+        EXPECT_EQ(db().categoriesForGrid(grid).size(),
+                  std::max<qsizetype>(row.categories.size(), 1));
+    }
+}
 
 // --- Actions and their variables
 
@@ -313,8 +248,8 @@ TEST_F(GridDatabaseTest, ActionsRoundTripWithTheirVariables)
     EXPECT_EQ(read->extraVariables.value(QStringLiteral("scoped_bookmark")).typeId(),
               QMetaType::QByteArray);
     EXPECT_EQ(db().getScopedBookmarks(), QList<QByteArray>{blob});
-    EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("SELECT variable_value FROM action_variables WHERE "
-                                                "variable_name = 'scoped_bookmark'")),
+    EXPECT_EQ(value(QStringLiteral("SELECT variable_value FROM action_variables WHERE "
+                                   "variable_name = 'scoped_bookmark'")),
               QStringLiteral("NULL"));
 
     EXPECT_EQ(db().getGridActionWithType(QStringLiteral("SFTP Upload"))->aId, id);
@@ -351,7 +286,7 @@ TEST_F(GridDatabaseTest, PositionsCountsAndMoves)
     EXPECT_EQ(db().getNextPositionForCategoryId(2), 0);
     const ActionId a = db().addAction(action(QStringLiteral("A"), 2, 0), {});
     const ActionId b = db().addAction(action(QStringLiteral("B"), 2, 4), {});
-    db().addAction(action(QStringLiteral("C"), 3, 1), {});
+    db().addAction(action(QStringLiteral("C"), 3, 1, QStringLiteral("Resize Images")), {});
     EXPECT_EQ(db().getNextPositionForCategoryId(2), 5);
     EXPECT_EQ(db().getNumActions(), 3);
     EXPECT_EQ(db().getNumActionsForCategoryId(2), 2);
@@ -368,19 +303,12 @@ TEST_F(GridDatabaseTest, PositionsCountsAndMoves)
 
     ASSERT_TRUE(db().updateServicesKeyForActionId(a, QStringLiteral("Q")));
     EXPECT_EQ(db().getGridActionWithId(a)->servicesKey, QStringLiteral("Q"));
-}
 
-TEST_F(GridDatabaseTest, AMissingActionIsLoggedAndNone)
-{
     LogCapture log;
     EXPECT_FALSE(db().getGridActionWithId(31337));
     EXPECT_TRUE(log.contains(QStringLiteral("GridAction with ID 31337 not found")));
-    EXPECT_FALSE(db().getGridActionWithType(QStringLiteral("nothing")));
-}
 
-TEST_F(GridDatabaseTest, HasAddedActionLooksAtTheSelectedGridOnly)
-{
-    db().addAction(action(QStringLiteral("A"), 1, 0, QStringLiteral("Resize Images")), {});
+    // Added actions are looked up in the selected grid only.
     EXPECT_TRUE(db().hasAddedActionWithType(QStringLiteral("Resize Images")));
     EXPECT_FALSE(db().hasAddedActionWithType(QStringLiteral("Convert Images")));
     selectNewGrid(QStringLiteral("Elsewhere"));
@@ -397,7 +325,7 @@ TEST_F(GridDatabaseTest, DeletingAnActionCompactsTheFile)
     db().runQuery(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
     ASSERT_TRUE(db().deleteAction(id));
     db().runQuery(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
-    EXPECT_EQ(sqlValue(dbPath(), QStringLiteral("PRAGMA freelist_count")), QStringLiteral("0"));
+    EXPECT_EQ(value(QStringLiteral("PRAGMA freelist_count")), QStringLiteral("0"));
     EXPECT_LT(QFileInfo(dbPath()).size(), before / 4);
     EXPECT_TRUE(db().getExtraVariablesForActionId(id).isEmpty());
 }
@@ -456,38 +384,37 @@ TEST_F(GridDatabaseTest, DropbarsAndItemsAreOrdered)
     ASSERT_TRUE(db().deleteDropbar(first));
     EXPECT_TRUE(db().getItemsForDropbar(first).isEmpty());
     EXPECT_EQ(db().getDropbarCountForGrid(other), 1);
+    // A Drop Bar whose grid is gone has none.
+    db().runQuery(QStringLiteral("DELETE FROM grids WHERE id = ?"), {other});
+    EXPECT_EQ(db().gridIdForDropbar(foreign), 0);
 }
 
-TEST_F(GridDatabaseTest, AnOrphanedDropbarHasNoGrid)
+// Separating an item moves it into a new Drop Bar, placed last in the grid.
+TEST_F(GridDatabaseTest, SeparatingAnItemMakesANewDropbarLast)
 {
-    const GridId grid = db().addGridWithName(QStringLiteral("Gone"));
-    const DropbarId bar = db().addDropbarWithTitle(QStringLiteral("B"), {}, false, grid);
-    db().runQuery(QStringLiteral("DELETE FROM grids WHERE id = ?"), {grid});
-    EXPECT_EQ(db().gridIdForDropbar(bar), 0);
-}
+    const DropbarId source = db().addDropbarWithTitle(QStringLiteral("Source"), {}, true, 1);
+    const DropbarItemId first =
+        db().addItemToDropbar(source, QStringLiteral("text"), {}, QStringLiteral("1"), {});
+    const DropbarItemId second =
+        db().addItemToDropbar(source, QStringLiteral("text"), {}, QStringLiteral("2"), {});
+    const DropbarId other = db().addDropbarWithTitle(QStringLiteral("Other"), {}, false, 1);
+    const DropbarItemId foreign =
+        db().addItemToDropbar(other, QStringLiteral("text"), {}, QStringLiteral("x"), {});
+    const auto count = [this] { return value(QStringLiteral("SELECT COUNT(*) FROM dropbars")); };
 
-class SeparateItemTest : public GridDatabaseTest {
-protected:
-    void SetUp() override
-    {
-        GridDatabaseTest::SetUp();
-        source = db().addDropbarWithTitle(QStringLiteral("Source"), {}, true, 1);
-        first = db().addItemToDropbar(source, QStringLiteral("text"), {}, QStringLiteral("1"), {});
-        second = db().addItemToDropbar(source, QStringLiteral("text"), {}, QStringLiteral("2"), {});
-        other = db().addDropbarWithTitle(QStringLiteral("Other"), {}, false, 1);
-        foreignItem =
-            db().addItemToDropbar(other, QStringLiteral("text"), {}, QStringLiteral("x"), {});
+    // Refused: an item of another Drop Bar, a missing item, a missing grid.
+    for (const auto& [item, grid] : {std::pair{foreign, 1LL}, {9999LL, 1LL}, {first, 4040LL}}) {
+        EXPECT_EQ(db().separateItem(item, source, grid, QStringLiteral("T"), {}), 0) << item;
+        EXPECT_EQ(count(), QStringLiteral("2"));
+        EXPECT_EQ(db().getItemsForDropbar(source).size(), 2);
     }
-    qint64 dropbarCount()
-    {
-        return sqlValue(dbPath(), QStringLiteral("SELECT COUNT(*) FROM dropbars")).toLongLong();
-    }
-    DropbarId source = 0, other = 0;
-    DropbarItemId first = 0, second = 0, foreignItem = 0;
-};
+    // A trigger makes the item update change nothing, as a concurrent delete would.
+    db().runQuery(QStringLiteral("CREATE TRIGGER hold BEFORE UPDATE ON dropbar_items BEGIN SELECT "
+                                 "RAISE(IGNORE); END"));
+    EXPECT_EQ(db().separateItem(first, source, 1, QStringLiteral("T"), {}), 0);
+    EXPECT_EQ(count(), QStringLiteral("2"));
+    db().runQuery(QStringLiteral("DROP TRIGGER hold"));
 
-TEST_F(SeparateItemTest, MovesTheItemIntoANewDropbarLast)
-{
     const DropbarId made =
         db().separateItem(first, source, 1, QStringLiteral("Split"), QByteArray("ic"));
     ASSERT_NE(made, 0);
@@ -501,58 +428,11 @@ TEST_F(SeparateItemTest, MovesTheItemIntoANewDropbarLast)
     ASSERT_EQ(moved.size(), 1);
     EXPECT_EQ(idOf(moved.first()), first);
     EXPECT_EQ(moved.first().value(QStringLiteral("position")).toInt(), 0);
-    EXPECT_EQ(db().getItemsForDropbar(source).size(), 1); // the source stays with its other item
-}
-
-TEST_F(SeparateItemTest, TheLastItemTakesItsDropbarAlong)
-{
-    ASSERT_NE(db().separateItem(first, source, 1, QStringLiteral("A"), {}), 0);
-    const DropbarId made = db().separateItem(second, source, 1, QStringLiteral("B"), {});
-    ASSERT_NE(made, 0);
-    EXPECT_EQ(sqlValue(dbPath(),
-                       QStringLiteral("SELECT COUNT(*) FROM dropbars WHERE id = %1").arg(source)),
+    EXPECT_EQ(db().getItemsForDropbar(source).size(), 1);
+    // The last item takes its Drop Bar along.
+    ASSERT_NE(db().separateItem(second, source, 1, QStringLiteral("B"), {}), 0);
+    EXPECT_EQ(value(QStringLiteral("SELECT COUNT(*) FROM dropbars WHERE id = %1").arg(source)),
               QStringLiteral("0"));
-}
-
-struct RefusedRow {
-    const char* label;
-    int item; // 0 first, 1 foreign item, 2 missing item
-    bool goodGrid;
-};
-
-class SeparateRefusedTest : public SeparateItemTest,
-                            public testing::WithParamInterface<RefusedRow> {};
-
-TEST_P(SeparateRefusedTest, InsertsNothingAndReturnsZero)
-{
-    const qint64 before = dropbarCount();
-    const DropbarItemId item = GetParam().item == 0   ? first
-                               : GetParam().item == 1 ? foreignItem
-                                                      : 9999;
-    EXPECT_EQ(
-        db().separateItem(item, source, GetParam().goodGrid ? 1 : 4040, QStringLiteral("T"), {}),
-        0);
-    EXPECT_EQ(dropbarCount(), before);
-    EXPECT_EQ(db().getItemsForDropbar(source).size(), 2);
-    EXPECT_EQ(db().getItemsForDropbar(other).size(), 1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, SeparateRefusedTest,
-                         testing::Values(RefusedRow{"ItemOfAnotherDropbar", 1, true},
-                                         RefusedRow{"MissingItem", 2, true},
-                                         RefusedRow{"MissingGrid", 0, false}),
-                         [](const testing::TestParamInfo<RefusedRow>& row) {
-                             return std::string(row.param.label);
-                         });
-
-TEST_F(SeparateItemTest, AFailingLaterStepUndoesTheInsert)
-{
-    // A trigger makes the item update change nothing, as a concurrent delete would.
-    db().runQuery(QStringLiteral("CREATE TRIGGER hold BEFORE UPDATE ON dropbar_items BEGIN SELECT "
-                                 "RAISE(IGNORE); END"));
-    const qint64 before = dropbarCount();
-    EXPECT_EQ(db().separateItem(first, source, 1, QStringLiteral("T"), {}), 0);
-    EXPECT_EQ(dropbarCount(), before);
 }
 
 } // namespace

@@ -12,14 +12,25 @@ namespace {
 
 class MigrationTest : public StoreTest {
 protected:
-    // Builds the database at `version` where the store expects it and loads it.
-    void loadAtVersion(int version)
+    MigrationTest()
+        : StoreTest(false)
+    {}
+    // Builds the database at `version` where the store expects it, runs `prepare` on it and
+    // loads it.
+    void loadAtVersion(int version, const QString& prepare = {})
     {
         createDatabaseAtVersion(dbPath(), version);
+        if (!prepare.isEmpty()) {
+            SqliteConnection raw;
+            ASSERT_TRUE(raw.open(dbPath()) && raw.execute(prepare));
+        }
         ASSERT_TRUE(db().loadDatabase());
+        EXPECT_EQ(value(QStringLiteral("PRAGMA user_version")), QStringLiteral("11"));
     }
-    QString value(const QString& sql) const { return sqlValue(dbPath(), sql); }
-    QStringList column(const QString& sql) const { return sqlColumn(dbPath(), sql); }
+    QStringList shippedSchema() const
+    {
+        return schemaOf(GridDatabase::initialDatabaseResourcePath());
+    }
 };
 
 class EveryVersionTest : public MigrationTest, public testing::WithParamInterface<int> {};
@@ -28,12 +39,8 @@ TEST_P(EveryVersionTest, EndsWithTheCurrentSchemaKeepsTheRowsAndRunsOnlyLaterSte
 {
     const int version = GetParam();
     loadAtVersion(version);
-
-    EXPECT_EQ(value(QStringLiteral("PRAGMA user_version")), QStringLiteral("11"));
     EXPECT_EQ(value(QStringLiteral("PRAGMA integrity_check")), QStringLiteral("ok"));
-    // The migrated file has every table and column of the shipped one, with their types and
-    // defaults.
-    EXPECT_EQ(schemaOf(dbPath()), schemaOf(GridDatabase::initialDatabaseResourcePath()));
+    EXPECT_EQ(schemaOf(dbPath()), shippedSchema());
     EXPECT_TRUE(db().requiredTablesExist());
 
     EXPECT_EQ(column(QStringLiteral("SELECT name FROM actions ORDER BY id")),
@@ -44,7 +51,6 @@ TEST_P(EveryVersionTest, EndsWithTheCurrentSchemaKeepsTheRowsAndRunsOnlyLaterSte
 
     // The copy kept before the migration is the old file, at its old version.
     const QString backup = db().backupPathForVersion(version);
-    ASSERT_TRUE(QFileInfo::exists(backup));
     EXPECT_EQ(sqlValue(backup, QStringLiteral("PRAGMA user_version")), QString::number(version));
     EXPECT_EQ(sqlValue(backup, QStringLiteral("SELECT name FROM categories WHERE id = 2")),
               QStringLiteral("Installed Actions"));
@@ -52,35 +58,21 @@ TEST_P(EveryVersionTest, EndsWithTheCurrentSchemaKeepsTheRowsAndRunsOnlyLaterSte
     // Only the steps after its version ran: the rename belongs to version 1 only.
     EXPECT_EQ(value(QStringLiteral("SELECT name FROM categories WHERE id = 2")),
               version == 1 ? QStringLiteral("Actions") : QStringLiteral("Installed Actions"));
-
-    if (version <= 3) {
-        EXPECT_EQ(column(QStringLiteral("SELECT id || ':' || name || ':' || display_order FROM "
-                                        "grids")),
-                  QStringList{QStringLiteral("1:Main Grid:0")});
-        EXPECT_EQ(column(QStringLiteral("SELECT DISTINCT grid_id FROM categories")),
-                  QStringList{QStringLiteral("1")});
-    } else if (version == 4) {
-        EXPECT_EQ(column(QStringLiteral("SELECT display_order FROM grids ORDER BY id")),
-                  (QStringList{QStringLiteral("0"), QStringLiteral("1")}));
-    } else {
-        EXPECT_EQ(column(QStringLiteral("SELECT display_order FROM grids ORDER BY id")),
-                  (QStringList{QStringLiteral("7"), QStringLiteral("3")}));
-    }
-
+    EXPECT_EQ(column(QStringLiteral("SELECT id || ':' || display_order || ':' || grid_size FROM "
+                                    "grids ORDER BY id"))
+                  .join(u' '),
+              version <= 3   ? QStringLiteral("1:0:70.0")
+              : version == 4 ? QStringLiteral("1:0:70.0 2:1:70.0")
+              : version == 5 ? QStringLiteral("1:7:70.0 2:3:70.0")
+                             : QStringLiteral("1:7:70.0 2:3:90.0"));
+    EXPECT_EQ(column(QStringLiteral("SELECT DISTINCT grid_id FROM categories")),
+              QStringList{QStringLiteral("1")});
     // Categories take their id minus one as order when the column arrives (version 7).
-    EXPECT_EQ(column(QStringLiteral("SELECT display_order FROM categories ORDER BY id")),
-              version <= 6
-                  ? (QStringList{QStringLiteral("0"), QStringLiteral("1"), QStringLiteral("2")})
-                  : (QStringList{QStringLiteral("4"), QStringLiteral("0"), QStringLiteral("9")}));
-
-    EXPECT_EQ(value(QStringLiteral("SELECT grid_size FROM grids WHERE id = 1")),
-              QStringLiteral("70.0"));
-    EXPECT_EQ(value(QStringLiteral("SELECT num_cols FROM grids WHERE id = 1")),
-              QStringLiteral("NULL"));
-    EXPECT_EQ(value(QStringLiteral("SELECT special_actions_visible FROM grids WHERE id = 1")),
-              QStringLiteral("1"));
-    EXPECT_EQ(value(QStringLiteral("SELECT grid_switcher_visible FROM grids WHERE id = 1")),
-              QStringLiteral("1"));
+    EXPECT_EQ(column(QStringLiteral("SELECT display_order FROM categories ORDER BY id")).join(u' '),
+              version <= 6 ? QStringLiteral("0 1 2") : QStringLiteral("4 0 9"));
+    EXPECT_EQ(column(QStringLiteral("SELECT quote(num_cols) || special_actions_visible || "
+                                    "grid_switcher_visible FROM grids WHERE id = 1")),
+              QStringList{QStringLiteral("NULL11")});
     EXPECT_EQ(value(QStringLiteral("SELECT COUNT(*) FROM dropbar_items")),
               version >= 10 ? QStringLiteral("1") : QStringLiteral("0"));
 }
@@ -90,85 +82,59 @@ INSTANTIATE_TEST_SUITE_P(Versions, EveryVersionTest, testing::Range(1, 11),
                              return "Version" + std::to_string(row.param);
                          });
 
-struct IconSizeRow {
-    const char* label;
-    std::optional<int> gridIconSize;
-    int fromVersion;
-    const char* gridOne;
-    const char* gridTwo;
-};
-
-class GridIconSizeTest : public MigrationTest, public testing::WithParamInterface<IconSizeRow> {};
-
-TEST_P(GridIconSizeTest, CopiesThePreviousIconSizeOnlyWhenSet)
+TEST_F(MigrationTest, ThePreviousIconSizeIsCopiedOnlyWhenSetAndOnlyBeforeVersionSix)
 {
-    const IconSizeRow& row = GetParam();
-    if (row.gridIconSize) {
-        engine().settings.setValue(QStringLiteral("GridIconSize"), *row.gridIconSize);
+    struct Row {
+        std::optional<int> gridIconSize;
+        int fromVersion;
+        const char* sizes;
+    };
+    for (const Row& row :
+         {Row{std::nullopt, 5, "70.0 70.0"}, Row{0, 5, "70.0 70.0"}, Row{48, 5, "48.0 48.0"},
+          Row{48, 4, "48.0 48.0"}, Row{48, 6, "70.0 90.0"}}) {
+        m_engine.reset(); // a fresh home for each row
+        m_engine = std::make_unique<TestEngine>();
+        if (row.gridIconSize) {
+            engine().settings.setValue(QStringLiteral("GridIconSize"), *row.gridIconSize);
+        }
+        loadAtVersion(row.fromVersion);
+        EXPECT_EQ(
+            column(QStringLiteral("SELECT quote(grid_size) FROM grids ORDER BY id")).join(u' '),
+            QString::fromLatin1(row.sizes))
+            << row.fromVersion << " " << row.gridIconSize.value_or(-1);
     }
-    loadAtVersion(row.fromVersion);
-    EXPECT_EQ(column(QStringLiteral("SELECT grid_size FROM grids ORDER BY id")),
-              (QStringList{QString::fromLatin1(row.gridOne), QString::fromLatin1(row.gridTwo)}));
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, GridIconSizeTest,
-                         testing::Values(IconSizeRow{"Unset", std::nullopt, 5, "70.0", "70.0"},
-                                         IconSizeRow{"Zero", 0, 5, "70.0", "70.0"},
-                                         IconSizeRow{"FortyEight", 48, 5, "48.0", "48.0"},
-                                         IconSizeRow{"FortyEightFromFour", 48, 4, "48.0", "48.0"},
-                                         // From version 6 on the sizes are the grids' own.
-                                         IconSizeRow{"FortyEightFromSix", 48, 6, "70.0", "90.0"}),
-                         [](const testing::TestParamInfo<IconSizeRow>& row) {
-                             return std::string(row.param.label);
-                         });
 
 TEST_F(MigrationTest, AVersionAboveTheCurrentOneIsOnlyRestamped)
 {
     createDatabaseAtVersion(dbPath(), 10);
-    {
-        // A file written by a newer program.
-        SqliteConnection raw;
-        ASSERT_TRUE(raw.open(dbPath()));
-        ASSERT_TRUE(raw.execute(QStringLiteral("PRAGMA user_version = 12")));
-    }
-    const auto before = schemaOf(dbPath());
-    ASSERT_TRUE(db().loadDatabase());
-    EXPECT_EQ(value(QStringLiteral("PRAGMA user_version")), QStringLiteral("11"));
-    EXPECT_EQ(schemaOf(dbPath()), before);
+    const QStringList schema = schemaOf(dbPath());
+    loadAtVersion(10, QStringLiteral("PRAGMA user_version = 12")); // written by a newer program
+    EXPECT_EQ(schemaOf(dbPath()), schema);
     EXPECT_EQ(value(QStringLiteral("SELECT name FROM categories WHERE id = 2")),
               QStringLiteral("Installed Actions"));
-    EXPECT_EQ(column(QStringLiteral("SELECT display_order FROM grids ORDER BY id")),
-              (QStringList{QStringLiteral("7"), QStringLiteral("3")}));
+    EXPECT_EQ(column(QStringLiteral("SELECT display_order FROM grids ORDER BY id")).join(u' '),
+              QStringLiteral("7 3"));
     EXPECT_TRUE(QFileInfo::exists(db().backupPathForVersion(12)));
 }
 
 TEST_F(MigrationTest, VersionZeroIsStampedWithoutSteps)
 {
-    createDatabaseAtVersion(dbPath(), 0);
-    ASSERT_TRUE(db().loadDatabase());
-    EXPECT_EQ(value(QStringLiteral("PRAGMA user_version")), QStringLiteral("11"));
+    loadAtVersion(0);
     EXPECT_FALSE(db().requiredTablesExist()); // no grids table: nothing was migrated
     EXPECT_FALSE(QFileInfo::exists(db().backupPathForVersion(0)));
 }
 
 TEST_F(MigrationTest, AStepThatFailsDoesNotStopTheOthers)
 {
-    createDatabaseAtVersion(dbPath(), 3);
-    {
-        // A grids table that refuses rows: the "Main Grid" insert of version 4 fails.
-        SqliteConnection raw;
-        ASSERT_TRUE(raw.open(dbPath()));
-        ASSERT_TRUE(raw.execute(QStringLiteral(
-            "CREATE TABLE grids (id INTEGER PRIMARY KEY AUTOINCREMENT, name TEXT);"
-            "CREATE TRIGGER refuse BEFORE INSERT ON grids BEGIN SELECT RAISE(ABORT, 'no'); "
-            "END;")));
-    }
-    ASSERT_TRUE(db().loadDatabase());
-    EXPECT_EQ(value(QStringLiteral("PRAGMA user_version")), QStringLiteral("11"));
+    // A grids table that refuses rows: the "Main Grid" insert of version 4 fails.
+    loadAtVersion(3, QStringLiteral("CREATE TABLE grids (id INTEGER PRIMARY KEY AUTOINCREMENT, "
+                                    "name TEXT); CREATE TRIGGER refuse BEFORE INSERT ON grids "
+                                    "BEGIN SELECT RAISE(ABORT, 'no'); END;"));
     EXPECT_EQ(value(QStringLiteral("SELECT COUNT(*) FROM grids")), QStringLiteral("0"));
     EXPECT_EQ(value(QStringLiteral("SELECT COUNT(*) FROM categories WHERE grid_id = 1")),
               QStringLiteral("3"));
-    EXPECT_EQ(schemaOf(dbPath()), schemaOf(GridDatabase::initialDatabaseResourcePath()));
+    EXPECT_EQ(schemaOf(dbPath()), shippedSchema());
 }
 
 TEST_F(MigrationTest, TheLegacyFileIsCopiedOnceAndTheIconCacheDropped)
@@ -190,16 +156,12 @@ TEST_F(MigrationTest, TheLegacyFileIsCopiedOnceAndTheIconCacheDropped)
     EXPECT_EQ(sqlValue(legacy, QStringLiteral("PRAGMA user_version")), QStringLiteral("2"));
 }
 
-TEST_F(MigrationTest, AFreshHomeGetsTheInitialDatabase)
+TEST_F(MigrationTest, AFreshHomeGetsTheInitialDatabaseInWalModeOnALocalDisk)
 {
-    int gridsChanged = 0;
-    const int token = engine().notifications.addObserver(
-        Notifications::GridsChanged, nullptr, [&](const Notification&) { ++gridsChanged; });
+    NotificationCount gridsChanged(engine().notifications, Notifications::GridsChanged);
     loadInitialDatabase();
-    engine().notifications.removeObserver(token);
-
     EXPECT_TRUE(db().didCopyInitialDb());
-    EXPECT_EQ(gridsChanged, 1);
+    EXPECT_EQ(gridsChanged.count, 1);
     EXPECT_EQ(value(QStringLiteral("PRAGMA user_version")), QStringLiteral("11"));
     EXPECT_EQ(column(QStringLiteral("SELECT name FROM grids")),
               QStringList{QStringLiteral("Main Grid")});
@@ -210,12 +172,7 @@ TEST_F(MigrationTest, AFreshHomeGetsTheInitialDatabase)
     EXPECT_EQ(sqlValue(GridDatabase::initialDatabaseResourcePath(),
                        QStringLiteral("PRAGMA user_version")),
               QStringLiteral("0"));
-    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
-}
-
-TEST_F(MigrationTest, UsesWalOnALocalDiskWithFullSyncAndABusyTimeout)
-{
-    loadInitialDatabase();
+    EXPECT_TRUE(alerts().isEmpty());
     EXPECT_EQ(db().journalMode(), QStringLiteral("wal"));
     EXPECT_EQ(db().runQuery(QStringLiteral("PRAGMA synchronous")).first().first().toInt(), 2);
     EXPECT_EQ(db().runQuery(QStringLiteral("PRAGMA busy_timeout")).first().first().toInt(),
@@ -224,135 +181,91 @@ TEST_F(MigrationTest, UsesWalOnALocalDiskWithFullSyncAndABusyTimeout)
 
 TEST_F(MigrationTest, UsesARollbackJournalOnANetworkFileSystem)
 {
-    // The support folder presented as an NFS mount.
-    const QString table = m_engine->home().writeFile(
-        QStringLiteral("mountinfo"), QStringLiteral("22 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
-                                                    "90 22 0:50 / %1 rw - nfs4 server:/export rw\n")
-                                         .arg(QFileInfo(supportPath({})).canonicalFilePath())
-                                         .toUtf8());
-    FileSystemInfoOverride mounts(table);
+    mountAs(supportPath({}), "nfs4");
     loadInitialDatabase();
     EXPECT_EQ(db().journalMode(), QStringLiteral("delete"));
 }
 
-TEST_F(MigrationTest, AMissingInitialDatabaseIsReportedAndNothingIsCreated)
+TEST_F(MigrationTest, AMissingOrUncopiableInitialDatabaseIsReportedOnTheMainLoop)
 {
     LogCapture log;
     GridDatabase store(dbPath(), QString());
     store.setContext(&engine().storeContext);
     EXPECT_FALSE(store.loadDatabase());
+    EXPECT_TRUE(alerts().isEmpty()); // shown on the main loop
     processEvents();
     EXPECT_FALSE(QFileInfo::exists(dbPath()));
     EXPECT_TRUE(log.contains(QStringLiteral(
         "Error creating initial actions database: source path (nil) or destination path")));
     EXPECT_TRUE(log.contains(QStringLiteral("Error opening database!")));
-    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
-    const Alert alert = m_engine->alerts().alerts.first();
-    EXPECT_EQ(alert.style, Alert::Style::Critical);
-    EXPECT_EQ(alert.title, QStringLiteral("Database Initialization Error"));
-    EXPECT_TRUE(alert.message.startsWith(
+    ASSERT_EQ(alerts().size(), 1);
+    EXPECT_EQ(alerts().first().style, Alert::Style::Critical);
+    EXPECT_EQ(alerts().first().title, QStringLiteral("Database Initialization Error"));
+    EXPECT_TRUE(alerts().first().message.startsWith(
         QStringLiteral("Skelvo was unable to initialize its database.\n\nSource path: "
                        "nil\nDestination path: %1\n\n")
             .arg(dbPath())));
-    EXPECT_TRUE(alert.message.endsWith(
-        QStringLiteral("Please report this at https://github.com/skelvo/skelvo/issues.")));
+    EXPECT_TRUE(alerts().first().message.endsWith(
+        QStringLiteral("\n\nPlease report this at https://github.com/skelvo/skelvo/issues.")));
     // Every later operation fails quietly.
     EXPECT_EQ(store.addGridWithName(QStringLiteral("x")), 0);
     EXPECT_TRUE(store.getGrids().isEmpty());
-    EXPECT_FALSE(store.requiredTablesExist());
-}
 
-TEST_F(MigrationTest, AFailedCopyIsReported)
-{
-    LogCapture log;
-    GridDatabase store(dbPath(), supportPath(QStringLiteral("no-such.skdb")));
-    store.setContext(&engine().storeContext);
-    EXPECT_FALSE(store.copyInInitalDb());
+    GridDatabase copying(dbPath(), supportPath(QStringLiteral("no-such.skdb")));
+    copying.setContext(&engine().storeContext);
+    EXPECT_FALSE(copying.copyInInitalDb());
     processEvents();
-    EXPECT_TRUE(log.contains(QStringLiteral("Error creating initial actions database: ")));
-    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
-    const Alert alert = m_engine->alerts().alerts.first();
-    EXPECT_EQ(alert.title, QStringLiteral("Database Initialization Error"));
-    EXPECT_TRUE(alert.message.startsWith(
+    ASSERT_EQ(alerts().size(), 2);
+    EXPECT_TRUE(alerts().last().message.startsWith(
         QStringLiteral("Skelvo was unable to copy its initial database.\n\n")));
-    EXPECT_TRUE(alert.message.endsWith(
-        QStringLiteral("\n\nPlease report this at https://github.com/skelvo/skelvo/issues.")));
-    EXPECT_FALSE(store.didCopyInitialDb());
+    EXPECT_FALSE(copying.didCopyInitialDb());
 }
 
-TEST_F(MigrationTest, TheAlertWaitsForTheMainLoop)
+TEST_F(MigrationTest, ADamagedFileIsLeftAloneOnCloseAndKeptAsideOnRecreate)
 {
-    GridDatabase store(dbPath(), QString());
-    store.setContext(&engine().storeContext);
-    store.copyInInitalDb();
-    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty());
-    processEvents();
-    EXPECT_EQ(m_engine->alerts().alerts.size(), 1);
-}
-
-class DamagedFileTest : public MigrationTest {
-protected:
-    void SetUp() override
-    {
-        MigrationTest::SetUp();
-        m_engine->home().writeFile(
-            QStringLiteral("data/Skelvo/Actions5.skdb"),
-            QByteArray("this is not a database, but the user's only copy", 48));
-        m_damaged = readAll(dbPath());
-        engine().storeHooks.quitApplication = [this] { ++m_quits; };
-        engine().storeHooks.prepareGrid = [this] { ++m_prepared; };
-        engine().storeHooks.createFirstLaunchGridActions = [this] { ++m_filled; };
-    }
-    static QByteArray readAll(const QString& path)
-    {
+    const QByteArray damaged = "this is not a database, but the user's only copy";
+    m_engine->home().writeFile(QStringLiteral("data/Skelvo/Actions5.skdb"), damaged);
+    int quits = 0;
+    int prepared = 0;
+    int filled = 0;
+    engine().storeHooks.quitApplication = [&] { ++quits; };
+    engine().storeHooks.prepareGrid = [&] { ++prepared; };
+    engine().storeHooks.createFirstLaunchGridActions = [&] { ++filled; };
+    const auto readAll = [](const QString& path) {
         QFile file(path);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-    QByteArray m_damaged;
-    int m_quits = 0;
-    int m_prepared = 0;
-    int m_filled = 0;
-};
-
-TEST_F(DamagedFileTest, IsLeftAloneWhenTheUserCloses)
-{
+    };
     db().loadDatabase();
     ASSERT_FALSE(db().requiredTablesExist());
     db().handleDBCorrupt();
-    EXPECT_TRUE(m_engine->alerts().alerts.isEmpty()); // asked on the main loop
+    EXPECT_TRUE(alerts().isEmpty()); // asked on the main loop
     processEvents();
-    ASSERT_EQ(m_engine->alerts().alerts.size(), 1);
-    const Alert alert = m_engine->alerts().alerts.first();
-    EXPECT_EQ(alert.style, Alert::Style::Critical);
-    EXPECT_EQ(alert.title, QStringLiteral("Skelvo Database Missing or Corrupt"));
-    EXPECT_EQ(alert.message,
+    ASSERT_EQ(alerts().size(), 1);
+    EXPECT_EQ(alerts().first().style, Alert::Style::Critical);
+    EXPECT_EQ(alerts().first().title, QStringLiteral("Skelvo Database Missing or Corrupt"));
+    EXPECT_EQ(alerts().first().message,
               QStringLiteral("It appears that your Skelvo database is either missing or "
                              "corrupt.\n\nYou can attempt to recreate the database, but please "
                              "note that this will result in the loss of any actions you have "
                              "previously set up."));
-    EXPECT_EQ(alert.buttons,
+    EXPECT_EQ(alerts().first().buttons,
               (QStringList{QStringLiteral("Close"), QStringLiteral("Recreate Database")}));
-    EXPECT_EQ(m_quits, 1);
-    EXPECT_EQ(readAll(dbPath()), m_damaged);
-}
+    EXPECT_EQ(quits, 1);
+    EXPECT_EQ(readAll(dbPath()), damaged);
 
-TEST_F(DamagedFileTest, IsKeptAsideWhenTheUserRecreates)
-{
-    db().loadDatabase();
-    EXPECT_EQ(readAll(dbPath()), m_damaged); // opening did not touch it
     m_engine->alerts().setNextAnswer(1);
     db().handleDBCorrupt();
     processEvents();
-    EXPECT_EQ(m_quits, 0);
-    EXPECT_EQ(m_filled, 1);
-    EXPECT_EQ(m_prepared, 1);
+    EXPECT_EQ(quits, 1);
+    EXPECT_EQ(filled, 1);
+    EXPECT_EQ(prepared, 1);
     EXPECT_TRUE(db().requiredTablesExist());
     EXPECT_TRUE(db().didCopyInitialDb());
     EXPECT_EQ(db().getGrids().size(), 1);
     const QStringList aside =
         QDir(supportPath({})).entryList({QStringLiteral("Actions5.skdb.damaged-*")});
     ASSERT_EQ(aside.size(), 1);
-    EXPECT_EQ(readAll(supportPath(aside.first())), m_damaged);
+    EXPECT_EQ(readAll(supportPath(aside.first())), damaged);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/NotificationCenter.h"
 #include "core/SecretStore.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
@@ -16,20 +17,28 @@
 // variables, and from version 4 on a grid (from version 10 on, a Drop Bar with items).
 void createDatabaseAtVersion(const QString& path, int version);
 
-// Column name -> "TYPE|default" of every table, for comparing schemas.
-QMap<QString, QMap<QString, QString>> schemaOf(const QString& path);
+// "table.column TYPE|default" of every column, sorted, for comparing schemas.
+QStringList schemaOf(const QString& path);
 
 // Runs the statement on its own connection and returns the first column of every row.
 QStringList sqlColumn(const QString& path, const QString& sql);
 QString sqlValue(const QString& path, const QString& sql);
 
-// Points the mount table at a prepared file while alive.
-class FileSystemInfoOverride {
+// Counts one notification while alive.
+class NotificationCount {
 public:
-    explicit FileSystemInfoOverride(const QString& mountInfo);
-    ~FileSystemInfoOverride();
-    FileSystemInfoOverride(const FileSystemInfoOverride&) = delete;
-    FileSystemInfoOverride& operator=(const FileSystemInfoOverride&) = delete;
+    NotificationCount(NotificationCenter& center, const QString& name)
+        : m_center(center)
+        , m_token(center.addObserver(name, nullptr, [this](const Notification&) { ++count; }))
+    {}
+    ~NotificationCount() { m_center.removeObserver(m_token); }
+    NotificationCount(const NotificationCount&) = delete;
+    NotificationCount& operator=(const NotificationCount&) = delete;
+    int count = 0;
+
+private:
+    NotificationCenter& m_center;
+    int m_token;
 };
 
 // Lets queued steps (alerts, grid rebuilds) run.
@@ -39,23 +48,32 @@ void processEvents();
 bool storePassword(GridAction& action, const QString& password, bool secondary = false);
 std::optional<QMap<QString, QString>> retrievePassword(const GridAction& action, bool showErrors,
                                                        bool base64Encoded, bool secondary = false);
-SecretStore::Result readSecretNow(SecretStore& store, const QString& service,
-                                  const QString& account);
 
-// Each test gets its own home, fake presenters and a fresh shared store over
-// "Actions5.skdb" in the home's support folder.
+// Each test gets its own engine and home and the shared store over "Actions5.skdb" in the
+// home's support folder, loaded from the shipped initial database unless `load` is false.
 class StoreTest : public testing::Test {
 protected:
+    explicit StoreTest(bool load = true)
+        : m_load(load)
+    {}
     void SetUp() override;
     void TearDown() override;
 
     GridDatabase& db() { return GridDatabase::sharedGridDatabase(); }
     QString supportPath(const QString& relative) const;
-    QString dbPath() const;
+    QString dbPath() const { return supportPath(GridDatabase::DatabaseFileName); }
+    QString value(const QString& sql) const { return sqlValue(dbPath(), sql); }
+    QStringList column(const QString& sql) const { return sqlColumn(dbPath(), sql); }
     // Loads the shipped initial database (one grid, categories Actions, Apps and Folders).
     void loadInitialDatabase();
+    // Presents `folder` as mounted from a file system of `type` (cifs, nfs4...).
+    void mountAs(const QString& folder, const char* type);
 
     Engine& engine() { return m_engine->engine(); }
+    const QList<Alert>& alerts() { return m_engine->alerts().alerts; }
 
     std::unique_ptr<TestEngine> m_engine;
+
+private:
+    bool m_load;
 };
