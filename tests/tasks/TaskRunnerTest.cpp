@@ -116,19 +116,27 @@ say "Begin_Message: Copying: a.txt"
 say "Progress: 50"
 first = (say "Select_Folder: Pick one").chomp
 second = (say "Select_Folder: Again").chomp
-say "Text: #{first}|#{second}"
+say "Text: #{first}|#{second}|#{[ENV['LC_ALL'], ENV['RUBYOPT'], ENV['NSUnbufferedIO'], Dir.pwd, File.basename($0), File.basename(ARGV[0])[0, 5], Process.getpgrp == Process.pid].join('|')}"
 )RUBY");
     ASSERT_TRUE(waitForFinish());
-    EXPECT_EQ(presenters.desktop().clipboard, QStringList{QStringLiteral("text:/chosen/folder|0")});
-    EXPECT_EQ(responses, QStringList{QStringLiteral("/chosen/folder|0")});
+    // Only a locale that is installed: a missing one makes shells print warnings.
+    QProcess locales;
+    locales.start(QStringLiteral("locale"), {QStringLiteral("-a")});
+    ASSERT_TRUE(locales.waitForFinished(10000));
+    const QString locale = locales.readAllStandardOutput().split('\n').contains("en_US.utf8")
+                               ? QStringLiteral("en_US.UTF-8")
+                               : QStringLiteral("C.UTF-8");
+    const QString answer = QStringLiteral("/chosen/folder|0|%1|-Ku|NO|%2|runner.rb|task-|true")
+                               .arg(locale, home.path() + QStringLiteral("/res/Actions/lib"));
+    EXPECT_EQ(presenters.desktop().clipboard, QStringList{QStringLiteral("text:") + answer});
+    EXPECT_EQ(responses, QStringList{answer});
     ASSERT_EQ(finished.size(), 1);
     EXPECT_EQ(finished[0].userInfo.value(QStringLiteral("lastCommand")).toString(),
               QStringLiteral("Text"));
-    EXPECT_EQ(finished[0].userInfo.value(QStringLiteral("lastMessage")).toString(),
-              QStringLiteral("/chosen/folder|0"));
+    EXPECT_EQ(finished[0].userInfo.value(QStringLiteral("lastMessage")).toString(), answer);
     const QString console = presenters->debugConsole.text();
     EXPECT_TRUE(console.contains(QStringLiteral("\nBegin_Message: Copying a.txt\nProgress: 50\n")));
-    EXPECT_TRUE(console.endsWith(QStringLiteral("Text: /chosen/folder|0\n\n[Task completed]\n")));
+    EXPECT_TRUE(console.endsWith(answer + QStringLiteral("\n\n[Task completed]\n")));
     EXPECT_EQ(presenters->debugConsole.runs().last().bold, true);
     EXPECT_TRUE(waitUntil([&] { return task.isNull(); }, 2000)) << "the finished task is released";
     EXPECT_EQ(allCompleted, 1);
@@ -231,27 +239,6 @@ $stdout.write(("\x00\xFF binary junk \x80".b) * 200_000)
     EXPECT_TRUE(console.contains(QStringLiteral("h\n\u00e9llo\n")))
         << console.left(200).toStdString();
     EXPECT_LE(console.size(), DebugConsoleController::DefaultMaximumLength);
-}
-
-TEST_F(TaskRunnerTest, EnvironmentArgumentsAndWorkingFolder)
-{
-    start(R"RUBY(
-$stdout.sync = true
-print "Text: #{[ENV['LC_ALL'], ENV['RUBYOPT'], ENV['NSUnbufferedIO'], Dir.pwd, File.basename($0), File.basename(ARGV[0])[0, 5], Process.getpgrp == Process.pid].join('|')}\n"
-STDIN.gets
-)RUBY");
-    ASSERT_TRUE(waitForFinish());
-    ASSERT_EQ(presenters.desktop().clipboard.size(), 1);
-    const QString lib = QDir(home.path()).filePath(QStringLiteral("res/Actions/lib"));
-    // Only a locale that is installed: a missing one makes shells print warnings.
-    QProcess locales;
-    locales.start(QStringLiteral("locale"), {QStringLiteral("-a")});
-    ASSERT_TRUE(locales.waitForFinished(10000));
-    const QString locale = locales.readAllStandardOutput().split('\n').contains("en_US.utf8")
-                               ? QStringLiteral("en_US.UTF-8")
-                               : QStringLiteral("C.UTF-8");
-    EXPECT_EQ(presenters.desktop().clipboard[0],
-              QStringLiteral("text:%1|-Ku|NO|%2|runner.rb|task-|true").arg(locale, lib));
 }
 
 TEST_F(TaskRunnerTest, MissingRunnerScriptAlertsAndRunsNothing)
