@@ -20,6 +20,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <gtest/gtest.h>
 
 namespace {
@@ -29,7 +30,6 @@ namespace {
 const char* const TestRunner = R"RUBY(
 description = File.read(ARGV[0])
 $task_file = ARGV[0]
-$items = description[/^ITEMS: (.*)\z/, 1]
 load description[/\AACTION: "(.*)"$/, 1]
 )RUBY";
 
@@ -65,7 +65,7 @@ protected:
     }
 
     // Starts a task whose script is `ruby`; returns it (owned by the tasks controller).
-    QPointer<Task> start(const QByteArray& ruby, const QStringList& items = {})
+    QPointer<Task> start(const QByteArray& ruby, std::function<void()> completion = {})
     {
         const QString script =
             home.writeFile(QStringLiteral("action-%1.skelvo").arg(++m_count), ruby);
@@ -74,7 +74,7 @@ protected:
         task->actionFile->actionName = QStringLiteral("Test Action");
         task->actionFile->taskPath = script;
         task->event = QStringLiteral("dragged");
-        task->items = items;
+        task->completion = std::move(completion);
         task->variables = {{QStringLiteral("dragged_type"), QStringLiteral("files")}};
         task->run();
         return task;
@@ -245,12 +245,7 @@ TEST_F(TaskRunnerTest, MissingRunnerScriptAlertsAndRunsNothing)
 {
     QFile::remove(QDir(home.path()).filePath(QStringLiteral("res/Actions/lib/runner.rb")));
     int completions = 0;
-    const QString script = home.writeFile(QStringLiteral("never.skelvo"), "raise 'must not run'");
-    auto* task = new Task(presenters->taskContext);
-    task->actionFile = std::make_shared<ActionFile>();
-    task->actionFile->taskPath = script;
-    task->completion = [&] { ++completions; };
-    task->run();
+    start("raise 'must not run'", [&] { ++completions; });
     ASSERT_EQ(presenters.alerts().alerts.size(), 1);
     EXPECT_EQ(presenters.alerts().alerts[0].title, QStringLiteral("Failed to launch task"));
     EXPECT_EQ(presenters.alerts().alerts[0].message,
