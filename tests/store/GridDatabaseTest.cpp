@@ -237,7 +237,6 @@ TEST_F(GridDatabaseTest, ActionsRoundTripWithTheirVariables)
 
     const GridActionPtr read = db().getGridActionWithId(id);
     ASSERT_TRUE(read);
-    EXPECT_EQ(read->aId, id);
     EXPECT_EQ(read->name, QStringLiteral("Upload"));
     EXPECT_EQ(read->type, QStringLiteral("SFTP Upload"));
     EXPECT_EQ(read->servicesKey, QStringLiteral("U"));
