@@ -411,4 +411,12 @@ TEST_F(EventsTest, ARunThatStartsNothingStillCallsItsCompletionOnceButLater)
     settle(50);
     EXPECT_EQ(completed, 7);
     EXPECT_TRUE(started.isEmpty());
+
+    // A click handed to a built-in ends when the built-in says so.
+    handler->performActionClick(store(OpenFile, file), count);
+    ASSERT_FALSE(builtIns->calls.isEmpty());
+    ASSERT_TRUE(builtIns->calls.last().completion);
+    builtIns->calls.last().completion();
+    settle();
+    EXPECT_EQ(completed, 8);
 }
