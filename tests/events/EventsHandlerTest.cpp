@@ -80,9 +80,6 @@ TEST_F(EventsTest, TheVariablesAndItemsOfCreatedTasks)
             << item.toStdString() << viaCmdLine;
         EXPECT_FALSE(run->variables.contains(QStringLiteral("OPERATION")));
     }
-    Task* intent = handler->runGridAction(both, QStringList{file}, true);
-    ASSERT_TRUE(intent);
-    EXPECT_EQ(variable(intent, "dragged_type"), QStringLiteral("files"));
     Task* textIntent = handler->runGridAction(both, QStringLiteral("a text"), true);
     ASSERT_TRUE(textIntent);
     EXPECT_EQ(variable(textIntent, "dragged_type"), QStringLiteral("text"));
@@ -175,7 +172,6 @@ TEST_F(EventsTest, BuiltInAndSharingDrops)
     ASSERT_EQ(alerts.size(), 2);
     EXPECT_EQ(alerts[0].message, EventsHandler::builtInUnavailableMessage(OpenFile));
     EXPECT_EQ(alerts[1].message, EventsHandler::builtInUnavailableMessage(ResizeImages));
-    EXPECT_TRUE(alerts[0].message.contains(QStringLiteral("built-in")));
     EXPECT_EQ(builtIns->calls.size(), 1);
     EXPECT_TRUE(started.isEmpty());
 }
@@ -415,30 +411,12 @@ TEST_F(EventsTest, ARunThatStartsNothingStillCallsItsCompletionOnceButLater)
     settle(50);
     EXPECT_EQ(completed, 7);
     EXPECT_TRUE(started.isEmpty());
-}
 
-TEST_F(EventsTest, ARunThatIsHandedOnPassesItsCompletionOn)
-{
-    int completed = 0;
-    const auto count = [&] { ++completed; };
-    const QString file = makeFile(QStringLiteral("a.txt"));
-    Task* task =
-        handler->createTaskForAction(store(Files), {file}, QStringLiteral("dragged"), true, count);
-    ASSERT_TRUE(task);
-    ASSERT_TRUE(task->completion);
-    EXPECT_EQ(handler->performActionClick(store(OpenFile, file), count).outcome,
-              Outcome::HandedToBuiltIn);
-    EXPECT_EQ(handler->runGridAction(store(ResizeImages), QStringList{file}, true, count), nullptr);
-    EXPECT_EQ(handler->runGridAction(store(Email), QStringList{file}, true, count), nullptr);
+    // A click handed to a built-in ends when the built-in says so.
+    handler->performActionClick(store(OpenFile, file), count);
+    ASSERT_FALSE(builtIns->calls.isEmpty());
+    ASSERT_TRUE(builtIns->calls.last().completion);
+    builtIns->calls.last().completion();
     settle();
-    EXPECT_EQ(completed, 0) << "all of them are still running";
-
-    task->finishCompletion();
-    ASSERT_EQ(builtIns->calls.size(), 2);
-    builtIns->calls[0].completion();
-    builtIns->calls[1].completion();
-    ASSERT_EQ(sharing->completions.size(), 1);
-    sharing->completions[0]();
-    settle();
-    EXPECT_EQ(completed, 4);
+    EXPECT_EQ(completed, 8);
 }
