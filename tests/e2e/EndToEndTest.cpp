@@ -14,18 +14,8 @@
 
 namespace {
 
-class EndToEndTest : public ::testing::Test {
+class EndToEndTest : public WithHeadlessApp<EndToEndTest> {
 protected:
-    static void SetUpTestSuite()
-    {
-        app = new HeadlessApp;
-        ASSERT_TRUE(app->start());
-    }
-    static void TearDownTestSuite()
-    {
-        EXPECT_TRUE(app->stop());
-        delete app;
-    }
     // Runs sk and checks that it ends with `status`.
     static SkResult sk(const QStringList& arguments, int status = 0)
     {
@@ -33,8 +23,6 @@ protected:
         EXPECT_EQ(result.status, status) << arguments.join(u' ') << "\n" << result.err;
         return result;
     }
-
-    static inline HeadlessApp* app = nullptr;
 };
 
 TEST_F(EndToEndTest, GridsCategoriesAndACopyFilesActionThatRuns)

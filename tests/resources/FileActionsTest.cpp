@@ -46,18 +46,8 @@ QString outputFile(const QString& path)
     return "Output_File: " + QString::fromLatin1(path.toUtf8().toBase64());
 }
 
-class FileActionsTest : public ::testing::Test {
+class FileActionsTest : public WithHeadlessApp<FileActionsTest> {
 protected:
-    static void SetUpTestSuite()
-    {
-        app = new HeadlessApp;
-        ASSERT_TRUE(app->start());
-    }
-    static void TearDownTestSuite()
-    {
-        EXPECT_TRUE(app->stop());
-        delete app;
-    }
     void SetUp() override
     {
         const QString test =
@@ -84,7 +74,6 @@ protected:
         return drop(type, items, m_destination);
     }
 
-    static inline HeadlessApp* app = nullptr;
     static inline int tiles = 0;
     QString m_source;
     QString m_destination;

@@ -11,18 +11,8 @@
 
 namespace {
 
-class RunnerTest : public ::testing::TestWithParam<bool> {
+class RunnerTest : public WithHeadlessApp<RunnerTest, ::testing::TestWithParam<bool>> {
 protected:
-    static void SetUpTestSuite()
-    {
-        app = new HeadlessApp;
-        ASSERT_TRUE(app->start());
-    }
-    static void TearDownTestSuite()
-    {
-        EXPECT_TRUE(app->stop());
-        delete app;
-    }
     bool python() const { return GetParam(); }
 
     // Adds the action in this test's language, under a name of its own, and runs it.
@@ -32,8 +22,6 @@ protected:
         EXPECT_TRUE(app->addScriptAction(action, body, python())) << action;
         return app->sk(QStringList{"run", action} + arguments);
     }
-
-    static inline HeadlessApp* app = nullptr;
 };
 
 TEST_P(RunnerTest, ItemsAndVariablesArriveExactly)

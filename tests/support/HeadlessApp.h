@@ -6,6 +6,7 @@
 #include <QTemporaryDir>
 
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
 #include <ostream>
 
@@ -64,4 +65,22 @@ private:
     QTemporaryDir m_home;
     QProcessEnvironment m_environment;
     QProcess m_app;
+};
+
+// One application for a whole test suite: started before its first test, stopped after its
+// last. `Suite` keeps each suite's application apart.
+template <class Suite, class Base = ::testing::Test> class WithHeadlessApp : public Base {
+protected:
+    static void SetUpTestSuite()
+    {
+        app = new HeadlessApp;
+        ASSERT_TRUE(app->start());
+    }
+    static void TearDownTestSuite()
+    {
+        EXPECT_TRUE(app->stop());
+        delete app;
+        app = nullptr;
+    }
+    static inline HeadlessApp* app = nullptr;
 };
