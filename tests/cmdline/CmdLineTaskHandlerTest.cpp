@@ -121,7 +121,7 @@ private:
 };
 
 // A request from "command|key=value|...": numbers and true/false become numbers and flags.
-QVariantMap spec(const char* text)
+QVariantMap requestFrom(const char* text)
 {
     const QStringList parts = QString::fromUtf8(text).split(u'|');
     QVariantMap map{{QStringLiteral("action"), parts.first()}};
@@ -261,7 +261,7 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
     }
     runScripts(scripts);
     for (const Case& c : cases) {
-        EXPECT_EQ(one(spec((std::string("run|event=clicked|name=") + c.name).c_str())),
+        EXPECT_EQ(one(requestFrom((std::string("run|event=clicked|name=") + c.name).c_str())),
                   QString::fromUtf8(c.answer))
             << c.name;
     }
@@ -269,14 +269,14 @@ TEST_F(CmdLineTest, ARunAnswersItsOutcome)
     // Without its runner nothing launches, and the request hears the alert.
     qputenv("SKELVO_RESOURCES",
             QDir(m_engine->home().path()).filePath(QStringLiteral("none")).toUtf8());
-    EXPECT_TRUE(one(spec("run|name=Links|event=clicked"))
+    EXPECT_TRUE(one(requestFrom("run|name=Links|event=clicked"))
                     .startsWith(QStringLiteral(
                         "Error: Failed to launch task: Could not find runner.rb at at '")));
 
     // An action whose header fails validation says so, not that it takes no text.
     installUserAction(QStringLiteral("Broken.skelvo"), "# Skelvo Action Info\n# Name: Broken\n");
     addGridAction(QStringLiteral("Broken"), QStringLiteral("Broken"));
-    EXPECT_TRUE(one(spec("run|name=Broken|text=hello"))
+    EXPECT_TRUE(one(requestFrom("run|name=Broken|text=hello"))
                     .startsWith(QStringLiteral(
                         "Error: Action 'Broken' cannot run: its header has problems:\n-")));
 
@@ -302,7 +302,7 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
                       "# Handles: Files\n# Creator: c\n# URL: u\n# OptionsNIB: AmazonS3Login\n");
     auto secrets = std::make_shared<HeldSecretStore>();
     m_engine->secrets().use(secrets);
-    QVariantMap addUploader = spec("add-action|type=Uploader");
+    QVariantMap addUploader = requestFrom("add-action|type=Uploader");
     addUploader.insert(QStringLiteral("options"),
                        QVariantMap{{QStringLiteral("username"), QStringLiteral("ann")},
                                    {QStringLiteral("password"), QStringLiteral("pw")},
@@ -310,7 +310,7 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
     auto adding = sendAsync(runtime(), addUploader);
     ASSERT_TRUE(waitUntil([&] { return !secrets->pending.empty(); }));
     EXPECT_TRUE(secrets->actionExisted) << "the secret is stored for an action that exists";
-    EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
+    EXPECT_EQ(one(requestFrom("status")), QStringLiteral("closed"));
     secrets->releaseAll();
     ASSERT_TRUE(waitUntil([&] { return isReady(adding); }));
     EXPECT_EQ(joined(adding),
@@ -339,9 +339,9 @@ TEST_F(CmdLineTest, ARequestWaitingForASecretOrAnAlertLetsOthersBeServed)
               QStringLiteral("alerting.rb"),
               "puts 'Alert: Look'\nSTDIN.gets\nsleep 0.5\nputs 'Text: done'\nSTDIN.gets\n")}});
     addGridAction(QStringLiteral("Alerting"));
-    auto running = sendAsync(runtime(), spec("run|name=Alerting|event=clicked"), 20000);
+    auto running = sendAsync(runtime(), requestFrom("run|name=Alerting|event=clicked"), 20000);
     ASSERT_TRUE(waitUntil([&] { return !m_engine->alerts().pendingAnswers.isEmpty(); }));
-    EXPECT_EQ(one(spec("status")), QStringLiteral("closed"));
+    EXPECT_EQ(one(requestFrom("status")), QStringLiteral("closed"));
     ASSERT_TRUE(waitUntil([&] { return isReady(running); }, 20000));
     EXPECT_EQ(joined(running), QStringLiteral("Look|done"));
 }
@@ -386,10 +386,10 @@ TEST_F(CmdLineTest, GridsCategoriesAndTheirSettings)
     };
     GridDatabase& db = GridDatabase::sharedGridDatabase();
     for (const auto& [request, answer] : steps) {
-        EXPECT_EQ(one(spec(request)), QString::fromUtf8(answer)) << request;
+        EXPECT_EQ(one(requestFrom(request)), QString::fromUtf8(answer)) << request;
         if (QByteArray(request).startsWith("switch-grid")) {
             const QJsonArray grids =
-                QJsonDocument::fromJson(one(spec("list-grids|json=true")).toUtf8()).array();
+                QJsonDocument::fromJson(one(requestFrom("list-grids|json=true")).toUtf8()).array();
             ASSERT_EQ(grids.size(), 2);
             EXPECT_TRUE(grids[1].toObject().value(QStringLiteral("current")).toBool());
         }
@@ -399,7 +399,7 @@ TEST_F(CmdLineTest, GridsCategoriesAndTheirSettings)
     }
     EXPECT_EQ(db.numColsForGrid(1), 4);
     EXPECT_FALSE(db.gridSwitcherVisibleForGrid(1));
-    EXPECT_TRUE(one(spec("grid-settings|grid=Home"))
+    EXPECT_TRUE(one(requestFrom("grid-settings|grid=Home"))
                     .startsWith(QStringLiteral("Grid 'Home':\n  size: 90\n  columns: 4")));
 }
 
@@ -412,9 +412,9 @@ TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
                                "BEGIN SELECT RAISE(ABORT, 'refused'); END"));
     db.runQuery(QStringLiteral("CREATE TRIGGER refuseActions BEFORE UPDATE ON actions "
                                "BEGIN SELECT RAISE(ABORT, 'refused'); END"));
-    EXPECT_EQ(one(spec("grid-settings|grid=Main Grid|size=90|cols=4")),
+    EXPECT_EQ(one(requestFrom("grid-settings|grid=Main Grid|size=90|cols=4")),
               QStringLiteral("Error: Could not save the settings of grid 'Main Grid'"));
-    EXPECT_EQ(one(spec("set-icon|name=Copy Files|reset=true")),
+    EXPECT_EQ(one(requestFrom("set-icon|name=Copy Files|reset=true")),
               QStringLiteral("Error: Failed to reset the icon of 'Copy Files'"));
     EXPECT_DOUBLE_EQ(db.gridSizeForGrid(1), 70.0);
 }

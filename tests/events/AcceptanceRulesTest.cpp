@@ -56,11 +56,11 @@ ActionFilePtr actionOf(Kind kind)
 
 const QStringList SomeFile = {QStringLiteral("/tmp/some file.txt")};
 
-// A tile from a short spec: "add", "files:ID" and "text:ID" (Drop Bars), or an action type
+// A tile from a short name: "add", "files:ID" and "text:ID" (Drop Bars), or an action type
 // (id 5).
-GridAction tileOf(const char* spec)
+GridAction tileOf(const char* name)
 {
-    const QString s = QString::fromLatin1(spec);
+    const QString s = QString::fromLatin1(name);
     GridAction tile;
     tile.aId = 5;
     if (s == u"add") {
@@ -76,7 +76,7 @@ GridAction tileOf(const char* spec)
 }
 
 // Offered formats, with short names for the common ones.
-QStringList formatsOf(const char* spec)
+QStringList formatsOf(const char* names)
 {
     static const QMap<QString, QString> shortNames = {
         {QStringLiteral("uri"), QStringLiteral("text/uri-list")},
@@ -85,7 +85,7 @@ QStringList formatsOf(const char* spec)
         {QStringLiteral("stack"), QStringLiteral("com.quarnet.skelvo.stack-item")},
         {QStringLiteral("tile"), QStringLiteral("com.quarnet.SKActionPboardType")}};
     QStringList formats;
-    for (const QString& f : QString::fromLatin1(spec).split(u' ', Qt::SkipEmptyParts)) {
+    for (const QString& f : QString::fromLatin1(names).split(u' ', Qt::SkipEmptyParts)) {
         formats << shortNames.value(f, f);
     }
     return formats;
