@@ -24,16 +24,13 @@ using namespace GridLookup;
 void CmdLineTaskHandler::list(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     GridId gridId = db().selectedGridId();
-    QString header = QStringLiteral("\nAvailable Skelvo Actions:\n") + ListRule;
-    if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
-        if (!gridFound) {
-            return;
-        }
-        gridId = *gridFound;
-        header = QStringLiteral("\nActions in grid '") + str(request, "grid") +
-                 QStringLiteral("':\n") + ListRule;
+    if (!requestedGrid(client, request, gridId)) {
+        return;
     }
+    const QString header = has(request, "grid") ? QStringLiteral("\nActions in grid '") +
+                                                      str(request, "grid") + QStringLiteral("':\n")
+                                                : QStringLiteral("\nAvailable Skelvo Actions:\n");
+    QString text = header + ListRule;
     const QList<PlacedAction> actions = actionsOfGrid(gridId);
     if (flag(request, "json")) {
         QJsonArray array;
@@ -52,7 +49,6 @@ void CmdLineTaskHandler::list(const CmdLineRequestPtr& client, const QVariantMap
         client->respond(QStringLiteral("No actions found"));
         return;
     }
-    QString text = header;
     for (const PlacedAction& placed : actions) {
         text += QStringLiteral("%1 (%2) in %3\n")
                     .arg(placed.action->name, placed.action->type, placed.category);
@@ -168,15 +164,10 @@ void CmdLineTaskHandler::addAction(const CmdLineRequestPtr& client, const QVaria
         validated = std::get<ValidatedActionOptions>(outcome);
     }
     GridId gridId = db().selectedGridId();
-    QString grid = gridName(gridId);
-    if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
-        if (!gridFound) {
-            return;
-        }
-        gridId = *gridFound;
-        grid = str(request, "grid");
+    if (!requestedGrid(client, request, gridId)) {
+        return;
     }
+    const QString grid = has(request, "grid") ? str(request, "grid") : gridName(gridId);
     CategoryId categoryId = 0;
     if (has(request, "category")) {
         const SqlRows categories = categoriesNamed(gridId, str(request, "category"));
@@ -274,17 +265,8 @@ void CmdLineTaskHandler::removeAction(const CmdLineRequestPtr& client, const QVa
         return;
     }
     const QString name = str(request, "name");
-    std::optional<GridId> inGrid;
-    if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
-        if (!gridFound) {
-            return;
-        }
-        inGrid = *gridFound;
-    }
-    const auto single = singleActionNamed(
-        name, inGrid, QStringLiteral(". Use --grid to specify which one to remove."),
-        [&client](const QString& text) { client->respond(text); });
+    const auto single = requestedAction(
+        client, request, QStringLiteral(". Use --grid to specify which one to remove."));
     if (!single) {
         return;
     }
@@ -305,17 +287,8 @@ void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariant
         return;
     }
     const QString name = str(request, "name");
-    std::optional<GridId> inGrid;
-    if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
-        if (!gridFound) {
-            return;
-        }
-        inGrid = *gridFound;
-    }
     const auto single =
-        singleActionNamed(name, inGrid, QStringLiteral(". Use --grid to specify which one."),
-                          [&client](const QString& text) { client->respond(text); });
+        requestedAction(client, request, QStringLiteral(". Use --grid to specify which one."));
     if (!single) {
         return;
     }

@@ -154,6 +154,35 @@ std::optional<GridId> CmdLineTaskHandler::findGrid(const CmdLineRequestPtr& clie
     return grids.first().value(QStringLiteral("id")).toLongLong();
 }
 
+bool CmdLineTaskHandler::requestedGrid(const CmdLineRequestPtr& client, const QVariantMap& request,
+                                       GridId& gridId)
+{
+    if (!has(request, "grid")) {
+        return true;
+    }
+    const std::optional<GridId> found = findGrid(client, str(request, "grid"));
+    if (found) {
+        gridId = *found;
+    }
+    return found.has_value();
+}
+
+std::optional<PlacedAction> CmdLineTaskHandler::requestedAction(const CmdLineRequestPtr& client,
+                                                                const QVariantMap& request,
+                                                                const QString& hint)
+{
+    std::optional<GridId> inGrid;
+    if (has(request, "grid")) {
+        GridId gridId = 0;
+        if (!requestedGrid(client, request, gridId)) {
+            return std::nullopt;
+        }
+        inGrid = gridId;
+    }
+    return singleActionNamed(str(request, "name"), inGrid, hint,
+                             [&client](const QString& text) { client->respond(text); });
+}
+
 CmdLineRequestPtr CmdLineTaskHandler::requestFor(const QObject* source) const
 {
     const QObject* task = taskOf(const_cast<QObject*>(source));

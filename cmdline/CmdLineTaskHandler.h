@@ -2,6 +2,7 @@
 
 #include "cmdline/CmdLineRequest.h"
 #include "core/Identifiers.h"
+#include "grid/GridLookup.h"
 #include "platform/CmdLineServer.h"
 
 #include <QHash>
@@ -64,6 +65,14 @@ private:
     void unbind(const CmdLineRequestPtr& request);
     // The first grid of that name; answers the request and gives none when there is none.
     std::optional<GridId> findGrid(const CmdLineRequestPtr& client, const QString& name);
+    // Sets `gridId` to the grid the request's "grid" names, when it names one; false (and
+    // answered) when that grid is not found.
+    bool requestedGrid(const CmdLineRequestPtr& client, const QVariantMap& request, GridId& gridId);
+    // The one action the request's "name" names (in its "grid", when given); none, and
+    // answered, when there is none or more than one. `hint` ends the answer for several.
+    std::optional<GridLookup::PlacedAction> requestedAction(const CmdLineRequestPtr& client,
+                                                            const QVariantMap& request,
+                                                            const QString& hint);
 
     void list(const CmdLineRequestPtr& client, const QVariantMap& request);
     void moveAction(const CmdLineRequestPtr& client, const QVariantMap& request);

@@ -55,12 +55,11 @@ void CmdLineTaskHandler::switchGrid(const CmdLineRequestPtr& client, const QVari
         return;
     }
     const QString name = str(request, "name");
-    const SqlRows grids = gridsNamed(name);
-    if (grids.isEmpty()) {
-        client->respond(QStringLiteral("Error: Grid '%1' not found").arg(name));
+    const std::optional<GridId> grid = findGrid(client, name);
+    if (!grid) {
         return;
     }
-    db().setSelectedGridId(grids.first().value(QStringLiteral("id")).toLongLong());
+    db().setSelectedGridId(*grid);
     m_context.notifications.post(Notifications::GridsChanged);
     client->respond(QStringLiteral("Switched to grid '") + name + QStringLiteral("'"));
 }
@@ -195,12 +194,8 @@ void CmdLineTaskHandler::removeCategory(const CmdLineRequestPtr& client, const Q
 void CmdLineTaskHandler::listCategories(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
     GridId gridId = db().selectedGridId();
-    if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
-        if (!gridFound) {
-            return;
-        }
-        gridId = *gridFound;
+    if (!requestedGrid(client, request, gridId)) {
+        return;
     }
     const SqlRows categories = db().categoriesForGrid(gridId);
     if (flag(request, "json")) {
@@ -355,15 +350,10 @@ void CmdLineTaskHandler::moveAction(const CmdLineRequestPtr& client, const QVari
     }
     const PlacedAction& placed = found.first();
     GridId targetGrid = placed.gridId;
-    QString targetGridName = placed.grid;
-    if (has(request, "grid")) {
-        const std::optional<GridId> gridFound = findGrid(client, str(request, "grid"));
-        if (!gridFound) {
-            return;
-        }
-        targetGrid = *gridFound;
-        targetGridName = str(request, "grid");
+    if (!requestedGrid(client, request, targetGrid)) {
+        return;
     }
+    const QString targetGridName = has(request, "grid") ? str(request, "grid") : placed.grid;
     const SqlRows categories = categoriesNamed(targetGrid, categoryName);
     if (categories.isEmpty()) {
         client->respond(QStringLiteral("Error: Category '") + categoryName +
