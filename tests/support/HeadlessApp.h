@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/QtPrinting.h"
+
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -9,12 +11,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <ostream>
-
-// Readable failure messages.
-inline std::ostream& operator<<(std::ostream& out, const QString& text)
-{
-    return out << text.toStdString();
-}
 
 // What one run of sk ended with.
 struct SkResult {

@@ -1,20 +1,10 @@
 #pragma once
 
+#include "tests/support/QtPrinting.h"
+
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-
-#include <ostream>
-
-// Readable failure messages for Qt strings.
-inline void PrintTo(const QString& text, std::ostream* out)
-{
-    *out << '"' << text.toStdString() << '"';
-}
-inline void PrintTo(const QStringList& list, std::ostream* out)
-{
-    *out << '[' << list.join(QStringLiteral("\", \"")).toStdString() << ']';
-}
 
 // A private SKELVO_HOME for one test: every support, config and runtime folder lands in a
 // temporary folder that is removed afterwards. The previous value is restored.
