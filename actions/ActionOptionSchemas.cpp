@@ -161,14 +161,13 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
          const QString& actionType)
 {
     const std::optional<OptionSchema> found = find(optionsNib);
-    const std::optional<QList<ActionOptionSpec>> entries = schema(optionsNib);
-    if (!entries) {
+    if (!found || found->options.isEmpty()) {
         return ActionOptionValidationError{
             QStringLiteral("'") + optionsNib +
             QStringLiteral("' is not supported by the command line.")};
     }
     QStringList keys;
-    for (const ActionOptionSpec& entry : *entries) {
+    for (const ActionOptionSpec& entry : found->options) {
         keys << entry.key;
     }
     for (auto it = options.cbegin(); it != options.cend(); ++it) {
@@ -182,7 +181,7 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
         }
     }
     ValidatedActionOptions result;
-    for (const ActionOptionSpec& entry : *entries) {
+    for (const ActionOptionSpec& entry : found->options) {
         if (!options.contains(entry.key)) {
             if (entry.required) {
                 return ActionOptionValidationError{
@@ -217,12 +216,11 @@ validate(const QString& optionsNib, const QMap<QString, QString>& options, const
 QString helpText(const QString& optionsNib)
 {
     const std::optional<OptionSchema> found = find(optionsNib);
-    const std::optional<QList<ActionOptionSpec>> entries = schema(optionsNib);
-    if (!entries) {
+    if (!found || found->options.isEmpty()) {
         return {};
     }
     QString text;
-    for (const ActionOptionSpec& entry : *entries) {
+    for (const ActionOptionSpec& entry : found->options) {
         QString line = QStringLiteral("  %1: %2").arg(entry.key, entry.help);
         if (!entry.choices.isEmpty()) {
             line += QStringLiteral(" [%1]").arg(entry.choices.join(u'|'));
