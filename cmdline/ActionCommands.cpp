@@ -89,8 +89,7 @@ void CmdLineTaskHandler::listActionTypes(const CmdLineRequestPtr& client,
 
 void CmdLineTaskHandler::actionInfo(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "type")) {
-        client->respond(QStringLiteral("Error: Missing action type for action-info command."));
+    if (!given(client, request, {"type"}, "action type")) {
         return;
     }
     const ActionFilePtr record = ActionFileParser::shared().getActionWithType(str(request, "type"));
@@ -125,8 +124,7 @@ void CmdLineTaskHandler::actionInfo(const CmdLineRequestPtr& client, const QVari
 
 void CmdLineTaskHandler::addAction(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "type")) {
-        client->respond(QStringLiteral("Error: Missing action type for add-action command."));
+    if (!given(client, request, {"type"}, "action type")) {
         return;
     }
     if (!db().isOpen() || !db().requiredTablesExist()) {
@@ -260,8 +258,7 @@ void CmdLineTaskHandler::addAction(const CmdLineRequestPtr& client, const QVaria
 
 void CmdLineTaskHandler::removeAction(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "name")) {
-        client->respond(QStringLiteral("Error: Missing action name for remove-action command."));
+    if (!given(client, request, {"name"}, "action name")) {
         return;
     }
     const QString name = str(request, "name");
@@ -276,8 +273,7 @@ void CmdLineTaskHandler::removeAction(const CmdLineRequestPtr& client, const QVa
 
 void CmdLineTaskHandler::setIcon(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "name")) {
-        client->respond(QStringLiteral("Error: Missing action name for set-icon command."));
+    if (!given(client, request, {"name"}, "action name")) {
         return;
     }
     const bool reset = flag(request, "reset");

@@ -25,6 +25,19 @@ bool has(const QVariantMap& request, const char* key)
     return value.isValid() && !value.isNull() && !value.toString().isEmpty();
 }
 
+bool given(const CmdLineRequestPtr& client, const QVariantMap& request,
+           std::initializer_list<const char*> keys, const char* what)
+{
+    for (const char* key : keys) {
+        if (!has(request, key)) {
+            client->respond(QStringLiteral("Error: Missing %1 for %2 command.")
+                                .arg(QString::fromLatin1(what), str(request, "action")));
+            return false;
+        }
+    }
+    return true;
+}
+
 bool flag(const QVariantMap& request, const char* key)
 {
     return request.value(QString::fromLatin1(key)).toBool();

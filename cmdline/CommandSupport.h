@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cmdline/CmdLineRequest.h"
 #include "core/Identifiers.h"
 #include "grid/GridLookup.h"
 #include "store/GridDatabase.h"
@@ -10,6 +11,7 @@
 #include <QVariantMap>
 
 #include <functional>
+#include <initializer_list>
 #include <optional>
 
 class Task;
@@ -28,6 +30,10 @@ QString str(const QVariantMap& request, const char* key);
 // Present and not empty.
 bool has(const QVariantMap& request, const char* key);
 bool flag(const QVariantMap& request, const char* key);
+// Whether the request gives every one of `keys`; when not, answers
+// "Error: Missing <what> for <command> command.".
+bool given(const CmdLineRequestPtr& client, const QVariantMap& request,
+           std::initializer_list<const char*> keys, const char* what);
 std::optional<qint64> integer(const QVariantMap& request, const char* key);
 QString json(const QJsonArray& array);
 

@@ -50,8 +50,7 @@ void CmdLineTaskHandler::listGrids(const CmdLineRequestPtr& client, const QVaria
 
 void CmdLineTaskHandler::switchGrid(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "name")) {
-        client->respond(QStringLiteral("Error: Missing grid name for switch-grid command."));
+    if (!given(client, request, {"name"}, "grid name")) {
         return;
     }
     const QString name = str(request, "name");
@@ -66,8 +65,7 @@ void CmdLineTaskHandler::switchGrid(const CmdLineRequestPtr& client, const QVari
 
 void CmdLineTaskHandler::createGrid(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "name")) {
-        client->respond(QStringLiteral("Error: Missing grid name for create-grid command."));
+    if (!given(client, request, {"name"}, "grid name")) {
         return;
     }
     const QString name = str(request, "name");
@@ -87,8 +85,7 @@ void CmdLineTaskHandler::createGrid(const CmdLineRequestPtr& client, const QVari
 
 void CmdLineTaskHandler::removeGrid(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "name")) {
-        client->respond(QStringLiteral("Error: Missing grid name for remove-grid command."));
+    if (!given(client, request, {"name"}, "grid name")) {
         return;
     }
     const QString name = str(request, "name");
@@ -131,9 +128,7 @@ void CmdLineTaskHandler::removeGrid(const CmdLineRequestPtr& client, const QVari
 
 void CmdLineTaskHandler::addCategory(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "grid") || !has(request, "category")) {
-        client->respond(
-            QStringLiteral("Error: Missing grid name or category name for add-category command."));
+    if (!given(client, request, {"grid", "category"}, "grid name or category name")) {
         return;
     }
     const QString grid = str(request, "grid");
@@ -155,9 +150,7 @@ void CmdLineTaskHandler::addCategory(const CmdLineRequestPtr& client, const QVar
 
 void CmdLineTaskHandler::removeCategory(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "grid") || !has(request, "category")) {
-        client->respond(QStringLiteral(
-            "Error: Missing grid name or category name for remove-category command."));
+    if (!given(client, request, {"grid", "category"}, "grid name or category name")) {
         return;
     }
     const QString grid = str(request, "grid");
@@ -224,8 +217,7 @@ void CmdLineTaskHandler::listCategories(const CmdLineRequestPtr& client, const Q
 
 void CmdLineTaskHandler::gridSettings(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "grid")) {
-        client->respond(QStringLiteral("Error: Missing grid name for grid-settings command."));
+    if (!given(client, request, {"grid"}, "grid name")) {
         return;
     }
     const QString grid = str(request, "grid");
@@ -319,9 +311,7 @@ void CmdLineTaskHandler::gridSettings(const CmdLineRequestPtr& client, const QVa
 
 void CmdLineTaskHandler::moveAction(const CmdLineRequestPtr& client, const QVariantMap& request)
 {
-    if (!has(request, "name") || !has(request, "category")) {
-        client->respond(
-            QStringLiteral("Error: Missing action name or category for move-action command."));
+    if (!given(client, request, {"name", "category"}, "action name or category")) {
         return;
     }
     const QString name = str(request, "name");
