@@ -1,5 +1,6 @@
 #include "platform/FileBookmark.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -7,6 +8,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -14,6 +17,31 @@ namespace {
 const QString PathKey = QStringLiteral("path");
 const QString DeviceKey = QStringLiteral("device");
 const QString InodeKey = QStringLiteral("inode");
+
+// One pass over the folder, no recursion: a rename stays in its folder, and a deeper search
+// would make resolving a stack's items slow on large or remote folders.
+std::optional<QString> findInFolder(const QString& folder, const FileIdentity& identity)
+{
+    DIR* dir = ::opendir(QFile::encodeName(folder).constData());
+    if (!dir) {
+        return std::nullopt;
+    }
+    std::optional<QString> found;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        struct stat info {};
+        if (::fstatat(::dirfd(dir), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            static_cast<quint64>(info.st_dev) == identity.device &&
+            static_cast<quint64>(info.st_ino) == identity.inode) {
+            found = QDir(folder).filePath(QFile::decodeName(entry->d_name));
+            break;
+        }
+    }
+    ::closedir(dir);
+    return found;
+}
 
 } // namespace
 
@@ -55,14 +83,19 @@ std::optional<Resolved> resolve(const QByteArray& data)
     const QJsonObject object = document.object();
     Resolved resolved;
     resolved.path = object.value(PathKey).toString();
-    const auto identity = FileIdentity::of(resolved.path);
-    if (!identity) {
-        resolved.missing = true;
-        return resolved;
-    }
     const FileIdentity recorded{object.value(DeviceKey).toString().toULongLong(),
                                 object.value(InodeKey).toString().toULongLong()};
-    resolved.replaced = !(recorded == *identity);
+    const auto identity = FileIdentity::of(resolved.path);
+    if (identity && *identity == recorded) {
+        return resolved;
+    }
+    if (auto found = findInFolder(QFileInfo(resolved.path).absolutePath(), recorded)) {
+        resolved.path = std::move(*found);
+        resolved.moved = true;
+        return resolved;
+    }
+    resolved.missing = !identity;
+    resolved.replaced = identity.has_value();
     return resolved;
 }
 

@@ -17,13 +17,14 @@ struct FileIdentity {
 
 // A bookmark of a chosen file or folder. There is no sandbox to ask for access, so the data
 // records the path and the file's identity; resolving it tells whether the item is still
-// there and still the same one.
+// there and still the same one, and follows it when it was renamed within its folder.
 namespace FileBookmark {
 
 struct Resolved {
-    QString path;
-    bool missing = false;  // nothing at the path any more
-    bool replaced = false; // something else now sits at the path
+    QString path;          // where the item is now
+    bool moved = false;    // found under another name in its folder
+    bool missing = false;  // found nowhere
+    bool replaced = false; // something else now sits at the path and the item is gone
 };
 
 std::optional<QByteArray> create(const QString& path, QString* error = nullptr);

@@ -2,36 +2,75 @@
 
 #include "tests/support/TestHome.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <gtest/gtest.h>
 
 namespace {
 
-TEST(FileBookmarkTest, NoticesAMissingOrReplacedItem)
+// What happens to "chosen" (a file, or a folder) in its folder after it was bookmarked.
+struct ChangeCase {
+    const char* name;
+    bool folder;
+    void (*change)(QDir dir);
+    const char* foundAs; // the name the bookmark resolves to
+    bool moved, missing, replaced;
+};
+
+void write(const QDir& dir, const QString& name, const QByteArray& contents)
 {
-    TestHome home;
-    const QString path = home.writeFile("chosen.txt", "one");
-    const auto bookmark = FileBookmark::create(path);
-    ASSERT_TRUE(bookmark);
+    QFile file(dir.filePath(name));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(contents);
+}
 
-    auto resolved = FileBookmark::resolve(*bookmark);
-    ASSERT_TRUE(resolved);
-    EXPECT_EQ(resolved->path, path);
-    EXPECT_FALSE(resolved->missing);
-    EXPECT_FALSE(resolved->replaced);
+const ChangeCase ChangeCases[] = {
+    {"rewritten", false, [](QDir dir) { write(dir, "chosen", "two"); }, "chosen", false, false,
+     false},
+    {"renamed file", false, [](QDir dir) { dir.rename("chosen", ".hidden name"); }, ".hidden name",
+     true, false, false},
+    {"renamed folder", true, [](QDir dir) { dir.rename("chosen", "renamed"); }, "renamed", true,
+     false, false},
+    {"deleted", false, [](QDir dir) { dir.remove("chosen"); }, "chosen", false, true, false},
+    {"replaced, original gone", false,
+     [](QDir dir) {
+         write(dir, "other", "three"); // first, so it cannot reuse the freed inode
+         dir.remove("chosen");
+         dir.rename("other", "chosen");
+     },
+     "chosen", false, false, true},
+    {"replaced, original renamed beside it", false,
+     [](QDir dir) {
+         dir.rename("chosen", "kept");
+         write(dir, "chosen", "three");
+     },
+     "kept", true, false, false},
+};
 
-    // Rewriting keeps the file; replacing it by another does not.
-    home.writeFile("chosen.txt", "two");
-    EXPECT_FALSE(FileBookmark::resolve(*bookmark)->replaced);
-    const QString other = home.writeFile("other.txt", "three");
-    ASSERT_TRUE(QFile::remove(path));
-    ASSERT_TRUE(QFile::rename(other, path));
-    EXPECT_TRUE(FileBookmark::resolve(*bookmark)->replaced);
+TEST(FileBookmarkTest, FollowsTheItemWithinItsFolder)
+{
+    for (const ChangeCase& row : ChangeCases) {
+        SCOPED_TRACE(row.name);
+        TestHome home;
+        QDir dir(home.path());
+        if (row.folder) {
+            ASSERT_TRUE(dir.mkdir("chosen"));
+        } else {
+            write(dir, "chosen", "one");
+        }
+        write(dir, "neighbour", "");
+        const auto bookmark = FileBookmark::create(dir.filePath("chosen"));
+        ASSERT_TRUE(bookmark);
+        row.change(dir);
 
-    ASSERT_TRUE(QFile::remove(path));
-    resolved = FileBookmark::resolve(*bookmark);
-    EXPECT_TRUE(resolved->missing);
+        const auto resolved = FileBookmark::resolve(*bookmark);
+        ASSERT_TRUE(resolved);
+        EXPECT_EQ(resolved->path, dir.filePath(row.foundAs));
+        EXPECT_EQ(resolved->moved, row.moved);
+        EXPECT_EQ(resolved->missing, row.missing);
+        EXPECT_EQ(resolved->replaced, row.replaced);
+    }
 }
 
 TEST(FileBookmarkTest, RefusesWhatIsNotThere)
