@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iostream>
 #include <iterator>
 #include <string>
 
@@ -67,10 +68,11 @@ constexpr Option SetIconOptions[] = {
     {"--reset", "reset", Flag, {}, "go back to the action's own icon"},
     ActionGridOption};
 
-constexpr Positional AddArguments[] = {{"FILES...", "files", Files, true}};
+constexpr Positional AddArguments[] = {{"FILES...", "files", Files, true, "text", true}};
 constexpr Option AddOptions[] = {
-    {"--stack", "stack", Flag, {}, "put all FILES into one new stack"},
-    {"--stack-index", "stackIndex", Integer, "N", "add FILES to the existing stack at index N"},
+    {"--text", "text", Text, "TEXT", "add this text as one more item, after FILES"},
+    {"--stack", "stack", Flag, {}, "put all items into one new stack"},
+    {"--stack-index", "stackIndex", Integer, "N", "add the items to the existing stack at index N"},
     {"--name", "name", Text, "NAME", "the name of the new stack"}};
 
 constexpr Positional RenameArguments[] = {{"INDEX", "index", Integer, true},
@@ -153,10 +155,16 @@ constexpr Command Commands[] = {
      ItemIndex,
      {}},
     // Drop Bar
-    {"add", "Drop Bar", "Add files to the Drop Bar",
-     "Adds FILES to the Drop Bar: each as a stack of its own, all in one new stack with\n"
-     "--stack, or to the existing stack at index N with --stack-index. Relative FILES are taken\n"
-     "from the current folder. Nothing is added when one of them does not exist.\n",
+    {"add", "Drop Bar", "Add files or text to the Drop Bar",
+     "Adds FILES, and the text TEXT as one more item, to the Drop Bar: each as a stack of its\n"
+     "own, all in one new stack with --stack, or to the existing stack at index N (as\n"
+     "'sk list-items' numbers them, from 1) with --stack-index. --name names a new stack: it\n"
+     "needs --stack or a single item. Relative FILES are taken from the current folder.\n"
+     "Nothing is added when one of them does not exist.\n"
+     "\n"
+     "A lone '-' instead of FILES reads the paths from standard input, one per line (blank\n"
+     "lines are skipped), for example: find . -name '*.pdf' | sk add - --stack\n"
+     "A file named '-' is given as ./-\n",
      AddArguments, AddOptions},
     {"list-items",
      "Drop Bar",
@@ -506,7 +514,7 @@ std::string synopsis(const Command& command)
         text += optional ? "]" : "";
     };
     for (const Positional& positional : command.positionals) {
-        add(positional.name, !positional.required);
+        add(positional.name, !positional.required || !positional.unlessKey.empty());
     }
     for (const Option& option : command.options) {
         add(optionLabel(option), !option.required);
@@ -559,7 +567,7 @@ int runCommandLine(const Arguments& arguments)
     if (command->run) {
         return command->run(rest, session);
     }
-    const Request request = buildRequest(*command, rest, currentFolder());
+    const Request request = buildRequest(*command, rest, currentFolder(), &std::cin);
     if (!request.ok()) {
         return usageError(request.error);
     }

@@ -47,6 +47,8 @@ struct Positional {
     std::string_view key;  // the request key it sets
     ValueKind kind;        // Text, Integer, Path or Files
     bool required;
+    std::string_view unlessKey = {}; // not required when an option set this request key
+    bool dashReadsInput = false;     // Files: a lone "-" reads the paths from standard input
 };
 
 // Options given before the command word.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <filesystem>
+#include <istream>
 #include <unistd.h>
 
 namespace sk {
@@ -32,9 +33,10 @@ std::string lowered(std::string_view text)
 // ("--" ends them); a value follows its option or is attached with "=".
 class Parser {
 public:
-    Parser(const Command& command, const std::string& cwd)
+    Parser(const Command& command, const std::string& cwd, std::istream* input)
         : m_command(command)
         , m_cwd(cwd)
+        , m_input(input)
     {
         m_request.userInfo = nlohmann::json::object();
         m_request.userInfo["action"] = std::string(command.name);
@@ -249,23 +251,47 @@ private:
         return index;
     }
 
+    static std::string plainName(const Positional& positional)
+    {
+        std::string_view name = positional.name;
+        if (name.ends_with("...")) {
+            name.remove_suffix(3);
+        }
+        return std::string(name);
+    }
+
     void assignPositionals(const std::vector<std::string_view>& values)
     {
         size_t next = 0;
         for (const Positional& positional : m_command.positionals) {
             if (positional.kind == ValueKind::Files) {
                 nlohmann::json files = nlohmann::json::array();
+                const bool dash = std::find(values.begin() + static_cast<std::ptrdiff_t>(next),
+                                            values.end(), "-") != values.end();
+                if (positional.dashReadsInput && dash) {
+                    if (values.size() - next != 1) {
+                        const std::string name = plainName(positional);
+                        failWithUsage("'-' reads " + name +
+                                      " from standard input and cannot be mixed with other " +
+                                      name + ".");
+                        return;
+                    }
+                    files = readPaths(plainName(positional));
+                    next = values.size();
+                }
                 for (; next < values.size() && m_request.ok(); ++next) {
                     if (auto path = convert(ValueKind::Files, values[next], positional.name)) {
                         files.push_back(std::move(*path));
                     }
                 }
-                if (files.empty() && positional.required) {
-                    std::string_view name = positional.name;
-                    if (name.ends_with("...")) {
-                        name.remove_suffix(3);
-                    }
-                    failWithUsage("needs " + std::string(name) + ".");
+                const bool otherwiseGiven =
+                    !positional.unlessKey.empty() &&
+                    m_request.userInfo.contains(std::string(positional.unlessKey));
+                if (!m_request.ok()) {
+                    return;
+                }
+                if (files.empty() && positional.required && !otherwiseGiven) {
+                    failWithUsage("needs " + plainName(positional) + ".");
                 } else if (!files.empty()) {
                     set(positional.key, std::move(files), positional.name);
                 }
@@ -283,6 +309,34 @@ private:
         if (next < values.size()) {
             failWithUsage("unexpected argument " + inQuotes(values[next]) + ".");
         }
+    }
+
+    // The paths of a lone "-": one per line, as a shell pipeline such as `find` writes them.
+    nlohmann::json readPaths(const std::string& name)
+    {
+        nlohmann::json files = nlohmann::json::array();
+        if (!m_input) {
+            fail("'-' reads " + name + " from standard input, which is not open.");
+            return files;
+        }
+        std::string line;
+        while (m_request.ok() && std::getline(*m_input, line)) {
+            if (line.ends_with('\r')) {
+                line.pop_back();
+            }
+            if (line.find_first_not_of(" \t") == std::string::npos) {
+                continue;
+            }
+            if (auto path = convert(ValueKind::Files, line, name)) {
+                files.push_back(std::move(*path));
+            }
+        }
+        if (m_input->bad()) {
+            fail("cannot read standard input.");
+        } else if (files.empty()) {
+            fail("standard input gave no paths for '-'.");
+        }
+        return files;
     }
 
     void checkRequiredOptions()
@@ -307,23 +361,45 @@ private:
 
     const Command& m_command;
     const std::string& m_cwd;
+    std::istream* m_input;
     Request m_request;
     std::vector<std::pair<std::string_view, std::string_view>> m_setBy;
 };
 
+// The application refuses a longer request line and closes the connection, possibly before
+// sk has sent it all, so that its answer would be lost: better said here.
+std::string sizeProblem(const std::string& line)
+{
+    if (static_cast<long long>(line.size()) <= CmdLineProtocol::MaxMessageBytes) {
+        return {};
+    }
+    return "the request is " + std::to_string(line.size()) + " bytes, more than the " +
+           std::to_string(CmdLineProtocol::MaxMessageBytes) +
+           " that Skelvo takes in one; give the paths in several parts.";
+}
+
 } // namespace
 
-Request buildRequest(const Command& command, const Arguments& arguments, const std::string& cwd)
+Request buildRequest(const Command& command, const Arguments& arguments, const std::string& cwd,
+                     std::istream* input)
 {
-    Request request = Parser(command, cwd).parse(arguments);
-    if (request.ok() && !requestLine(request.userInfo)) {
-        request.userInfo = nlohmann::json();
+    Request request = Parser(command, cwd, input).parse(arguments);
+    if (!request.ok()) {
+        return request;
+    }
+    const std::optional<std::string> line = requestLine(request.userInfo);
+    if (!line) {
         request.error = std::string(command.name) + ": an argument is not valid UTF-8 text.";
+    } else if (std::string problem = sizeProblem(*line); !problem.empty()) {
+        request.error = std::string(command.name) + ": " + problem;
+    }
+    if (!request.ok()) {
+        request.userInfo = nlohmann::json();
     }
     return request;
 }
 
-Request buildRequest(const Arguments& commandLine, const std::string& cwd)
+Request buildRequest(const Arguments& commandLine, const std::string& cwd, std::istream* input)
 {
     Request request;
     const Command* command = commandLine.empty() ? nullptr : findCommand(commandLine.front());
@@ -331,7 +407,8 @@ Request buildRequest(const Arguments& commandLine, const std::string& cwd)
         request.error = "no request command given.";
         return request;
     }
-    return buildRequest(*command, Arguments(commandLine.begin() + 1, commandLine.end()), cwd);
+    return buildRequest(*command, Arguments(commandLine.begin() + 1, commandLine.end()), cwd,
+                        input);
 }
 
 Request buildRawRequest(std::string_view json, const std::string& cwd)
@@ -345,6 +422,12 @@ Request buildRawRequest(std::string_view json, const std::string& cwd)
     }
     if (!userInfo.contains("cwd") && !cwd.empty()) {
         userInfo["cwd"] = cwd;
+    }
+    if (const std::optional<std::string> line = requestLine(userInfo)) {
+        if (std::string problem = sizeProblem(*line); !problem.empty()) {
+            request.error = "request: " + problem;
+            return request;
+        }
     }
     request.userInfo = std::move(userInfo);
     return request;

@@ -2,6 +2,7 @@
 
 #include "cli/Commands.h"
 
+#include <iosfwd>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -18,12 +19,15 @@ struct Request {
 
 // Builds the request of `sk COMMAND ARGUMENTS` for a command that talks to the application.
 // `cwd` is the working folder: sent as "cwd" and used to make paths absolute; empty when it
-// cannot be read.
-Request buildRequest(const Command& command, const Arguments& arguments, const std::string& cwd);
+// cannot be read. `input` is standard input, read for a lone "-" of `sk add`; null when
+// there is none. A request longer than the application takes is refused here.
+Request buildRequest(const Command& command, const Arguments& arguments, const std::string& cwd,
+                     std::istream* input = nullptr);
 
 // The same for a whole command line (without the program name) whose first word is the
 // command.
-Request buildRequest(const Arguments& commandLine, const std::string& cwd);
+Request buildRequest(const Arguments& commandLine, const std::string& cwd,
+                     std::istream* input = nullptr);
 
 // `sk request JSON`: the object as given, with "cwd" added unless it has one.
 Request buildRawRequest(std::string_view json, const std::string& cwd);

@@ -30,6 +30,7 @@ inline constexpr const char* Running = "SkelvoRunCmdLineRunning";
 inline constexpr const char* Response = "SkelvoRunCmdLineResponse";
 inline constexpr const char* Finish = "SkelvoRunCmdLineFinish";
 inline constexpr const char* HandOver = "SkelvoHandOverArguments";
-inline constexpr long long MaxMessageBytes = 1024 * 1024;
+// Room for `sk add -` with thousands of paths of the longest length (4096 bytes each).
+inline constexpr long long MaxMessageBytes = 16 * 1024 * 1024;
 
 } // namespace CmdLineProtocol

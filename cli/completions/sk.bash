@@ -60,7 +60,7 @@ _sk()
     set-icon) options="--icon --reset --grid" ;;
     list-action-types) options="--json" ;;
     list-running) options="--json" ;;
-    add) options="--stack --stack-index --name" ;;
+    add) options="--text --stack --stack-index --name" ;;
     list-items) options="--json" ;;
     rename) options="--new-name --reset" ;;
     list-grids) options="--json" ;;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <optional>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -33,6 +34,9 @@ const std::pair<sk::Arguments, const char*> Mappings[] = {
     {{"add", "a", "--stack", "--name", "Pack"},
      R"({"files": ["/home/me/work/a"], "stack": true, "name": "Pack"})"},
     {{"add", "--stack-index", "1", "/tmp/x"}, R"({"files": ["/tmp/x"], "stackIndex": 1})"},
+    {{"add", "--text", "Hello"}, R"({"text": "Hello"})"},
+    {{"add", "a", "--text=", "--stack"},
+     R"({"files": ["/home/me/work/a"], "text": "", "stack": true})"},
     {{"rename", "2", "Holiday photos"}, R"({"index": 2, "newName": "Holiday photos"})"},
     {{"rename", "2", "--new-name", "Pics"}, R"({"index": 2, "newName": "Pics"})"},
     // Both: the application answers with its own message.
@@ -90,7 +94,8 @@ const std::pair<sk::Arguments, const char*> Refusals[] = {
     {{"move-action", "--category", "C"}, "move-action: needs NAME."},
     {{"move-action", "Foo", "--category", "C", "--position", "two"},
      "move-action: --position must be a whole number, not 'two'."},
-    {{"add", "--stack"}, "add: needs FILES."},
+    {{"add", "--stack"}, "add: needs FILES. Usage: sk add [FILES...] [--text TEXT] [--stack]"},
+    {{"add", "-"}, "add: '-' reads FILES from standard input, which is not open."},
     {{"add", "a", "--stack-index", "first"},
      "add: --stack-index must be a whole number, not 'first'."},
     {{"rename", "1", "A", "--new-name", "B"}, "rename: give NEW_NAME or --new-name, not both."},
@@ -167,6 +172,56 @@ TEST(Commands, EveryRequestNamesItsCommandAndEveryRequiredArgumentIsChecked)
                           std::string::npos)
                     << command.name;
             }
+        }
+    }
+}
+
+// `count` lines of absolute paths `length` bytes long: "/0ppp…", "/1ppp…", …
+std::string lines(size_t count, size_t length)
+{
+    std::string text;
+    for (size_t i = 0; i < count; ++i) {
+        std::string path = '/' + std::to_string(i);
+        path.resize(length, 'p');
+        text += path + '\n';
+    }
+    return text;
+}
+
+// `sk add -` with what standard input holds: the request's keys, or the start of the error.
+const std::tuple<std::string, sk::Arguments, std::string> FromInput[] = {
+    {"a\r\n\n \t\n/abs/b c \n../c",
+     {"add", "-", "--stack"},
+     R"({"files": ["/home/me/work/a", "/abs/b c ", "/home/me/c"], "stack": true})"},
+    {"a\n", {"add", "--text", "t", "-"}, R"({"files": ["/home/me/work/a"], "text": "t"})"},
+    {"\n\n", {"add", "-", "--text", "t"}, "add: standard input gave no paths for '-'."},
+    {"a\n",
+     {"add", "-", "b"},
+     "add: '-' reads FILES from standard input and cannot be mixed with other FILES."},
+    {"a\n", {"add", "-", "-"}, "add: '-' reads FILES from standard input and cannot be mixed"},
+    // More than a megabyte travels; what the application would refuse is refused here.
+    {lines(1200, 1000), {"add", "-"}, "1200 files"},
+    {lines(4200, 4096), {"add", "-"}, "add: the request is 17"},
+};
+
+TEST(Request, AddReadsPathsFromStandardInput)
+{
+    for (const auto& [input, commandLine, expected] : FromInput) {
+        std::istringstream stream(input);
+        const sk::Request request = sk::buildRequest(commandLine, Cwd, &stream);
+        if (expected.ends_with(" files")) {
+            ASSERT_TRUE(request.ok()) << request.error;
+            EXPECT_EQ(request.userInfo["files"].size(), std::stoul(expected));
+            EXPECT_EQ(request.userInfo["files"][1199], "/1199" + std::string(995, 'p'));
+        } else if (expected.starts_with('{')) {
+            ASSERT_TRUE(request.ok()) << request.error;
+            nlohmann::json keys = nlohmann::json::parse(expected);
+            keys["action"] = "add";
+            keys["cwd"] = Cwd;
+            EXPECT_EQ(request.userInfo, keys) << request.userInfo.dump();
+        } else {
+            EXPECT_TRUE(request.userInfo.is_null());
+            EXPECT_TRUE(request.error.starts_with(expected)) << request.error;
         }
     }
 }
