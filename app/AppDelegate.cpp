@@ -108,9 +108,11 @@ void AppDelegate::applicationDidFinishLaunching()
         database.handleDBCorrupt();
     }
 
-    // Working folders for dropped data and Drop Bar text.
+    // Working folders for dropped data and Drop Bar text, without what no item refers to.
     SupportPaths::promisedFilesDirectory();
     SupportPaths::savedTextDirectory();
+    m_engine.dropbars->removeDropbarPromisedFilesDirs();
+    m_engine.dropbars->removeDropbarSavedTextFiles();
 
     // Scanning once at start-up surfaces broken or duplicate actions early.
     const ActionFileList actions = ActionFileParser::shared().actionFiles();
@@ -125,6 +127,7 @@ void AppDelegate::applicationDidFinishLaunching()
         return startGridActionTask(m_engine.events, action, event, files, text,
                                    std::move(finished));
     });
+    m_cmdLineTaskHandler->setDropbarController(m_engine.dropbars.get());
     m_cmdLineTaskHandler->setHandOverReceiver(
         [this](const QStringList& arguments, const QString& cwd) {
             return openArguments(arguments, cwd);

@@ -46,7 +46,9 @@ Engine::Engine(EngineParts parts)
                   icons,    tasks,         taskStatuses, debugConsole, recentItems, dropbarSink}
     , events(taskContext, storeHooks)
     , builtInContext{taskContext, launcher}
+    , dropbars(std::make_shared<DropbarController>(builtInContext, storeHooks))
 {
+    events.setDropbarDispatcher(dropbars);
     ActionFileParser::shared().setPresenters(&alerts, &windows);
     GridDatabase::sharedGridDatabase().setContext(&storeContext);
     BuiltInActionRunner::shared()->setContext(&builtInContext);

@@ -4,6 +4,7 @@
 #include "core/AlertHelper.h"
 #include "core/NotificationCenter.h"
 #include "core/Settings.h"
+#include "dropbar/DropbarController.h"
 #include "events/EventsHandler.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
@@ -75,6 +76,8 @@ public:
     EventsHandler events;
     // builtin
     const BuiltInContext builtInContext;
+    // dropbar
+    const std::shared_ptr<DropbarController> dropbars;
 
     // Lists the built-in actions with the parser and lets the events handler run them
     // through the shared runner (start-up).

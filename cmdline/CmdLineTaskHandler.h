@@ -14,6 +14,7 @@
 
 struct Alert;
 class GridAction;
+class DropbarController;
 class EventsHandler;
 class Task;
 struct TaskContext;
@@ -47,6 +48,8 @@ public:
     {
         m_handOver = std::move(receiver);
     }
+    // The Drop Bar that the Drop Bar commands work on; without one they answer with an error.
+    void setDropbarController(DropbarController* dropbars) { m_dropbars = dropbars; }
     // Whether the grid window is showing ("status").
     void setGridOpenQuery(std::function<bool()> query) { m_isGridOpen = std::move(query); }
 
@@ -95,6 +98,18 @@ private:
     void setIcon(const CmdLineRequestPtr& client, const QVariantMap& request);
     void notAvailable(const CmdLineRequestPtr& client, const QVariantMap& request);
 
+    // The Drop Bar controller; answers `failure` when there is none.
+    DropbarController* dropbarsFor(const CmdLineRequestPtr& client, const char* failure);
+    // The stack at the request's "index"; none, and answered, when there is none.
+    std::optional<DropbarId> requestedStack(const CmdLineRequestPtr& client,
+                                            const QVariantMap& request);
+    void addToDropbar(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void listDropbarItems(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void renameStack(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void removeStack(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void lockStack(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void clearDropbar(const CmdLineRequestPtr& client, const QVariantMap& request);
+
     const TaskContext& m_context;
     EventsHandler& m_events;
     CmdLineServer m_server;
@@ -109,4 +124,5 @@ private:
     RunStarter m_runStarter;
     std::function<QString(const QStringList&, const QString&)> m_handOver;
     std::function<bool()> m_isGridOpen;
+    DropbarController* m_dropbars = nullptr;
 };

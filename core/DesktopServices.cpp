@@ -14,6 +14,20 @@ void HeadlessDesktopServices::pasteString(const QString& text)
     Log::info(QStringLiteral("Clipboard: %1").arg(text));
 }
 
+void HeadlessDesktopServices::pasteFiles(const QStringList& paths)
+{
+    m_clipboard = paths.join(u'\n');
+    Log::info(QStringLiteral("Clipboard: %1").arg(m_clipboard));
+}
+
+bool HeadlessDesktopServices::insertTextIntoFrontmostApp(const QString&, QString* error)
+{
+    if (error) {
+        *error = QStringLiteral("there is no display to type into");
+    }
+    return false;
+}
+
 void HeadlessDesktopServices::playSound(const QString& name)
 {
     Log::debug(QStringLiteral("Sound \"%1\" (no display)").arg(name));

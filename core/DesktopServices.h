@@ -10,8 +10,9 @@ struct UserNotification {
     QString title;
     QString body;
     QString imagePath;
-    QString clickUrl;    // opened when the notification is clicked; empty for none
-    QString clickScript; // run when the notification is clicked; empty for none
+    QString clickUrl;             // opened when the notification is clicked; empty for none
+    QString clickScript;          // run when the notification is clicked; empty for none
+    qint64 dropbarDatabaseId = 0; // a Drop Bar revealed when it is clicked; 0 for none
 };
 
 // What the engine asks of the desktop besides windows: the clipboard, sounds and
@@ -22,6 +23,11 @@ public:
 
     virtual void pasteUrl(const QString& url) = 0;
     virtual void pasteString(const QString& text) = 0;
+    // Puts files on the clipboard, as a file manager's "Copy" does.
+    virtual void pasteFiles(const QStringList& paths) = 0;
+    // Types the text into the window that has the focus; false with `error` when the desktop
+    // does not allow it.
+    virtual bool insertTextIntoFrontmostApp(const QString& text, QString* error) = 0;
     virtual void playSound(const QString& name) = 0;
     virtual void sendNotification(const UserNotification& notification) = 0;
 };
@@ -30,6 +36,9 @@ class HeadlessDesktopServices : public DesktopServices {
 public:
     void pasteUrl(const QString& url) override;
     void pasteString(const QString& text) override;
+    void pasteFiles(const QStringList& paths) override;
+    // There is no window to type into.
+    bool insertTextIntoFrontmostApp(const QString& text, QString* error) override;
     void playSound(const QString& name) override;
     void sendNotification(const UserNotification& notification) override;
 

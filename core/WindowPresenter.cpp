@@ -49,6 +49,19 @@ void HeadlessWindowPresenter::showDropBarSecondaryPinned()
     Log::info(QStringLiteral("The Drop Bar grid would open pinned (no display)"));
 }
 
+void HeadlessWindowPresenter::closeDropBarSecondary() {}
+
+void HeadlessWindowPresenter::revealDropbar(qint64 tileId)
+{
+    Log::info(
+        QStringLiteral("The stack of Drop Bar tile %1 would be shown (no display)").arg(tileId));
+}
+
+void HeadlessWindowPresenter::showQuickLook(const QStringList& paths)
+{
+    Log::info(QStringLiteral("%1 item(s) would be previewed (no display)").arg(paths.size()));
+}
+
 void HeadlessWindowPresenter::showActionConfigSheet(ActionId actionId)
 {
     Log::info(QStringLiteral("Settings of action %1 would open (no display)").arg(actionId));

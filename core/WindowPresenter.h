@@ -3,6 +3,7 @@
 #include "core/Identifiers.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <memory>
@@ -53,6 +54,12 @@ public:
     virtual bool isDropBarSecondaryVisible() const = 0;
     // Shows the pop-out grid with the Drop Bar, pinned open.
     virtual void showDropBarSecondaryPinned() = 0;
+    // Closes the pop-out Drop Bar grid (animated).
+    virtual void closeDropBarSecondary() = 0;
+    // Opens the grid showing the stack of the Drop Bar tile `tileId`.
+    virtual void revealDropbar(qint64 tileId) = 0;
+    // Previews the files in the desktop's previewer, in this order.
+    virtual void showQuickLook(const QStringList& paths) = 0;
     // Opens the settings sheet of a grid tile (other open settings sheets have been told to
     // close).
     virtual void showActionConfigSheet(ActionId actionId) = 0;
@@ -76,6 +83,9 @@ public:
     void showAddActionMenu() override;
     bool isDropBarSecondaryVisible() const override;
     void showDropBarSecondaryPinned() override;
+    void closeDropBarSecondary() override;
+    void revealDropbar(qint64 tileId) override;
+    void showQuickLook(const QStringList& paths) override;
     void showActionConfigSheet(ActionId actionId) override;
     // Nobody can type a name without a display: answered as unavailable.
     void promptForRenamedFilename(const RenamePrompt& prompt,

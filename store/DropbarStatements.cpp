@@ -122,26 +122,47 @@ bool GridDatabase::deleteItemsForDropbar(DropbarId dropbarId)
 
 bool GridDatabase::replaceItemsForDropbar(DropbarId dropbarId, const SqlRows& items)
 {
-    return write([&] {
-        if (!deleteItemsForDropbar(dropbarId)) {
+    return write(
+        [&] { return deleteItemsForDropbar(dropbarId) && insertItems(dropbarId, items, 0); });
+}
+
+QList<DropbarItemId> GridDatabase::addItemsToDropbar(DropbarId dropbarId, const SqlRows& items)
+{
+    QList<DropbarItemId> ids;
+    const bool ok = write([&] {
+        const qint64 first = nextOrder(
+            QStringLiteral("SELECT MAX(position) FROM dropbar_items WHERE dropbar_id = ?"),
+            {dropbarId});
+        return insertItems(dropbarId, items, first, &ids);
+    });
+    return ok ? ids : QList<DropbarItemId>{};
+}
+
+bool GridDatabase::insertItems(DropbarId dropbarId, const SqlRows& items, qint64 firstPosition,
+                               QList<DropbarItemId>* ids)
+{
+    for (qsizetype index = 0; index < items.size(); ++index) {
+        const SqlRow& item = items.at(index);
+        const auto field = [&](const char* key) {
+            return item.value(QString::fromLatin1(key), SqliteConnection::nullValue());
+        };
+        if (!m_connection.update(
+                QStringLiteral("INSERT INTO dropbar_items (dropbar_id, type, bookmark_data, "
+                               "text_content, text_file_path, position) VALUES (?, ?, ?, ?, ?, ?)"),
+                {dropbarId, field("type"), field("bookmark_data"), field("text_content"),
+                 field("text_file_path"), firstPosition + index})) {
             return false;
         }
-        for (qsizetype index = 0; index < items.size(); ++index) {
-            const SqlRow& item = items.at(index);
-            const auto field = [&](const char* key) {
-                return item.value(QString::fromLatin1(key), SqliteConnection::nullValue());
-            };
-            if (!m_connection.update(
-                    QStringLiteral("INSERT INTO dropbar_items (dropbar_id, type, bookmark_data, "
-                                   "text_content, text_file_path, position) VALUES (?, ?, ?, ?, "
-                                   "?, ?)"),
-                    {dropbarId, field("type"), field("bookmark_data"), field("text_content"),
-                     field("text_file_path"), index})) {
-                return false;
-            }
+        if (ids) {
+            ids->append(m_connection.lastInsertRowId());
         }
-        return true;
-    });
+    }
+    return true;
+}
+
+SqlRows GridDatabase::getAllDropbarItems()
+{
+    return runQuery(QStringLiteral("SELECT * FROM dropbar_items"));
 }
 
 bool GridDatabase::deleteItem(DropbarItemId itemId, DropbarId dropbarId)

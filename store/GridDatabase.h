@@ -157,6 +157,9 @@ public:
     bool deleteItemsForDropbar(DropbarId dropbarId);
     // Items are rows with "type", "bookmark_data", "text_content" and "text_file_path".
     bool replaceItemsForDropbar(DropbarId dropbarId, const SqlRows& items);
+    // Appends the item rows in their order, in one transaction; their ids, or none on failure.
+    QList<DropbarItemId> addItemsToDropbar(DropbarId dropbarId, const SqlRows& items);
+    SqlRows getAllDropbarItems(); // of every grid, for the clean-up of temporary files
     bool deleteItem(DropbarItemId itemId, DropbarId dropbarId);
     DropbarId separateItem(DropbarItemId itemId, DropbarId dropbarId, GridId gridId,
                            const QString& title, const QByteArray& icon);
@@ -170,6 +173,8 @@ private:
     bool runStep(const QString& sql, const QVariantList& arguments, bool schema);
     qint64 integerOf(const QString& sql, const QVariantList& arguments, qint64 fallback);
     qint64 nextOrder(const QString& sql, const QVariantList& arguments);
+    bool insertItems(DropbarId dropbarId, const SqlRows& items, qint64 firstPosition,
+                     QList<DropbarItemId>* ids = nullptr);
     bool write(const std::function<bool()>& body);
     bool deleteActionRow(ActionId actionId);
     bool readsAsVisible(const QString& sql, GridId gridId);

@@ -40,6 +40,9 @@ public:
     void showAddActionMenu() override { ++addActionMenuShown; }
     bool isDropBarSecondaryVisible() const override { return dropBarSecondaryVisible; }
     void showDropBarSecondaryPinned() override { ++dropBarSecondaryShown; }
+    void closeDropBarSecondary() override { dropBarSecondaryVisible = false; }
+    void revealDropbar(qint64 tileId) override { revealedDropbars << tileId; }
+    void showQuickLook(const QStringList& paths) override { quickLooks << paths; }
     void showActionConfigSheet(ActionId actionId) override { configSheets << actionId; }
     // Answers with the next queued answer; without one the prompt waits in
     // pendingRenamePrompts until the test answers it.
@@ -67,6 +70,8 @@ public:
     int addActionMenuShown = 0;
     bool dropBarSecondaryVisible = false;
     int dropBarSecondaryShown = 0;
+    QList<qint64> revealedDropbars;
+    QList<QStringList> quickLooks;
     QList<ActionId> configSheets;
     QList<RenamePrompt> renamePrompts;
     QList<std::function<void(const RenameAnswer&)>> pendingRenamePrompts;
@@ -81,6 +86,15 @@ class FakeDesktopServices : public DesktopServices {
 public:
     void pasteUrl(const QString& url) override { clipboard << QStringLiteral("url:") + url; }
     void pasteString(const QString& text) override { clipboard << QStringLiteral("text:") + text; }
+    void pasteFiles(const QStringList& paths) override
+    {
+        clipboard << QStringLiteral("files:") + paths.join(u',');
+    }
+    bool insertTextIntoFrontmostApp(const QString& text, QString*) override
+    {
+        insertedTexts << text;
+        return true;
+    }
     void playSound(const QString& name) override { sounds << name; }
     void sendNotification(const UserNotification& notification) override
     {
@@ -89,6 +103,7 @@ public:
 
     QStringList clipboard;
     QStringList sounds;
+    QStringList insertedTexts;
     QList<UserNotification> notifications;
 };
 
