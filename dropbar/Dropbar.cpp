@@ -26,6 +26,9 @@ DropbarItem DropbarItem::fromRow(const SqlRow& row)
     item.missing = !resolved || resolved->missing || resolved->replaced;
     if (resolved) {
         item.path = resolved->path;
+        if (!item.missing) {
+            item.identity = FileIdentity::of(item.path);
+        }
         // Keep following the file from where it is now.
         if (resolved->moved) {
             if (auto bookmark = FileBookmark::create(resolved->path)) {

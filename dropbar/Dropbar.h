@@ -1,11 +1,14 @@
 #pragma once
 
 #include "core/Identifiers.h"
+#include "platform/FileBookmark.h"
 #include "store/SqliteConnection.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QString>
+
+#include <optional>
 
 // One thing kept on a Drop Bar: a file or folder followed by its bookmark, or a piece of
 // text with the file it was saved to.
@@ -17,9 +20,15 @@ struct DropbarItem {
     QString path;         // Url: where the file is now; Text: the saved text file (may be empty)
     bool missing = false; // Url: not found when last resolved
     QString text;         // Text
+    // Url: the identity found at `path` when last resolved, so that a look that finds the
+    // same file there again needs no search.
+    std::optional<FileIdentity> identity;
 
-    static DropbarItem file(const QString& path) { return {Type::Url, 0, {}, path, false, {}}; }
-    static DropbarItem ofText(const QString& text) { return {Type::Text, 0, {}, {}, false, text}; }
+    static DropbarItem file(const QString& path) { return {Type::Url, 0, {}, path, false, {}, {}}; }
+    static DropbarItem ofText(const QString& text)
+    {
+        return {Type::Text, 0, {}, {}, false, text, {}};
+    }
     bool isText() const { return type == Type::Text; }
 
     // An item as the store keeps it; a file's bookmark is resolved, following a rename.

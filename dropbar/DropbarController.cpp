@@ -169,9 +169,15 @@ void DropbarController::updateDropbarMissingSources()
         if (!slot) {
             continue;
         }
+        QStringList paths;
+        for (const DropbarItem& item : std::as_const(slot->items)) {
+            paths << item.path;
+        }
+        const QList<std::optional<FileIdentity>> found = FileIdentity::ofAll(paths);
         QList<DropbarItem> followed;
-        for (DropbarItem& item : slot->items) {
-            if (item.isText()) {
+        for (qsizetype index = 0; index < slot->items.size(); ++index) {
+            DropbarItem& item = slot->items[index];
+            if (item.isText() || (item.identity && found.at(index) == item.identity)) {
                 continue;
             }
             const QByteArray before = item.bookmarkData;

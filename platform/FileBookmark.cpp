@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -52,6 +53,42 @@ std::optional<FileIdentity> FileIdentity::of(const QString& path)
         return std::nullopt;
     }
     return FileIdentity{static_cast<quint64>(info.st_dev), static_cast<quint64>(info.st_ino)};
+}
+
+QList<std::optional<FileIdentity>> FileIdentity::ofAll(const QStringList& paths)
+{
+    QList<std::optional<FileIdentity>> identities;
+    identities.reserve(paths.size());
+    QByteArray openFolder;
+    int folder = -1;
+    for (const QString& path : paths) {
+        const QByteArray encoded = QFile::encodeName(path);
+        const qsizetype slash = encoded.lastIndexOf('/');
+        if (slash <= 0) {
+            identities << of(path);
+            continue;
+        }
+        // Looking names up in an open folder spares walking the whole path each time.
+        const QByteArray parent = encoded.left(slash);
+        if (parent != openFolder) {
+            if (folder >= 0) {
+                ::close(folder);
+            }
+            folder = ::open(parent.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+            openFolder = parent;
+        }
+        struct stat info {};
+        if (folder < 0 || ::fstatat(folder, encoded.constData() + slash + 1, &info, 0) != 0) {
+            identities << std::nullopt;
+            continue;
+        }
+        identities << FileIdentity{static_cast<quint64>(info.st_dev),
+                                   static_cast<quint64>(info.st_ino)};
+    }
+    if (folder >= 0) {
+        ::close(folder);
+    }
+    return identities;
 }
 
 namespace FileBookmark {

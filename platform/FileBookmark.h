@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -12,6 +14,8 @@ struct FileIdentity {
 
     // Follows symbolic links; none when nothing is at the path.
     static std::optional<FileIdentity> of(const QString& path);
+    // The same for many paths at once; cheaper when neighbours share their folder.
+    static QList<std::optional<FileIdentity>> ofAll(const QStringList& paths);
     bool operator==(const FileIdentity&) const = default;
 };
 
