@@ -110,6 +110,7 @@ bool DropbarController::openItem(const DropbarItem& item)
     }
     if (item.missing) {
         Log::warning(QStringLiteral("Source file not found: %1").arg(item.path));
+        notify(QStringLiteral("Source file not found"), item.path);
         return false;
     }
     QString error;
@@ -184,8 +185,12 @@ bool DropbarController::copyToClipboardFromDropBar(DropbarId dbId)
         what = QStringLiteral("Text");
     } else {
         const QStringList paths = filePathsOf(*dropbar);
-        if (paths.isEmpty()) {
+        const bool someMissing = std::any_of(dropbar->items.cbegin(), dropbar->items.cend(),
+                                             [](const DropbarItem& i) { return i.missing; });
+        if (someMissing) {
             notify(QStringLiteral("One or more source files not found"), dropbar->displayName());
+        }
+        if (paths.isEmpty()) {
             return false;
         }
         m_context.tasks.desktop.pasteFiles(paths);
