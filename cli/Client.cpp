@@ -382,7 +382,10 @@ private:
             return;
         }
         std::string text = response->get<std::string>();
-        const bool error = text.starts_with("Error: ");
+        const auto failed = userInfo->find("failed");
+        const bool error =
+            text.starts_with("Error: ") ||
+            (failed != userInfo->end() && failed->is_boolean() && failed->get<bool>());
         m_errorAnswered = m_errorAnswered || error;
         if (!text.empty() && text.back() == '\n') {
             text.pop_back();

@@ -12,7 +12,18 @@ void CmdLineRequest::respond(const QString& text)
     }
     m_failed = m_failed || text.startsWith(QStringLiteral("Error: "));
     if (m_respond) {
-        m_respond(text);
+        m_respond(text, false);
+    }
+}
+
+void CmdLineRequest::fail(const QString& text)
+{
+    if (m_finished) {
+        return;
+    }
+    m_failed = true;
+    if (m_respond) {
+        m_respond(text, true);
     }
 }
 

@@ -11,12 +11,15 @@
 // for a secret or an alert); whoever then holds it finishes it, exactly once.
 class CmdLineRequest {
 public:
-    using Respond = std::function<void(const QString& response)>;
+    using Respond = std::function<void(const QString& response, bool failed)>;
 
     CmdLineRequest(Respond respond, std::function<void()> finish);
 
     // Ignored once the request is finished.
     void respond(const QString& text);
+    // An answer that tells of a failure without beginning "Error: " (a quoted text that must
+    // stay as it is); the caller still exits with a failure.
+    void fail(const QString& text);
     void finish();
     void stayOpen() { m_staysOpen = true; }
 

@@ -111,9 +111,9 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
     };
     QPointer<CmdLineServer> server(&m_server);
     auto client = std::make_shared<CmdLineRequest>(
-        [server, connection](const QString& text) {
+        [server, connection](const QString& text, bool failed) {
             if (server && server->isOpen(connection)) {
-                server->respond(connection, text);
+                server->respond(connection, text, failed);
             }
         },
         [server, connection] {

@@ -222,7 +222,7 @@ std::optional<DropbarId> CmdLineTaskHandler::requestedStack(const CmdLineRequest
     }
     const auto& row = dropbars->dropbars();
     if (*index < 0 || *index >= row.size()) {
-        client->respond(QString::number(*index) + QStringLiteral(" is out of bounds."));
+        client->fail(QString::number(*index) + QStringLiteral(" is out of bounds."));
         return std::nullopt;
     }
     if (!row.at(*index)) {

@@ -169,7 +169,7 @@ void CmdLineTaskHandler::cancel(const CmdLineRequestPtr& client, const QVariantM
     }
     const QList<Task*>& tasks = m_context.tasks.tasks();
     if (*index < 0 || *index >= tasks.size()) {
-        client->respond(
+        client->fail(
             QString::number(*index) +
             QStringLiteral(" is out of bounds. Use 'sk list-running' to see running actions."));
         return;

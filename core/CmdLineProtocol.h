@@ -8,7 +8,8 @@
 // object on one line, {"name": RunTask, "userInfo": {"action": "list", ...}}. The
 // application answers on the same connection with one JSON object per line:
 //   {"name": Running}                                   at once
-//   {"name": Response, "userInfo": {"response": "..."}} zero or more times
+//   {"name": Response, "userInfo": {"response": "..."}} zero or more times; a response
+//       that tells of a failure carries "failed": true unless it begins "Error: "
 //   {"name": Finish}                                    exactly once, then it closes
 // A connection that ends before Finish is an error for `sk`. Only processes of the same
 // user are served. A request line longer than MaxMessageBytes is answered with an error.

@@ -268,10 +268,13 @@ void CmdLineServer::send(ConnectionId id, const QString& name, const QVariantMap
     flush(id);
 }
 
-void CmdLineServer::respond(ConnectionId id, const QString& response)
+void CmdLineServer::respond(ConnectionId id, const QString& response, bool failed)
 {
-    send(id, QString::fromLatin1(CmdLineProtocol::Response),
-         {{QStringLiteral("response"), response}});
+    QVariantMap userInfo{{QStringLiteral("response"), response}};
+    if (failed) {
+        userInfo.insert(QStringLiteral("failed"), true);
+    }
+    send(id, QString::fromLatin1(CmdLineProtocol::Response), userInfo);
 }
 
 void CmdLineServer::finish(ConnectionId id)

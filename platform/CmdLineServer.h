@@ -32,7 +32,8 @@ public:
 
     // Writes one message to the connection; Finish closes it once everything is written.
     void send(ConnectionId connection, const QString& name, const QVariantMap& userInfo = {});
-    void respond(ConnectionId connection, const QString& response);
+    // `failed` marks an answer that tells of a failure without beginning "Error: ".
+    void respond(ConnectionId connection, const QString& response, bool failed = false);
     void finish(ConnectionId connection);
     bool isOpen(ConnectionId connection) const { return m_connections.contains(connection); }
     void setRequestTimeout(int milliseconds) { m_requestTimeoutMs = milliseconds; }

@@ -66,6 +66,8 @@ TEST_F(EndToEndTest, AnswersAndExitStatuses)
         {{"--start", "status"}, 0, "closed\n", ""},
         {{"list-running"}, 0, "No actions are currently running.\n", ""},
         {{"cancel", "first"}, 2, "", "sk: cancel: INDEX must"},
+        // Out of bounds is a failure, though its text does not begin "Error: ".
+        {{"cancel", "3"}, 1, "", "3 is out of bounds."},
         {{"frobnicate"}, 2, "", "sk: unknown command 'frobnicate'"},
         {request(R"({"action":"frobnicate"})"), 1, "", "Error: Unknown command: frobnicate\n"},
         {request(R"({"action":"cancel"})"), 1, "", "Error: Missing index for cancel command.\n"},
