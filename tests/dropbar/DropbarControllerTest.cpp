@@ -1,0 +1,151 @@
+// The Drop Bar controller against the real grid store, with fake desktop and windows.
+#include "dropbar/DropbarController.h"
+
+#include "core/Settings.h"
+#include "core/SupportPaths.h"
+#include "dropbar/SavedText.h"
+#include "store/GridDatabase.h"
+#include "tests/support/EventLoop.h"
+#include "tests/support/TestEngine.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class DropbarControllerTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ensureCoreApplication();
+        engine = std::make_unique<TestEngine>();
+        ASSERT_TRUE(db().loadDatabase());
+        (*engine)->settings.setValue(Settings::NotificationsEnabled, true);
+        grid = db().selectedGridId();
+    }
+
+    static GridDatabase& db() { return GridDatabase::sharedGridDatabase(); }
+    DropbarController& bar() { return *(*engine)->dropbars; }
+    QList<UserNotification>& notifications() { return engine->desktop().notifications; }
+    QString file(const QString& name) const
+    {
+        return engine->home().writeFile(QStringLiteral("files/") + name, name.toUtf8());
+    }
+    QStringList files(const QStringList& names) const
+    {
+        QStringList paths;
+        for (const QString& name : names) {
+            paths << file(name);
+        }
+        return paths;
+    }
+    DropbarId add(const QStringList& paths, DropbarTarget target = {})
+    {
+        DropbarId id = 0;
+        bar().addURLs(paths, {}, target,
+                      [&](bool added, DropbarId dbId) { id = added ? dbId : 0; });
+        return id;
+    }
+    DropbarItemId firstItemOf(DropbarId dbId)
+    {
+        return db().getItemsForDropbar(dbId).value(0).value(QStringLiteral("id")).toLongLong();
+    }
+    // Each stack of the grid as the store holds it: its item names joined by "|".
+    static QStringList storedRow(GridId gridId)
+    {
+        QStringList row;
+        for (const SqlRow& dropbar : db().getDropbarsForGrid(gridId)) {
+            QStringList names;
+            for (const SqlRow& item :
+                 db().getItemsForDropbar(dropbar.value(QStringLiteral("id")).toLongLong())) {
+                names << DropbarItem::fromRow(item).displayName();
+            }
+            row << names.join(u'|');
+        }
+        return row;
+    }
+
+    std::unique_ptr<TestEngine> engine;
+    GridId grid = 0;
+};
+
+TEST_F(DropbarControllerTest, AddedNotificationsAndCopiedStacks)
+{
+    const struct {
+        QStringList names;
+        const char *title, *body;
+    } added[] = {
+        {{"a.txt"}, "Item Added to Drop Bar", "a.txt has been added to Drop Bar"},
+        {{"a.txt", "b.txt"},
+         "Items Added to Drop Bar",
+         "a.txt and 1 other have been added to Drop Bar"},
+        {{"a.txt", "b.txt", "c.txt"},
+         "Items Added to Drop Bar",
+         "a.txt and 2 others have been added to Drop Bar"},
+    };
+    for (const auto& row : added) {
+        notifications().clear();
+        const DropbarId id = add(files(row.names));
+        ASSERT_TRUE(id);
+        ASSERT_EQ(notifications().size(), 1) << row.body;
+        EXPECT_EQ(notifications().first().title, QString::fromUtf8(row.title));
+        EXPECT_EQ(notifications().first().body, QString::fromUtf8(row.body));
+        EXPECT_EQ(notifications().first().dropbarDatabaseId, id);
+    }
+    (*engine)->settings.setValue(Settings::NotificationsEnabled, false);
+    notifications().clear();
+    EXPECT_TRUE(add(files({"d.txt"})));
+    EXPECT_TRUE(notifications().isEmpty());
+    (*engine)->settings.setValue(Settings::NotificationsEnabled, true);
+
+    const QString a = file("a.txt"), b = file("b.txt");
+    const DropbarId named = add({a, b});
+    ASSERT_TRUE(bar().setDropbarNameWithaId(named, QStringLiteral("Mine")));
+    bar().addItems(
+        {DropbarItem::ofText(QStringLiteral("one")), DropbarItem::ofText(QStringLiteral("two"))},
+        {}, {});
+    const DropbarId text = bar().dropbars().last()->dbId;
+    const struct {
+        DropbarId dbId;
+        const char* what;
+        QString clipboard;
+    } copies[] = {
+        {add({a}), "Item", QStringLiteral("files:") + a},
+        {add({a, b}), "Items", QStringLiteral("files:%1,%2").arg(a, b)},
+        {named, "Stack", QStringLiteral("files:%1,%2").arg(a, b)},
+        {text, "Text", QStringLiteral("text:one\ntwo")},
+    };
+    for (const auto& row : copies) {
+        notifications().clear();
+        ASSERT_TRUE(bar().copyToClipboardFromDropBar(row.dbId)) << row.what;
+        EXPECT_EQ(engine->desktop().clipboard.last(), row.clipboard);
+        ASSERT_EQ(notifications().size(), 1);
+        EXPECT_EQ(notifications().first().title,
+                  QStringLiteral("Drop Bar %1 Copied to Clipboard").arg(QLatin1String(row.what)));
+    }
+}
+
+TEST(SavedTextTest, BaseNames)
+{
+    const QDateTime now(QDate(2026, 11, 23), QTime(14, 5, 9));
+    const QString blank = QStringLiteral("Text Saved at 11-23-2026 02-05-09 PM");
+    const std::pair<QString, QString> rows[] = {
+        {QStringLiteral("  Hello world \n"), QStringLiteral("Hello world")},
+        {QString(60, u'a'), QString(50, u'a')},
+        {QStringLiteral("a/b\\c:d"), QStringLiteral("a-b-c-d")},
+        {QStringLiteral("line one\r\nline\ttwo\n"), QStringLiteral("line one  line two")},
+        {QStringLiteral("..hidden"), QStringLiteral("hidden")},
+        {QStringLiteral(". x"), QStringLiteral("x")},
+        {QStringLiteral(" \n\t "), blank},
+        {QStringLiteral("..."), blank},
+    };
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(SavedText::baseNameForText(text, now), expected) << text;
+    }
+}
+
+} // namespace
