@@ -142,6 +142,8 @@ TEST(SavedTextTest, BaseNames)
         {QStringLiteral(". x"), QStringLiteral("x")},
         {QStringLiteral(" \n\t "), blank},
         {QStringLiteral("..."), blank},
+        // The cut never splits a character that needs two UTF-16 units.
+        {QString(49, u'a') + QStringLiteral("\U0001F600"), QString(49, u'a')},
     };
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(SavedText::baseNameForText(text, now), expected) << text;
