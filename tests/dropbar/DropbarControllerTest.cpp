@@ -129,6 +129,47 @@ TEST_F(DropbarControllerTest, AddedNotificationsAndCopiedStacks)
     }
 }
 
+TEST_F(DropbarControllerTest, StackOperationsReachTheStore)
+{
+    const GridId other = db().addGridWithName(QStringLiteral("Other"));
+    ASSERT_TRUE(other);
+    EXPECT_FALSE(bar().moveAllDropbarsToGrid(other)); // only the standing slot
+    EXPECT_TRUE(storedRow(other).isEmpty());
+
+    const DropbarId abc = add(files({"a", "b", "c"}));
+    ASSERT_TRUE(bar().seperateDropbarItemsWithaId(abc));
+    EXPECT_EQ(storedRow(grid), QStringList({"a", "b", "c"}));
+    ASSERT_EQ(bar().numDropbars(), 3);
+    add(files({"d", "e"}), {.slot = 3, .gridId = {}});
+    ASSERT_TRUE(bar().combineAllItemsToStack());
+    EXPECT_EQ(storedRow(grid), QStringList{"a|b|c|d|e"});
+    EXPECT_EQ(db().getDropbarsForGrid(grid).value(0).value(QStringLiteral("title")),
+              QStringLiteral("Combined Stack"));
+
+    const DropbarId f = add(files({"f"}));
+    const DropbarId g = add(files({"g"}));
+    ASSERT_TRUE(bar().moveDropbarWithaId(f, other));
+    EXPECT_EQ(storedRow(other), QStringList{"f"});
+    ASSERT_TRUE(bar().moveAllDropbarsToGrid(other));
+    EXPECT_EQ(storedRow(other), QStringList({"f", "a|b|c|d|e", "g"}));
+    EXPECT_TRUE(storedRow(grid).isEmpty());
+    EXPECT_EQ(bar().numDropbars(), 0);
+
+    ASSERT_TRUE(bar().revealDropbarWithDatabaseId(g));
+    EXPECT_EQ(db().selectedGridId(), other);
+    EXPECT_EQ(engine->windows().revealedDropbars, QList<qint64>{Identifiers::FirstDropbarId + 3});
+
+    // The last item takes an unlocked stack with it; a locked one stays, empty.
+    for (const bool locked : {false, true}) {
+        const DropbarId dbId = add(files({"h"}));
+        ASSERT_TRUE(bar().setDropbarLockingWithaId(dbId, locked));
+        ASSERT_TRUE(bar().removeItem(firstItemOf(dbId), dbId));
+        EXPECT_EQ(db().gridIdForDropbar(dbId), locked ? other : 0) << locked;
+        EXPECT_TRUE(db().getItemsForDropbar(dbId).isEmpty());
+        EXPECT_EQ(bar().slotOfDropbar(dbId).has_value(), locked);
+    }
+}
+
 TEST(SavedTextTest, BaseNames)
 {
     const QDateTime now(QDate(2026, 11, 23), QTime(14, 5, 9));
