@@ -89,6 +89,14 @@ bool DropbarController::seperateDropbarItemsWithaId(DropbarId dbId)
     first.items = {dropbar->items.first()};
     first.title = Dropbar::automaticTitle(first.items);
     first.icon = iconFor(first);
+    // The new stacks are stored last in the grid; they belong right after their source.
+    QList<DropbarId> order;
+    for (const auto& slot : m_dropbars) {
+        if (slot) {
+            order << slot->dbId;
+        }
+    }
+    qsizetype position = order.indexOf(dbId);
     for (qsizetype index = 1; index < dropbar->items.size(); ++index) {
         Dropbar single;
         single.items = {dropbar->items.at(index)};
@@ -98,10 +106,11 @@ bool DropbarController::seperateDropbarItemsWithaId(DropbarId dbId)
         if (!separated) {
             return false;
         }
+        order.insert(++position, separated);
     }
     const bool saved =
         db().updateDropbar(dbId, first.title, first.name, first.icon, first.locked) &&
-        transaction.commit();
+        db().updateDropbarPositions(order, m_gridId) && transaction.commit();
     reloadDropbars();
     stackChanged();
     return saved;

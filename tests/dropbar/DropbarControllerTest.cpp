@@ -136,11 +136,13 @@ TEST_F(DropbarControllerTest, StackOperationsReachTheStore)
     EXPECT_FALSE(bar().moveAllDropbarsToGrid(other)); // only the standing slot
     EXPECT_TRUE(storedRow(other).isEmpty());
 
+    // The separated stacks take the place of their stack, before the one that followed it.
     const DropbarId abc = add(files({"a", "b", "c"}));
+    add(files({"d"}));
     ASSERT_TRUE(bar().seperateDropbarItemsWithaId(abc));
-    EXPECT_EQ(storedRow(grid), QStringList({"a", "b", "c"}));
-    ASSERT_EQ(bar().numDropbars(), 3);
-    add(files({"d", "e"}), {.slot = 3, .gridId = {}});
+    EXPECT_EQ(storedRow(grid), QStringList({"a", "b", "c", "d"}));
+    ASSERT_EQ(bar().numDropbars(), 4);
+    add(files({"e"}), {.slot = 4, .gridId = {}});
     ASSERT_TRUE(bar().combineAllItemsToStack());
     EXPECT_EQ(storedRow(grid), QStringList{"a|b|c|d|e"});
     EXPECT_EQ(db().getDropbarsForGrid(grid).value(0).value(QStringLiteral("title")),
