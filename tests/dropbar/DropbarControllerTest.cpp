@@ -172,6 +172,121 @@ TEST_F(DropbarControllerTest, StackOperationsReachTheStore)
     }
 }
 
+TEST_F(DropbarControllerTest, DropsThroughTheDispatcher)
+{
+    DropbarDispatcher& dispatcher = bar();
+    const auto drop = [&](const DragInfo& drag, qint64 tileId) {
+        return dispatcher.addItemsFromDrag(drag, tileId, drag.fromWithinSkelvo, false);
+    };
+    const qint64 standing = Identifiers::FirstDropbarId;
+    DragInfo drag;
+    drag.filePaths = files({"a", "b"});
+    ASSERT_TRUE(drop(drag, standing));
+    drag.filePaths = files({"c"});
+    ASSERT_TRUE(drop(drag, standing + 1));
+    DragInfo text;
+    text.text = QStringLiteral("Hello drop");
+    ASSERT_TRUE(drop(text, standing));
+    DragInfo image;
+    image.imageData = QByteArrayLiteral("\x89PNG data");
+    ASSERT_TRUE(drop(image, standing));
+    EXPECT_EQ(storedRow(grid), QStringList({"a|b|c", "Hello drop", "Image.png"}));
+
+    const DropbarItem textItem = bar().dropbars().at(2)->items.first();
+    ASSERT_TRUE(textItem.isText());
+    QFile textFile(textItem.path);
+    ASSERT_TRUE(textFile.open(QIODevice::ReadOnly));
+    EXPECT_EQ(textFile.readAll(), QByteArrayLiteral("Hello drop"));
+    const DropbarId imageStack = bar().dropbars().at(3)->dbId;
+    const QString imagePath = bar().dropbars().at(3)->items.first().path;
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^%1/SkFilePromise-[^/]+/Image\\.png$")
+                                       .arg(QRegularExpression::escape(QDir::cleanPath(
+                                           SupportPaths::promisedFilesDirectory()))))
+                    .match(imagePath)
+                    .hasMatch())
+        << imagePath;
+    QFile imageFile(imagePath);
+    ASSERT_TRUE(imageFile.open(QIODevice::ReadOnly));
+    EXPECT_EQ(imageFile.readAll(), image.imageData);
+
+    // A stack dragged onto another brings its items; its own Drop Bar goes.
+    DragInfo fromStack;
+    fromStack.filePaths = {imagePath};
+    fromStack.fromWithinSkelvo = true;
+    fromStack.sourceDropbarId = imageStack;
+    ASSERT_TRUE(drop(fromStack, standing + 1));
+    EXPECT_EQ(storedRow(grid), QStringList({"a|b|c|Image.png", "Hello drop"}));
+    EXPECT_EQ(db().gridIdForDropbar(imageStack), 0);
+    EXPECT_TRUE(QFileInfo::exists(imagePath));
+    EXPECT_FALSE(drop(fromStack, standing));
+    EXPECT_EQ(storedRow(grid), QStringList({"a|b|c|Image.png", "Hello drop"}));
+}
+
+TEST_F(DropbarControllerTest, RemovedItemsTakeOnlyTheirUnreferencedFoldersAlong)
+{
+    const auto write = [](const QString& folder, const QString& name) {
+        QFile out(QDir(folder).filePath(name));
+        EXPECT_TRUE(out.open(QIODevice::WriteOnly) && out.write("x") == 1);
+        return out.fileName();
+    };
+    for (const QString& folder : {SupportPaths::uniquePromisedFilesDirectory(),
+                                  SupportPaths::uniqueActionOutputDirectory()}) {
+        const DropbarId first = add({write(folder, QStringLiteral("x.png"))});
+        const DropbarId second = add({write(folder, QStringLiteral("y.png"))});
+        ASSERT_TRUE(bar().removeItem(firstItemOf(first), first));
+        EXPECT_TRUE(QFileInfo::exists(folder + QStringLiteral("/y.png"))) << folder;
+        ASSERT_TRUE(bar().removeItem(firstItemOf(second), second));
+        EXPECT_FALSE(QFileInfo::exists(folder)) << folder;
+    }
+    const QString mine = file("mine.png");
+    const DropbarId own = add({mine});
+    ASSERT_TRUE(bar().removeItem(firstItemOf(own), own));
+    EXPECT_TRUE(QFileInfo::exists(mine));
+
+    // At start-up: what no item refers to goes.
+    const QString keptFolder = SupportPaths::uniquePromisedFilesDirectory();
+    add({write(keptFolder, QStringLiteral("k.png"))});
+    const QString strayFolder = SupportPaths::uniquePromisedFilesDirectory();
+    write(strayFolder, QStringLiteral("s.png"));
+    bar().addItems({DropbarItem::ofText(QStringLiteral("keep me"))}, {}, {});
+    const QString keptText = bar().dropbars().last()->items.first().path;
+    const QString strayText = write(SupportPaths::savedTextDirectory(), QStringLiteral("s.txt"));
+    bar().removeDropbarPromisedFilesDirs();
+    bar().removeDropbarSavedTextFiles();
+    EXPECT_TRUE(QFileInfo::exists(keptFolder));
+    EXPECT_FALSE(QFileInfo::exists(strayFolder));
+    EXPECT_TRUE(QFileInfo::exists(keptText));
+    EXPECT_FALSE(QFileInfo::exists(strayText));
+}
+
+TEST_F(DropbarControllerTest, FoldersAndApplicationsInAStack)
+{
+    const QString folder = engine->home().path() + QStringLiteral("/files/folder");
+    ASSERT_TRUE(QDir().mkpath(folder));
+    const std::pair<QStringList, bool> rows[] = {
+        {{folder}, true},
+        {{file("Editor.desktop")}, true},
+        {{file("plain.txt")}, false},
+        {{file("plain.txt"), folder}, true},
+    };
+    for (const auto& [paths, expected] : rows) {
+        EXPECT_EQ(bar().dropbarContainsFoldersOrAppsWithaId(add(paths)), expected) << paths.first();
+    }
+}
+
+TEST_F(DropbarControllerTest, AnAddStartedByAnotherWaitsForIt)
+{
+    QStringList events;
+    bar().addURLs(files({"a1", "a2"}), {}, {}, [&](bool, DropbarId dbId) {
+        bar().addURLs(files({"b"}), {}, {.slot = 1, .gridId = {}}, [&](bool added, DropbarId) {
+            events << QStringLiteral("second %1").arg(added);
+        });
+        events << QStringLiteral("first %1").arg(bar().numItemsAtDropbarWithaId(dbId));
+    });
+    EXPECT_EQ(events, QStringList({"first 2", "second 1"}));
+    EXPECT_EQ(storedRow(grid), QStringList{"a1|a2|b"});
+}
+
 TEST(SavedTextTest, BaseNames)
 {
     const QDateTime now(QDate(2026, 11, 23), QTime(14, 5, 9));
