@@ -11,6 +11,19 @@
 
 #include <QFileInfo>
 
+namespace {
+
+// Stacks moved to a grid that is not there would be kept but never shown.
+bool gridExists(GridDatabase& db, GridId gridId)
+{
+    const SqlRows grids = db.getGrids();
+    return std::any_of(grids.cbegin(), grids.cend(), [gridId](const SqlRow& grid) {
+        return grid.value(QStringLiteral("id")).toLongLong() == gridId;
+    });
+}
+
+} // namespace
+
 bool DropbarController::setDropbarLockingWithaId(DropbarId dbId, bool locked)
 {
     Dropbar* dropbar = dropbarWithId(dbId);
@@ -149,7 +162,8 @@ bool DropbarController::combineAllItemsToStack()
 
 bool DropbarController::moveDropbarWithaId(DropbarId dbId, GridId gridId)
 {
-    if (!dropbarWithId(dbId) || gridId == m_gridId || !db().moveDropbar(dbId, gridId)) {
+    if (!dropbarWithId(dbId) || gridId == m_gridId || !gridExists(db(), gridId) ||
+        !db().moveDropbar(dbId, gridId)) {
         return false;
     }
     m_dropbars.removeAt(*slotOfDropbar(dbId));
@@ -161,7 +175,7 @@ bool DropbarController::moveDropbarWithaId(DropbarId dbId, GridId gridId)
 bool DropbarController::moveAllDropbarsToGrid(GridId gridId)
 {
     const auto& row = dropbars();
-    if (row.size() < 2 || gridId == m_gridId) {
+    if (row.size() < 2 || gridId == m_gridId || !gridExists(db(), gridId)) {
         return false;
     }
     SqliteWriteTransaction transaction = db().writeTransaction();

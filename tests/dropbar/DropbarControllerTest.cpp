@@ -150,6 +150,10 @@ TEST_F(DropbarControllerTest, StackOperationsReachTheStore)
 
     const DropbarId f = add(files({"f"}));
     const DropbarId g = add(files({"g"}));
+    // A grid that is not there would hide the stacks for good.
+    EXPECT_FALSE(bar().moveDropbarWithaId(f, other + 1));
+    EXPECT_FALSE(bar().moveAllDropbarsToGrid(other + 1));
+    EXPECT_EQ(storedRow(grid), QStringList({"a|b|c|d|e", "f", "g"}));
     ASSERT_TRUE(bar().moveDropbarWithaId(f, other));
     EXPECT_EQ(storedRow(other), QStringList{"f"});
     ASSERT_TRUE(bar().moveAllDropbarsToGrid(other));
