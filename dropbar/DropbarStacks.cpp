@@ -11,6 +11,19 @@
 
 #include <QFileInfo>
 
+namespace {
+
+// Stacks moved to a grid that is not there would be kept but never shown.
+bool gridExists(GridDatabase& db, GridId gridId)
+{
+    const SqlRows grids = db.getGrids();
+    return std::any_of(grids.cbegin(), grids.cend(), [gridId](const SqlRow& grid) {
+        return grid.value(QStringLiteral("id")).toLongLong() == gridId;
+    });
+}
+
+} // namespace
+
 bool DropbarController::setDropbarLockingWithaId(DropbarId dbId, bool locked)
 {
     Dropbar* dropbar = dropbarWithId(dbId);
@@ -89,6 +102,14 @@ bool DropbarController::seperateDropbarItemsWithaId(DropbarId dbId)
     first.items = {dropbar->items.first()};
     first.title = Dropbar::automaticTitle(first.items);
     first.icon = iconFor(first);
+    // The new stacks are stored last in the grid; they belong right after their source.
+    QList<DropbarId> order;
+    for (const auto& slot : m_dropbars) {
+        if (slot) {
+            order << slot->dbId;
+        }
+    }
+    qsizetype position = order.indexOf(dbId);
     for (qsizetype index = 1; index < dropbar->items.size(); ++index) {
         Dropbar single;
         single.items = {dropbar->items.at(index)};
@@ -98,10 +119,11 @@ bool DropbarController::seperateDropbarItemsWithaId(DropbarId dbId)
         if (!separated) {
             return false;
         }
+        order.insert(++position, separated);
     }
     const bool saved =
         db().updateDropbar(dbId, first.title, first.name, first.icon, first.locked) &&
-        transaction.commit();
+        db().updateDropbarPositions(order, m_gridId) && transaction.commit();
     reloadDropbars();
     stackChanged();
     return saved;
@@ -140,7 +162,8 @@ bool DropbarController::combineAllItemsToStack()
 
 bool DropbarController::moveDropbarWithaId(DropbarId dbId, GridId gridId)
 {
-    if (!dropbarWithId(dbId) || gridId == m_gridId || !db().moveDropbar(dbId, gridId)) {
+    if (!dropbarWithId(dbId) || gridId == m_gridId || !gridExists(db(), gridId) ||
+        !db().moveDropbar(dbId, gridId)) {
         return false;
     }
     m_dropbars.removeAt(*slotOfDropbar(dbId));
@@ -152,7 +175,7 @@ bool DropbarController::moveDropbarWithaId(DropbarId dbId, GridId gridId)
 bool DropbarController::moveAllDropbarsToGrid(GridId gridId)
 {
     const auto& row = dropbars();
-    if (row.size() < 2 || gridId == m_gridId) {
+    if (row.size() < 2 || gridId == m_gridId || !gridExists(db(), gridId)) {
         return false;
     }
     SqliteWriteTransaction transaction = db().writeTransaction();

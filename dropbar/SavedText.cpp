@@ -11,7 +11,12 @@ namespace SavedText {
 
 QString baseNameForText(const QString& text, const QDateTime& now)
 {
-    QString base = text.left(50).trimmed();
+    QString base = text.left(50);
+    // Half a surrogate pair would not survive as a file name.
+    if (base.size() == 50 && base.back().isHighSurrogate()) {
+        base.chop(1);
+    }
+    base = base.trimmed();
     for (QChar& character : base) {
         // A line break inside the name reads best as a space; "/" cannot be in a name at all.
         if (character.category() == QChar::Other_Control || character.isSpace()) {
