@@ -211,9 +211,11 @@ TEST_F(DropbarEndToEndTest, StackCommandsAndIndexes)
          "Successfully added 1 item to stack at index 2\nSuccessfully added 1 item to stack at "
          "index 3\n",
          "New*:1 b.txt:1 c.txt:1"},
-        // A locked stack stays, emptied.
-        {{"clear"}, 0, "Successfully cleared Drop Bar items\n", "New*:0"},
-        {{"unlock", "1"}, 0, "Unlocked stack at index 1\n", "New:0"},
+        {{"lock", "2"}, 0, "Locked stack at index 2\n", "New*:1 b.txt*:1 c.txt:1"},
+        // A locked stack stays, emptied, and takes its automatic title again.
+        {{"clear"}, 0, "Successfully cleared Drop Bar items\n", "New*:0 0 Items*:0"},
+        {{"unlock", "1"}, 0, "Unlocked stack at index 1\n", "New:0 0 Items*:0"},
+        {{"unlock", "2"}, 0, "Unlocked stack at index 2\n", "New:0 0 Items:0"},
         {{"clear"}, 0, "Successfully cleared Drop Bar items\n", ""},
     };
     for (const Row& row : rows) {
