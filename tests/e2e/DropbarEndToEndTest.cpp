@@ -27,13 +27,29 @@ QString readAll(const QString& path)
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
+// What PRAGMA integrity_check says of the database `file`, opened read-only.
+QString integrityOf(const QString& file)
+{
+    QString verdict;
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(file.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr) == 0) {
+        const auto collect = [](void* out, int, char** values, char**) {
+            *static_cast<QString*>(out) += QString::fromUtf8(values[0]);
+            return 0;
+        };
+        sqlite3_exec(db, "PRAGMA integrity_check", collect, &verdict, nullptr);
+    }
+    sqlite3_close(db);
+    return verdict;
+}
+
 class DropbarEndToEndTest : public WithHeadlessApp<DropbarEndToEndTest> {
 protected:
     void SetUp() override
     {
-        dir = QFileInfo(app->writeFile("drop/a.txt", "a")).absolutePath();
-        app->writeFile("drop/b.txt", "b");
-        app->writeFile("drop/c.txt", "c");
+        for (const char* name : {"a", "b", "c"}) {
+            dir = QFileInfo(app->writeFile(QStringLiteral("drop/") + name, name)).path();
+        }
         ASSERT_EQ(app->sk({"clear"}).status, 0);
     }
     // Runs sk in the folder of the test files, `input` on its standard input.
@@ -46,13 +62,12 @@ protected:
         return {sk->exitCode(), QString::fromUtf8(sk->readAllStandardOutput()),
                 QString::fromUtf8(sk->readAllStandardError())};
     }
-    // The stacks as "NAME-OR-TITLE:ITEMS", a "*" after a locked one's name.
+    // The stacks as "NAME-OR-TITLE:ITEMS", with a "*" for a locked one.
     static QString shape()
     {
         QStringList stacks;
         for (const QJsonValue& stack : stacksOf(*app)) {
-            const QJsonValue name = stack["name"];
-            stacks << (name.isNull() ? stack["title"] : name).toString() +
+            stacks << (stack["name"].isNull() ? stack["title"] : stack["name"]).toString() +
                           (stack["locked"].toBool() ? "*:" : ":") +
                           QString::number(stack["items"].toArray().size());
         }
@@ -70,74 +85,53 @@ protected:
         const QByteArray before = app->sk({"list-items", "--json"}).out.toUtf8();
         const SkResult result = run(row.arguments, row.input);
         const QString what = row.arguments.join(u' ');
-        EXPECT_EQ(result.status, row.status) << what << "\n" << result.err;
         const QString told = row.status == 0 ? result.out : result.err;
-        EXPECT_TRUE(row.status == 2 ? told.startsWith(row.answer) : told == row.answer)
-            << what << ": " << told;
+        EXPECT_EQ(result.status, row.status) << what << "\n" << result.err;
+        EXPECT_TRUE(row.status == 2 ? told.startsWith(row.answer) : told == row.answer) << told;
         EXPECT_EQ(shape(), row.shape) << what;
         if (row.status != 0) {
             EXPECT_EQ(app->sk({"list-items", "--json"}).out.toUtf8(), before) << what;
         }
+    }
+    static QString added(const char* count, int index)
+    {
+        return QStringLiteral("Successfully added %1 to stack at index %2\n").arg(count).arg(index);
     }
     QString dir;
 };
 
 TEST_F(DropbarEndToEndTest, AddRulesAndAnswers)
 {
-    const QString added = "Successfully added %1 to stack at index %2\n";
-    const QString notThere = "Error: Stack index %1 does not exist. Use 'sk list-items' to see "
-                             "available stacks.\n";
+    const QString absent =
+        "Error: Stack index %1 does not exist. Use 'sk list-items' to see available stacks.\n";
+    const QString missing = "Error: The following files do not exist: " + dir + "/nope\n";
+    const QString oneName = "Error: --name can only name one stack. Without --stack, each file is "
+                            "added as a separate stack — add --stack to combine them into one "
+                            "named stack.\n";
+    const QString newOnly = "Error: --name only applies to new stacks. Use 'sk rename 1 \"…\"' to "
+                            "rename an existing stack.\n";
+    const QByteArray stdinB = dir.toUtf8() + "/b\r\n";
     const Row rows[] = {
-        {{"add", "a.txt", "b.txt"},
-         0,
-         added.arg("1 item", "2") + added.arg("1 item", "3"),
-         "Base:1 a.txt:1 b.txt:1"},
-        {{"add", "a.txt", "b.txt", "--stack", "--name", "Pair"},
-         0,
-         added.arg("2 items", "2"),
-         "Base:1 Pair:2"},
-        {{"add", "a.txt", "b.txt", "--name", "X"},
-         1,
-         "Error: --name can only name one stack. Without --stack, each file is added as a "
-         "separate stack — add --stack to combine them into one named stack.\n",
-         "Base:1"},
-        {{"add", "a.txt", "--stack-index", "1", "--name", "X"},
-         1,
-         "Error: --name only applies to new stacks. Use 'sk rename 1 \"…\"' to rename an "
-         "existing stack.\n",
-         "Base:1"},
-        {{"add", "a.txt", "--stack-index", "2"}, 1, notThere.arg(2), "Base:1"},
-        {{"add", "a.txt", "--stack-index", "0"}, 1, notThere.arg(0), "Base:1"},
-        {{"add", "a.txt", "b.txt", "--stack-index", "1"}, 0, added.arg("2 items", "1"), "Base:3"},
-        {{"add", "a.txt", "missing.txt", "b.txt"},
-         1,
-         "Error: The following files do not exist: " + dir + "/missing.txt\n",
-         "Base:1"},
-        {{"add", "--text", "hi"}, 0, added.arg("1 item", "2"), "Base:1 hi:1"},
-        {{"add", "a.txt", "--text", "hi", "--stack"},
-         0,
-         added.arg("2 items", "2"),
-         "Base:1 2 Items:2"},
-        {{"add", "-", "--stack"},
-         0,
-         added.arg("2 items", "2"),
-         "Base:1 2 Items:2",
-         "a.txt\n\n" + dir.toUtf8() + "/b.txt\r\n"},
-        {{"add", "-"},
-         1,
-         "Error: The following files do not exist: " + dir + "/nope\n",
-         "Base:1",
-         "a.txt\nnope\n"},
-        {{"add", "-"}, 2, "sk: add: ", "Base:1", "\n"},
-        {{"add"}, 2, "sk: add: needs FILES", "Base:1"},
-        {{"request", R"({"action":"add","files":[]})"},
-         1,
-         "Error: No files provided to add\n",
-         "Base:1"},
+        {{"add", "a", "b"}, 0, added("1 item", 2) + added("1 item", 3), "B:1 a:1 b:1"},
+        {{"add", "a", "b", "--stack", "--name", "P"}, 0, added("2 items", 2), "B:1 P:2"},
+        {{"add", "a", "b", "--name", "X"}, 1, oneName, "B:1"},
+        {{"add", "a", "--stack-index", "1", "--name", "X"}, 1, newOnly, "B:1"},
+        {{"add", "a", "--stack-index", "2"}, 1, absent.arg(2), "B:1"},
+        {{"add", "a", "--stack-index", "0"}, 1, absent.arg(0), "B:1"},
+        {{"add", "a", "b", "--stack-index", "1"}, 0, added("2 items", 1), "B:3"},
+        {{"add", "a", "nope", "b"}, 1, missing, "B:1"},
+        {{"add", "--text", "hi"}, 0, added("1 item", 2), "B:1 hi:1"},
+        {{"add", "a", "--text", "hi", "--stack"}, 0, added("2 items", 2), "B:1 2 Items:2"},
+        // Blank lines are skipped, a line's carriage return dropped.
+        {{"add", "-", "--stack"}, 0, added("2 items", 2), "B:1 2 Items:2", "a\n\n" + stdinB},
+        {{"add", "-"}, 1, missing, "B:1", "a\nnope\n"},
+        {{"add", "-"}, 2, "sk: add: ", "B:1", "\n"},
+        {{"add"}, 2, "sk: add: needs FILES", "B:1"},
+        {{"request", R"({"action":"add"})"}, 1, "Error: No files provided to add\n", "B:1"},
     };
     for (const Row& row : rows) {
         ASSERT_EQ(run({"clear"}).status, 0);
-        ASSERT_EQ(run({"add", "c.txt", "--name", "Base"}).status, 0);
+        ASSERT_EQ(run({"add", "c", "--name", "B"}).status, 0);
         check(row);
     }
 }
@@ -163,32 +157,32 @@ TEST_F(DropbarEndToEndTest, TextItemsAreSavedAsFiles)
     }
     EXPECT_EQ(names[0], "Hello world.txt");
     EXPECT_EQ(names[1], "Hello world-1.txt");
-    EXPECT_TRUE(QRegularExpression(R"(^Text Saved at (0\d|1[0-2])-[0-3]\d-20\d\d )"
-                                   R"((0\d|1[0-2])-[0-5]\d-[0-5]\d (AM|PM)\.txt$)")
-                    .match(names[2])
-                    .hasMatch())
-        << names[2];
+    const QRegularExpression dated(R"(^Text Saved at (0\d|1[0-2])-[0-3]\d-20\d\d )"
+                                   R"((0\d|1[0-2])-[0-5]\d-[0-5]\d (AM|PM)\.txt$)");
+    EXPECT_TRUE(dated.match(names[2]).hasMatch()) << names[2];
     EXPECT_EQ(names[3], "Grüße aus Köln ☕ zweite Zeile.txt");
 }
 
 TEST_F(DropbarEndToEndTest, StackCommandsAndIndexes)
 {
-    run({"add", "a.txt", "--name", "Files"});
+    run({"add", "a", "--name", "F"});
     run({"add", "--text", "note"});
     const QString invalid = "Error: Item at index 0 is not a valid stack dictionary.\n";
+    const QString out = "3 is out of bounds.\n";
+    const QString textOnly = "Error: Cannot rename a stack that contains only text items.\n";
     const auto request = [](const char* json) { return QStringList{"request", json}; };
+    const auto lock = [](const char* word, int index) {
+        return QStringLiteral("%1 stack at index %2\n").arg(word).arg(index);
+    };
+    const auto done = [](const char* what, int index) {
+        return QStringLiteral("Successfully %1 stack at index %2\n").arg(what).arg(index);
+    };
     const Row rows[] = {
-        {{"rename", "0", "X"}, 1, invalid, "Files:1 note:1"},
-        {{"rename", "3", "X"}, 0, "3 is out of bounds.\n", "Files:1 note:1"},
-        {{"rename", "2", "X"},
-         1,
-         "Error: Cannot rename a stack that contains only text items.\n",
-         "Files:1 note:1"},
-        {{"rename", "1", "--reset"},
-         0,
-         "Successfully reset name for stack at index 1\n",
-         "a.txt:1 note:1"},
-        {{"rename", "1", "New"}, 0, "Successfully renamed stack at index 1\n", "New:1 note:1"},
+        {{"rename", "0", "X"}, 1, invalid, "F:1 note:1"},
+        {{"rename", "3", "X"}, 0, out, "F:1 note:1"},
+        {{"rename", "2", "X"}, 1, textOnly, "F:1 note:1"},
+        {{"rename", "1", "--reset"}, 0, done("reset name for", 1), "a:1 note:1"},
+        {{"rename", "1", "New"}, 0, done("renamed", 1), "New:1 note:1"},
         // The arguments are checked before the index is looked at.
         {request(R"({"action":"rename","index":9,"newName":"Y","reset":true})"), 1,
          "Error: Cannot provide both a new name and --reset flag.\n", "New:1 note:1"},
@@ -197,25 +191,21 @@ TEST_F(DropbarEndToEndTest, StackCommandsAndIndexes)
         {request(R"({"action":"rename","newName":"Y"})"), 1,
          "Error: Missing index for rename command.\n", "New:1 note:1"},
         {{"lock", "0"}, 1, invalid, "New:1 note:1"},
-        {{"lock", "3"}, 0, "3 is out of bounds.\n", "New:1 note:1"},
-        {{"lock", "1"}, 0, "Locked stack at index 1\n", "New*:1 note:1"},
+        {{"lock", "3"}, 0, out, "New:1 note:1"},
+        {{"lock", "1"}, 0, lock("Locked", 1), "New*:1 note:1"},
         {{"unlock", "0"}, 1, invalid, "New*:1 note:1"},
-        {{"unlock", "2"}, 0, "Unlocked stack at index 2\n", "New*:1 note:1"},
+        {{"unlock", "2"}, 0, lock("Unlocked", 2), "New*:1 note:1"},
         {{"remove", "0"}, 1, invalid, "New*:1 note:1"},
-        {{"remove", "3"}, 0, "3 is out of bounds.\n", "New*:1 note:1"},
+        {{"remove", "3"}, 0, out, "New*:1 note:1"},
         {request(R"({"action":"remove"})"), 1, "Error: Missing index for remove command.\n",
          "New*:1 note:1"},
-        {{"remove", "2"}, 0, "Successfully removed stack at index 2\n", "New*:1"},
-        {{"add", "b.txt", "c.txt"},
-         0,
-         "Successfully added 1 item to stack at index 2\nSuccessfully added 1 item to stack at "
-         "index 3\n",
-         "New*:1 b.txt:1 c.txt:1"},
-        {{"lock", "2"}, 0, "Locked stack at index 2\n", "New*:1 b.txt*:1 c.txt:1"},
+        {{"remove", "2"}, 0, done("removed", 2), "New*:1"},
+        {{"add", "b", "c"}, 0, added("1 item", 2) + added("1 item", 3), "New*:1 b:1 c:1"},
+        {{"lock", "2"}, 0, lock("Locked", 2), "New*:1 b*:1 c:1"},
         // A locked stack stays, emptied, and takes its automatic title again.
         {{"clear"}, 0, "Successfully cleared Drop Bar items\n", "New*:0 0 Items*:0"},
-        {{"unlock", "1"}, 0, "Unlocked stack at index 1\n", "New:0 0 Items*:0"},
-        {{"unlock", "2"}, 0, "Unlocked stack at index 2\n", "New:0 0 Items:0"},
+        {{"unlock", "1"}, 0, lock("Unlocked", 1), "New:0 0 Items*:0"},
+        {{"unlock", "2"}, 0, lock("Unlocked", 2), "New:0 0 Items:0"},
         {{"clear"}, 0, "Successfully cleared Drop Bar items\n", ""},
     };
     for (const Row& row : rows) {
@@ -225,35 +215,34 @@ TEST_F(DropbarEndToEndTest, StackCommandsAndIndexes)
 
 TEST_F(DropbarEndToEndTest, FilesAreFollowedAndMissingOnesShown)
 {
-    run({"add", "a.txt", "b.txt"});
-    ASSERT_TRUE(QFile::rename(dir + "/a.txt", dir + "/renamed.txt"));
-    ASSERT_TRUE(QFile::remove(dir + "/b.txt"));
+    run({"add", "a", "b"});
+    ASSERT_TRUE(QFile::rename(dir + "/a", dir + "/renamed"));
+    ASSERT_TRUE(QFile::remove(dir + "/b"));
     const QJsonArray stacks = stacksOf(*app);
     ASSERT_EQ(stacks.size(), 2);
-    EXPECT_EQ(stacks[0]["items"][0]["path"].toString(), dir + "/renamed.txt");
+    EXPECT_EQ(stacks[0]["items"][0]["path"].toString(), dir + "/renamed");
     EXPECT_FALSE(stacks[0]["items"][0]["missing"].toBool());
     EXPECT_TRUE(stacks[1]["items"][0]["missing"].toBool());
-    EXPECT_EQ(run({"list-items"}).out, "\nCurrent Drop Bar Items:\n1: renamed.txt (1 item)\n    " +
-                                           dir + "/renamed.txt\n2: b.txt (1 item)\n    (missing) " +
-                                           dir + "/b.txt\n");
+    EXPECT_EQ(run({"list-items"}).out, "\nCurrent Drop Bar Items:\n1: renamed (1 item)\n    " +
+                                           dir + "/renamed\n2: b (1 item)\n    (missing) " + dir +
+                                           "/b\n");
 }
 
 TEST_F(DropbarEndToEndTest, RemovingDeletesOnlySkelvosOwnCopies)
 {
-    run({"add", "a.txt", "--text", "bye", "--stack"});
+    run({"add", "a", "--text", "bye", "--stack"});
     const QString savedText = stacksOf(*app)[0]["items"][1]["path"].toString();
     ASSERT_TRUE(QFileInfo::exists(savedText));
-    run({"add", "b.txt"});
+    run({"add", "b"});
     EXPECT_EQ(run({"remove", "1"}).status, 0);
     EXPECT_FALSE(QFileInfo::exists(savedText));
     EXPECT_EQ(run({"clear"}).status, 0);
-    EXPECT_EQ(readAll(dir + "/a.txt") + readAll(dir + "/b.txt"), "ab");
+    EXPECT_EQ(readAll(dir + "/a") + readAll(dir + "/b"), "ab");
 
     ASSERT_EQ(QProcess::execute("vips", {"black", dir + "/image.png", "40", "20"}), 0);
-    ASSERT_EQ(run({"add-action", "Resize Images", "--options", "output_width=10",
-                   "output_folder_option=3", "keep_originals=yes"})
-                  .status,
-              0);
+    // Choice 3: a fresh folder under "Action Outputs", its images sent to the Drop Bar.
+    const QStringList options = {"output_width=10", "output_folder_option=3", "keep_originals=yes"};
+    ASSERT_EQ(run(QStringList{"add-action", "Resize Images", "--options"} + options).status, 0);
     ASSERT_EQ(run({"run", "Resize Images", "image.png"}).status, 0);
     QString output;
     ASSERT_TRUE(HeadlessApp::waitUntil([&] {
@@ -273,15 +262,15 @@ TEST_F(DropbarEndToEndTest, ARestartKeepsTheStacksAndDropsLeftovers)
     const QString kept = app->writeFile("data/Skelvo/Promised Files/SkFilePromise-y/kept.txt", "");
     const QString leftover = app->writeFile("data/Skelvo/Promised Files/SkFilePromise-x/f", "");
     const QString orphan = app->writeFile("data/Skelvo/Saved Text/orphan.txt", "");
-    run({"add", "a.txt", kept, "--stack", "--name", "Named"});
-    run({"add", "b.txt", "--text", "kept text", "--stack"});
-    run({"add", "c.txt"});
+    run({"add", "a", kept, "--stack", "--name", "Named"});
+    run({"add", "b", "--text", "kept text", "--stack"});
+    run({"add", "c"});
     run({"lock", "2"});
     const QByteArray before = app->sk({"list-items", "--json"}).out.toUtf8();
     ASSERT_TRUE(app->stop());
     ASSERT_TRUE(app->start());
     EXPECT_EQ(app->sk({"list-items", "--json"}).out.toUtf8(), before);
-    EXPECT_EQ(shape(), "Named:2 2 Items*:2 c.txt:1");
+    EXPECT_EQ(shape(), "Named:2 2 Items*:2 c:1");
     EXPECT_FALSE(QFileInfo::exists(QFileInfo(leftover).path()));
     EXPECT_FALSE(QFileInfo::exists(orphan));
     EXPECT_TRUE(QFileInfo::exists(kept));
@@ -298,7 +287,7 @@ TEST(DropbarEndToEndKill, AKilledAddLeavesAWholeStackOrNone)
         add << app.writeFile(QStringLiteral("many/file-%1.txt").arg(i), "");
     }
     const QString database = app.path("data/Skelvo/Actions5.skdb");
-    for (const int delayMs : {0, 5, 20, 60, -1}) {
+    for (const int delayMs : {0, 5, 20, 60, 150, -1}) {
         const auto sk = app.startSk(add);
         if (delayMs >= 0) {
             QThread::msleep(static_cast<unsigned long>(delayMs));
@@ -314,25 +303,12 @@ TEST(DropbarEndToEndKill, AKilledAddLeavesAWholeStackOrNone)
         const QJsonArray stacks = stacksOf(app);
         EXPECT_TRUE(stacks.isEmpty() ||
                     (stacks.size() == 1 && stacks[0]["items"].toArray().size() == 1000))
-            << delayMs << ": " << QJsonDocument(stacks).toJson().toStdString().substr(0, 300);
+            << delayMs << ": " << stacks.size() << " stacks";
         EXPECT_TRUE(delayMs >= 0 || stacks.size() == 1);
         ASSERT_EQ(app.sk({"clear"}).status, 0);
         ASSERT_TRUE(app.stop());
 
-        sqlite3* db = nullptr;
-        ASSERT_EQ(
-            sqlite3_open_v2(database.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr),
-            SQLITE_OK);
-        sqlite3_stmt* check = nullptr;
-        QString verdict;
-        if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &check, nullptr) == SQLITE_OK &&
-            sqlite3_step(check) == SQLITE_ROW) {
-            verdict =
-                QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(check, 0)));
-        }
-        sqlite3_finalize(check);
-        sqlite3_close(db);
-        EXPECT_EQ(verdict, "ok") << delayMs;
+        EXPECT_EQ(integrityOf(database), "ok") << delayMs;
         ASSERT_TRUE(app.start());
     }
 }
