@@ -114,6 +114,7 @@ TEST_F(DropbarEndToEndTest, AddRulesAndAnswers)
     const Row rows[] = {
         {{"add", "a", "b"}, 0, added("1 item", 2) + added("1 item", 3), "B:1 a:1 b:1"},
         {{"add", "a", "b", "--stack", "--name", "P"}, 0, added("2 items", 2), "B:1 P:2"},
+        {{"add", "a", "--name", "  P  "}, 0, added("1 item", 2), "B:1 P:1"},
         {{"add", "a", "b", "--name", "X"}, 1, oneName, "B:1"},
         {{"add", "a", "--stack-index", "1", "--name", "X"}, 1, newOnly, "B:1"},
         {{"add", "a", "--stack-index", "2"}, 1, absent.arg(2), "B:1"},
