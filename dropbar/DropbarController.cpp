@@ -299,7 +299,8 @@ std::optional<DropbarId> DropbarController::performAdd(AddRequest& request)
     if (existing) {
         dropbar = *existing;
     } else {
-        dropbar.name = request.name;
+        // Named as a rename would name it, so that "  Work " and "Work" are the same name.
+        dropbar.name = request.name.trimmed();
         if (source) {
             dropbar.locked = source->locked;
         }

@@ -275,8 +275,14 @@ bool DropbarController::removeDropbars()
             continue;
         }
         removed += dropbar->items;
-        const bool done = dropbar->locked ? db().deleteItemsForDropbar(dropbar->dbId)
-                                          : db().deleteDropbar(dropbar->dbId);
+        // An emptied locked stack must not keep the title and icon of what it held.
+        Dropbar emptied = *dropbar;
+        emptied.items.clear();
+        const bool done = dropbar->locked
+                              ? db().deleteItemsForDropbar(dropbar->dbId) &&
+                                    db().updateDropbar(dropbar->dbId, Dropbar::automaticTitle({}),
+                                                       dropbar->name, iconFor(emptied), true)
+                              : db().deleteDropbar(dropbar->dbId);
         if (!done) {
             return false;
         }
