@@ -11,6 +11,7 @@
 #include "dropbar/SavedText.h"
 #include "dropbar/StackIcon.h"
 #include "platform/FileBookmark.h"
+#include "platform/FileSystemInfo.h"
 #include "store/GridDatabase.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
@@ -76,6 +77,26 @@ void DropbarController::reloadDropbars()
             dropbar.items << DropbarItem::fromRow(itemRow);
         }
         m_dropbars << dropbar;
+    }
+    watchItemFolders();
+}
+
+void DropbarController::watchItemFolders()
+{
+    QSet<QString> tried;
+    for (const auto& dropbar : std::as_const(m_dropbars)) {
+        for (const DropbarItem& item : dropbar ? dropbar->items : QList<DropbarItem>{}) {
+            const QString folder = QFileInfo(item.path).path();
+            if (item.isText() || item.missing || m_folderChanges.isWatched(folder) ||
+                tried.contains(folder)) {
+                continue;
+            }
+            tried.insert(folder);
+            // Changes on a network file system may come from other machines, unseen.
+            if (!FileSystemInfo::isOnNetworkFileSystem(folder)) {
+                m_folderChanges.watch(folder);
+            }
+        }
     }
 }
 
@@ -165,19 +186,29 @@ QList<GridAction> DropbarController::dropbarTiles()
 void DropbarController::updateDropbarMissingSources()
 {
     ensureCurrentGrid();
+    const QSet<QString> changed = m_folderChanges.takeChanged();
     for (auto& slot : m_dropbars) {
         if (!slot) {
             continue;
         }
+        // Items in a watched folder that has not changed are where they were.
         QStringList paths;
-        for (const DropbarItem& item : std::as_const(slot->items)) {
-            paths << item.path;
+        QList<qsizetype> unsure;
+        for (qsizetype index = 0; index < slot->items.size(); ++index) {
+            const DropbarItem& item = slot->items.at(index);
+            const QString folder = QFileInfo(item.path).path();
+            if (!item.isText() &&
+                (item.missing || !item.identity || !m_folderChanges.isWatched(folder) ||
+                 changed.contains(folder))) {
+                paths << item.path;
+                unsure << index;
+            }
         }
         const QList<std::optional<FileIdentity>> found = FileIdentity::ofAll(paths);
         QList<DropbarItem> followed;
-        for (qsizetype index = 0; index < slot->items.size(); ++index) {
-            DropbarItem& item = slot->items[index];
-            if (item.isText() || (item.identity && found.at(index) == item.identity)) {
+        for (qsizetype checked = 0; checked < unsure.size(); ++checked) {
+            DropbarItem& item = slot->items[unsure.at(checked)];
+            if (item.identity && found.at(checked) == item.identity) {
                 continue;
             }
             const QByteArray before = item.bookmarkData;
@@ -193,6 +224,7 @@ void DropbarController::updateDropbarMissingSources()
             saveStack(*slot);
         }
     }
+    watchItemFolders();
 }
 
 // --- Adding

@@ -3,6 +3,7 @@
 #include "core/Identifiers.h"
 #include "dropbar/Dropbar.h"
 #include "events/DropbarDispatcher.h"
+#include "platform/FolderChanges.h"
 #include "store/GridAction.h"
 
 #include <QList>
@@ -128,6 +129,9 @@ private:
     void notify(const QString& title, const QString& body, DropbarId dbId = Identifiers::None);
     bool saveStack(const Dropbar& dropbar);
     void stackChanged();
+    // Watches the folders of the shown file items, so that a listing only looks again at
+    // items whose folder changed.
+    void watchItemFolders();
 
     const BuiltInContext& m_context;
     GridStoreHooks& m_hooks;
@@ -138,4 +142,5 @@ private:
     bool m_adding = false;
     bool m_suppressNotification = false;
     int m_gridsObserver = 0;
+    FolderChanges m_folderChanges; // of local folders only
 };

@@ -218,7 +218,11 @@ TEST_F(DropbarEndToEndTest, StackCommandsAndIndexes)
 TEST_F(DropbarEndToEndTest, FilesAreFollowedAndMissingOnesShown)
 {
     run({"add", "a", "b"});
-    ASSERT_TRUE(QFile::rename(dir + "/a", dir + "/renamed"));
+    // Listed before and after each change: a listing only looks again where a folder changed.
+    stacksOf(*app);
+    ASSERT_TRUE(QFile::rename(dir + "/a", dir + "/first"));
+    EXPECT_EQ(stacksOf(*app)[0]["items"][0]["path"].toString(), dir + "/first");
+    ASSERT_TRUE(QFile::rename(dir + "/first", dir + "/renamed"));
     ASSERT_TRUE(QFile::remove(dir + "/b"));
     const QJsonArray stacks = stacksOf(*app);
     ASSERT_EQ(stacks.size(), 2);
