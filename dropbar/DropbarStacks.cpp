@@ -113,10 +113,14 @@ bool DropbarController::seperateDropbarItemsWithaId(DropbarId dbId)
     for (qsizetype index = 1; index < dropbar->items.size(); ++index) {
         Dropbar single;
         single.items = {dropbar->items.at(index)};
+        const QString title = Dropbar::automaticTitle(single.items);
+        const QByteArray icon = iconFor(single);
         const DropbarId separated =
-            db().separateItem(dropbar->items.at(index).id, dbId, m_gridId,
-                              Dropbar::automaticTitle(single.items), iconFor(single));
-        if (!separated) {
+            db().separateItem(dropbar->items.at(index).id, dbId, m_gridId, title, icon);
+        // Each part keeps the name (and, through the store, the lock) of the stack it left.
+        if (!separated ||
+            (!dropbar->name.isEmpty() &&
+             !db().updateDropbar(separated, title, dropbar->name, icon, dropbar->locked))) {
             return false;
         }
         order.insert(++position, separated);

@@ -144,8 +144,12 @@ TEST_F(DropbarControllerTest, StackOperationsReachTheStore)
     // The separated stacks take the place of their stack, before the one that followed it.
     const DropbarId abc = add(files({"a", "b", "c"}));
     add(files({"d"}));
+    ASSERT_TRUE(bar().setDropbarNameWithaId(abc, QStringLiteral("Trip")));
     ASSERT_TRUE(bar().seperateDropbarItemsWithaId(abc));
     EXPECT_EQ(storedRow(grid), QStringList({"a", "b", "c", "d"}));
+    for (int slot = 1; slot <= 4; ++slot) {
+        EXPECT_EQ(bar().dropbars().at(slot)->name, slot < 4 ? "Trip" : "") << slot;
+    }
     ASSERT_EQ(bar().numDropbars(), 4);
     add(files({"e"}), {.slot = 4, .gridId = {}});
     ASSERT_TRUE(bar().combineAllItemsToStack());
