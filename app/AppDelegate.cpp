@@ -111,8 +111,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // Working folders for dropped data and Drop Bar text, without what no item refers to.
     SupportPaths::promisedFilesDirectory();
     SupportPaths::savedTextDirectory();
-    m_engine.dropbars->removeDropbarPromisedFilesDirs();
-    m_engine.dropbars->removeDropbarSavedTextFiles();
+    m_engine.dropbars->removeLeftovers();
 
     // Scanning once at start-up surfaces broken or duplicate actions early.
     const ActionFileList actions = ActionFileParser::shared().actionFiles();

@@ -78,26 +78,6 @@ void DropbarController::reloadDropbars()
         }
         m_dropbars << dropbar;
     }
-    watchItemFolders();
-}
-
-void DropbarController::watchItemFolders()
-{
-    QSet<QString> tried;
-    for (const auto& dropbar : std::as_const(m_dropbars)) {
-        for (const DropbarItem& item : dropbar ? dropbar->items : QList<DropbarItem>{}) {
-            const QString folder = QFileInfo(item.path).path();
-            if (item.isText() || item.missing || m_folderChanges.isWatched(folder) ||
-                tried.contains(folder)) {
-                continue;
-            }
-            tried.insert(folder);
-            // Changes on a network file system may come from other machines, unseen.
-            if (!FileSystemInfo::isOnNetworkFileSystem(folder)) {
-                m_folderChanges.watch(folder);
-            }
-        }
-    }
 }
 
 const QList<std::optional<Dropbar>>& DropbarController::dropbars()
@@ -187,6 +167,7 @@ void DropbarController::updateDropbarMissingSources()
 {
     ensureCurrentGrid();
     const QSet<QString> changed = m_folderChanges.takeChanged();
+    QSet<QString> toWatch; // folders of items just found where they are
     for (auto& slot : m_dropbars) {
         if (!slot) {
             continue;
@@ -205,26 +186,31 @@ void DropbarController::updateDropbarMissingSources()
             }
         }
         const QList<std::optional<FileIdentity>> found = FileIdentity::ofAll(paths);
-        QList<DropbarItem> followed;
+        bool followed = false;
         for (qsizetype checked = 0; checked < unsure.size(); ++checked) {
             DropbarItem& item = slot->items[unsure.at(checked)];
-            if (item.identity && found.at(checked) == item.identity) {
-                continue;
+            if (!item.identity || found.at(checked) != item.identity) {
+                const QByteArray before = item.bookmarkData;
+                item = DropbarItem::fromRow(
+                    {{QStringLiteral("id"), item.id}, {QStringLiteral("bookmark_data"), before}});
+                followed = followed || item.bookmarkData != before;
             }
-            const QByteArray before = item.bookmarkData;
-            item = DropbarItem::fromRow(
-                {{QStringLiteral("id"), item.id}, {QStringLiteral("bookmark_data"), before}});
-            if (item.bookmarkData != before) {
-                followed << item;
+            if (!item.missing) {
+                toWatch.insert(QFileInfo(item.path).path());
             }
         }
         // A file found under a new name keeps being followed from there.
-        if (!followed.isEmpty()) {
+        if (followed) {
             slot->title = Dropbar::automaticTitle(slot->items);
             saveStack(*slot);
         }
     }
-    watchItemFolders();
+    for (const QString& folder : std::as_const(toWatch)) {
+        // Changes on a network file system may come from other machines, unseen.
+        if (!m_folderChanges.isWatched(folder) && !FileSystemInfo::isOnNetworkFileSystem(folder)) {
+            m_folderChanges.watch(folder);
+        }
+    }
 }
 
 // --- Adding
@@ -264,7 +250,7 @@ void DropbarController::processNextInAddQueue()
         const std::optional<DropbarId> added = performAdd(request);
         if (added) {
             notifyAdded(request.items, *added);
-            m_hooks.prepareGrid ? m_hooks.prepareGrid() : void();
+            stackChanged();
         }
         if (request.completion) {
             request.completion(added.has_value(), added.value_or(Identifiers::None));
@@ -478,14 +464,16 @@ void DropbarController::refreshStack(DropbarId dbId, GridId gridId)
 
 // --- Start-up
 
-void DropbarController::removeDropbarPromisedFilesDirs()
+void DropbarController::removeLeftovers()
 {
-    DropbarCleanup::removePromisedFilesDirs(
-        DropbarCleanup::referencedPaths(db().getAllDropbarItems()));
+    // One look at what the items refer to serves both sweeps.
+    const QStringList referenced = DropbarCleanup::referencedPaths(db().getAllDropbarItems());
+    DropbarCleanup::removePromisedFilesDirs(referenced);
+    DropbarCleanup::removeSavedTextFiles(referenced);
 }
 
-void DropbarController::removeDropbarSavedTextFiles()
+void DropbarController::removeTempFilesOf(const QList<DropbarItem>& removed)
 {
-    DropbarCleanup::removeSavedTextFiles(
-        DropbarCleanup::referencedPaths(db().getAllDropbarItems()));
+    DropbarCleanup::removeTempFiles(removed,
+                                    DropbarCleanup::referencedPaths(db().getAllDropbarItems()));
 }

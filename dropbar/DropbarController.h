@@ -100,8 +100,7 @@ public:
     bool insertDropbarTextIntoFrontmostApp(const DropbarItem& item);
 
     // --- Start-up: promised-file folders and saved text that no item refers to.
-    void removeDropbarPromisedFilesDirs();
-    void removeDropbarSavedTextFiles();
+    void removeLeftovers();
 
     // DropbarDispatcher
     bool addItemsFromDrag(const DragInfo& drag, DropbarId dropBarId, bool fromWithinSkelvo,
@@ -129,9 +128,8 @@ private:
     void notify(const QString& title, const QString& body, DropbarId dbId = Identifiers::None);
     bool saveStack(const Dropbar& dropbar);
     void stackChanged();
-    // Watches the folders of the shown file items, so that a listing only looks again at
-    // items whose folder changed.
-    void watchItemFolders();
+    // Deletes Skelvo's own files of removed items that no remaining item refers to.
+    void removeTempFilesOf(const QList<DropbarItem>& removed);
 
     const BuiltInContext& m_context;
     GridStoreHooks& m_hooks;
@@ -142,5 +140,7 @@ private:
     bool m_adding = false;
     bool m_suppressNotification = false;
     int m_gridsObserver = 0;
-    FolderChanges m_folderChanges; // of local folders only
+    // The local folders of shown files, so that a listing only looks again at items whose
+    // folder changed.
+    FolderChanges m_folderChanges;
 };

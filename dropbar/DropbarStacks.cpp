@@ -3,7 +3,6 @@
 #include "builtin/BuiltInContext.h"
 #include "core/Settings.h"
 #include "core/WindowPresenter.h"
-#include "dropbar/DropbarCleanup.h"
 #include "dropbar/DropbarController.h"
 #include "store/GridDatabase.h"
 #include "store/GridStoreHooks.h"
@@ -262,8 +261,7 @@ bool DropbarController::removeDropbarWithaId(DropbarId dbId, bool removeTempFile
     }
     m_dropbars.removeAt(*slotOfDropbar(dbId));
     if (removeTempFiles) {
-        DropbarCleanup::removeTempFiles(removed,
-                                        DropbarCleanup::referencedPaths(db().getAllDropbarItems()));
+        removeTempFilesOf(removed);
     }
     stackChanged();
     autoClosePopOutDropBarIfEmpty();
@@ -294,8 +292,7 @@ bool DropbarController::removeDropbars()
     const bool saved = transaction.commit();
     reloadDropbars();
     if (saved) {
-        DropbarCleanup::removeTempFiles(removed,
-                                        DropbarCleanup::referencedPaths(db().getAllDropbarItems()));
+        removeTempFilesOf(removed);
     }
     stackChanged();
     autoClosePopOutDropBarIfEmpty();
@@ -325,8 +322,7 @@ bool DropbarController::removeItem(DropbarItemId itemId, DropbarId dbId, bool re
     }
     *dropbar = changed;
     if (removeTempFiles) {
-        DropbarCleanup::removeTempFiles({*item},
-                                        DropbarCleanup::referencedPaths(db().getAllDropbarItems()));
+        removeTempFilesOf({*item});
     }
     stackChanged();
     return true;

@@ -258,8 +258,7 @@ TEST_F(DropbarControllerTest, RemovedItemsTakeOnlyTheirUnreferencedFoldersAlong)
     bar().addItems({DropbarItem::ofText(QStringLiteral("keep me"))}, {}, {});
     const QString keptText = bar().dropbars().last()->items.first().path;
     const QString strayText = write(SupportPaths::savedTextDirectory(), QStringLiteral("s.txt"));
-    bar().removeDropbarPromisedFilesDirs();
-    bar().removeDropbarSavedTextFiles();
+    bar().removeLeftovers();
     EXPECT_TRUE(QFileInfo::exists(keptFolder));
     EXPECT_FALSE(QFileInfo::exists(strayFolder));
     EXPECT_TRUE(QFileInfo::exists(keptText));
