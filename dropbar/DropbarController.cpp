@@ -175,12 +175,20 @@ void DropbarController::updateDropbarMissingSources()
         // Items in a watched folder that has not changed are where they were.
         QStringList paths;
         QList<qsizetype> unsure;
+        QStringView lastFolder; // neighbours mostly share their folder: decide once for them
+        bool folderUnchanged = false;
         for (qsizetype index = 0; index < slot->items.size(); ++index) {
             const DropbarItem& item = slot->items.at(index);
-            const QString folder = QFileInfo(item.path).path();
-            if (!item.isText() &&
-                (item.missing || !item.identity || !m_folderChanges.isWatched(folder) ||
-                 changed.contains(folder))) {
+            if (item.isText()) {
+                continue;
+            }
+            const QStringView folder = QStringView(item.path).left(item.path.lastIndexOf(u'/'));
+            if (folder != lastFolder || index == 0) {
+                lastFolder = folder;
+                folderUnchanged = m_folderChanges.isWatched(folder.toString()) &&
+                                  !changed.contains(folder.toString());
+            }
+            if (item.missing || !item.identity || !folderUnchanged) {
                 paths << item.path;
                 unsure << index;
             }
@@ -196,7 +204,7 @@ void DropbarController::updateDropbarMissingSources()
                 followed = followed || item.bookmarkData != before;
             }
             if (!item.missing) {
-                toWatch.insert(QFileInfo(item.path).path());
+                toWatch.insert(item.path.left(item.path.lastIndexOf(u'/')));
             }
         }
         // A file found under a new name keeps being followed from there.
