@@ -428,8 +428,29 @@ void printCommandHelp(const Command& command)
     print(stdout, ExitStatusText);
 }
 
+// The commands of a family, for `sk monitor` without its second word.
+int familyUsage(std::string_view family)
+{
+    std::string message = "give one of the commands of '";
+    message += family;
+    message += "':";
+    for (const Command& command : Commands) {
+        if (command.name.starts_with(family) && command.name.size() > family.size() &&
+            command.name[family.size()] == ' ') {
+            message += "\n  sk ";
+            message += command.name;
+            message += "  ";
+            message += command.summary;
+        }
+    }
+    return usageError(message);
+}
+
 int unknownCommand(std::string_view name)
 {
+    if (isCommandFamily(name)) {
+        return familyUsage(name);
+    }
     std::string message = "unknown command '";
     message += name;
     message += "'. Run 'sk --help' for the list of commands.";
@@ -442,12 +463,13 @@ int helpCommand(const Arguments& arguments, const Session&)
         printOverview(stdout);
         return ExitSuccess;
     }
-    if (arguments.size() > 1) {
-        return usageError("help takes at most one command name.");
-    }
-    const Command* command = findCommand(arguments.front());
+    size_t used = 0;
+    const Command* command = findCommand(arguments, 0, used);
     if (!command) {
         return unknownCommand(arguments.front());
+    }
+    if (used != arguments.size()) {
+        return usageError("help takes at most one command name.");
     }
     printCommandHelp(*command);
     return ExitSuccess;
@@ -497,6 +519,38 @@ const Command* findCommand(std::string_view name)
         std::find_if(std::begin(Commands), std::end(Commands),
                      [name](const Command& command) { return command.name == name; });
     return found == std::end(Commands) ? nullptr : &*found;
+}
+
+const Command* findCommand(const Arguments& words, size_t first, size_t& used)
+{
+    used = 0;
+    if (first >= words.size()) {
+        return nullptr;
+    }
+    if (first + 1 < words.size()) {
+        if (const Command* command = findCommand(words[first] + ' ' + words[first + 1])) {
+            used = 2;
+            return command;
+        }
+    }
+    const Command* command = findCommand(words[first]);
+    used = command ? 1 : 0;
+    return command;
+}
+
+bool isCommandFamily(std::string_view name)
+{
+    return std::any_of(std::begin(Commands), std::end(Commands), [name](const Command& command) {
+        return command.name.size() > name.size() && command.name.starts_with(name) &&
+               command.name[name.size()] == ' ';
+    });
+}
+
+std::string requestWord(const Command& command)
+{
+    std::string word(command.name);
+    std::replace(word.begin(), word.end(), ' ', '-');
+    return word;
 }
 
 std::string synopsis(const Command& command)
@@ -553,12 +607,12 @@ int runCommandLine(const Arguments& arguments)
         printOverview(stderr);
         return ExitUsage;
     }
-    const std::string& name = arguments[first];
-    const Command* command = findCommand(name);
+    size_t used = 0;
+    const Command* command = findCommand(arguments, first, used);
     if (!command) {
-        return unknownCommand(name);
+        return unknownCommand(arguments[first]);
     }
-    const Arguments rest(arguments.begin() + static_cast<std::ptrdiff_t>(first) + 1,
+    const Arguments rest(arguments.begin() + static_cast<std::ptrdiff_t>(first + used),
                          arguments.end());
     if (asksForHelp(rest)) {
         printCommandHelp(*command);

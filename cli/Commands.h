@@ -73,6 +73,13 @@ struct Command {
 // Every subcommand, in the order `sk --help` lists them.
 std::span<const Command> commands();
 const Command* findCommand(std::string_view name);
+// The command that the words from `first` on name: a family's two words ("monitor list")
+// before one word; `used` says how many words it took.
+const Command* findCommand(const Arguments& words, size_t first, size_t& used);
+// Whether `name` is the first word of a family of commands ("monitor").
+bool isCommandFamily(std::string_view name);
+// The request word of a command: its name, with a family's words joined by "-".
+std::string requestWord(const Command& command);
 
 // The arguments as shown after the name in the usage line.
 std::string synopsis(const Command& command);

@@ -39,7 +39,7 @@ public:
         , m_input(input)
     {
         m_request.userInfo = nlohmann::json::object();
-        m_request.userInfo["action"] = std::string(command.name);
+        m_request.userInfo["action"] = requestWord(command);
     }
 
     Request parse(const Arguments& arguments)
@@ -402,13 +402,16 @@ Request buildRequest(const Command& command, const Arguments& arguments, const s
 Request buildRequest(const Arguments& commandLine, const std::string& cwd, std::istream* input)
 {
     Request request;
-    const Command* command = commandLine.empty() ? nullptr : findCommand(commandLine.front());
+    size_t used = 0;
+    const Command* command = findCommand(commandLine, 0, used);
     if (!command || command->run) {
         request.error = "no request command given.";
         return request;
     }
-    return buildRequest(*command, Arguments(commandLine.begin() + 1, commandLine.end()), cwd,
-                        input);
+    return buildRequest(
+        *command,
+        Arguments(commandLine.begin() + static_cast<std::ptrdiff_t>(used), commandLine.end()), cwd,
+        input);
 }
 
 Request buildRawRequest(std::string_view json, const std::string& cwd)

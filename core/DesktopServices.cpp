@@ -35,5 +35,11 @@ void HeadlessDesktopServices::playSound(const QString& name)
 
 void HeadlessDesktopServices::sendNotification(const UserNotification& notification)
 {
+    // Without a notification service a button can only be pressed from the command line,
+    // so the log says what waits.
     Log::info(QStringLiteral("Notification: %1 -- %2").arg(notification.title, notification.body));
+    for (const NotificationAction& action : notification.actions) {
+        Log::info(QStringLiteral("Notification button \"%1\" waits (%2)")
+                      .arg(action.title, notification.category));
+    }
 }

@@ -1,9 +1,17 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 #include <QStringList>
+#include <QVariantMap>
 
 #include <memory>
+
+// A button of a user notification.
+struct NotificationAction {
+    QString identifier; // reported back when pressed
+    QString title;
+};
 
 // A user notification as the desktop shows it.
 struct UserNotification {
@@ -13,6 +21,13 @@ struct UserNotification {
     QString clickUrl;             // opened when the notification is clicked; empty for none
     QString clickScript;          // run when the notification is clicked; empty for none
     qint64 dropbarDatabaseId = 0; // a Drop Bar revealed when it is clicked; 0 for none
+    // A notification that offers to run something: its category, its buttons and what the
+    // engine needs to know when one is pressed. A press is posted on the engine's
+    // notification centre as Notifications::UserNotificationResponse with `userInfo` and the
+    // button's identifier under "actionIdentifier".
+    QString category;
+    QList<NotificationAction> actions;
+    QVariantMap userInfo;
 };
 
 // What the engine asks of the desktop besides windows: the clipboard, sounds and

@@ -28,6 +28,9 @@ inline const QString ReloadUserActionsTable = QStringLiteral("SKReloadUserAction
 inline const QString ActionSingleInstallCompleted =
     QStringLiteral("SKActionSingleInstallCompleted");
 inline const QString CloseActionConfigWindows = QStringLiteral("SKCloseActionConfigWindows");
+// A button of a user notification was pressed (see UserNotification).
+inline const QString UserNotificationResponse = QStringLiteral("SKUserNotificationResponse");
+inline const QString NotificationActionIdentifierKey = QStringLiteral("actionIdentifier");
 } // namespace Notifications
 
 // Names of the notifications between the command-line tool and the application.

@@ -30,7 +30,12 @@ DropbarController::DropbarController(const BuiltInContext& context, GridStoreHoo
     // A deleted grid takes its Drop Bars with it; the next look reloads.
     m_gridsObserver = m_context.tasks.notifications.addObserver(
         Notifications::GridsChanged, nullptr, [this](const Notification&) { m_loaded = false; });
-    m_context.tasks.dropbarSink.setAdder([this](const QStringList& paths) { addFilePaths(paths); });
+    m_context.tasks.dropbarSink.setReceiver(
+        {[this](const QStringList& paths) { addFilePaths(paths); },
+         [this](const QStringList& paths, GridId gridId, DropbarSink::Added done) {
+             addURLs(paths, {}, DropbarTarget{std::nullopt, gridId}, std::move(done));
+         },
+         [this](DropbarId dropbarId) { return removeDropbarWithaId(dropbarId); }});
     m_hooks.removeDropbarItems = [this](const GridAction& tile) {
         if (const auto slot = dropBarIndexWithGridActionId(tile.aId)) {
             if (const auto& dropbar = m_dropbars.at(*slot)) {
@@ -43,7 +48,7 @@ DropbarController::DropbarController(const BuiltInContext& context, GridStoreHoo
 DropbarController::~DropbarController()
 {
     m_hooks.removeDropbarItems = nullptr;
-    m_context.tasks.dropbarSink.setAdder({});
+    m_context.tasks.dropbarSink.setReceiver({});
     m_context.tasks.notifications.removeObserver(m_gridsObserver);
 }
 

@@ -403,7 +403,9 @@ TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
         QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAABCAIAAAB7QOjdAAAADUlEQVR4nGP4zwAE/"
                                "wEHAAH/4iOeWQAAAABJRU5ErkJggg=="));
     QStringList toDropBar;
-    engine->dropbarSink.setAdder([&](const QStringList& paths) { toDropBar << paths; });
+    engine->dropbarSink.setReceiver({.add = [&](const QStringList& paths) { toDropBar << paths; },
+                                     .addToGrid = {},
+                                     .remove = {}});
     const QString chosen = path("chosen");
     QDir().mkpath(chosen);
     const auto convert = [&](const char* format, const char* folderOption) {
@@ -424,7 +426,7 @@ TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
     EXPECT_TRUE(toDropBar.first().endsWith("/photo.gif"));
     EXPECT_TRUE(QFileInfo(toDropBar.first()).path().contains("SkActionOutput-"));
     EXPECT_TRUE(QFileInfo::exists(toDropBar.first()));
-    engine->dropbarSink.setAdder({});
+    engine->dropbarSink.setReceiver({});
 
     engine.windows().setNextFolder(QString());
     ASSERT_TRUE(convert("png", "1"));

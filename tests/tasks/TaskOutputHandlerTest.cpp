@@ -250,7 +250,8 @@ TEST_F(OutputHandlerTest, ErrorsAndAlertsAreShownLater)
 TEST_F(OutputHandlerTest, DropbarPathsAreCheckedBeforeAdding)
 {
     QStringList added;
-    engine().dropbarSink.setAdder([&](const QStringList& paths) { added << paths; });
+    engine().dropbarSink.setReceiver(
+        {.add = [&](const QStringList& paths) { added << paths; }, .addToGrid = {}, .remove = {}});
     const QString existing = presenters.home().writeFile(QStringLiteral("a.txt"), "a");
     feed(("Add_Dropbar: " + existing + "\nComplete_Add_Dropbar: 1").toUtf8());
     EXPECT_EQ(added, QStringList{existing});
@@ -263,7 +264,7 @@ TEST_F(OutputHandlerTest, DropbarPathsAreCheckedBeforeAdding)
     EXPECT_TRUE(engine().debugConsole.text().endsWith(
         QStringLiteral("Add to Drop Bar failed. Path at /no/such/file not found\n")));
     EXPECT_EQ(handler.lastCommand(), QStringLiteral("Add_Dropbar"));
-    engine().dropbarSink.setAdder({});
+    engine().dropbarSink.setReceiver({});
 }
 
 TEST_F(OutputHandlerTest, OutputFileReachesTheFolderMonitor)
