@@ -27,6 +27,16 @@ public:
     static inline const QString AssignedServiceKeys = QStringLiteral("AssignedServiceKeys");
     static inline const QString GridPositionLoggingEnabled =
         QStringLiteral("GridPositionLoggingEnabled");
+    static inline const QString AutoAddScreenshotsToDropBar =
+        QStringLiteral("AutoAddScreenshotsToDropBar");
+    static inline const QString ScreenshotsTargetGridId = QStringLiteral("ScreenshotsTargetGridId");
+    static inline const QString ScreenshotsActionId = QStringLiteral("ScreenshotsActionId");
+    static inline const QString ScreenshotsKeepInDropBar =
+        QStringLiteral("ScreenshotsKeepInDropBar");
+    static inline const QString ScreenshotsConfirmBeforeAction =
+        QStringLiteral("ScreenshotsConfirmBeforeAction");
+    // The folder screenshots are saved to, when not the desktop's own.
+    static inline const QString ScreenshotsFolder = QStringLiteral("ScreenshotsFolder");
 
     // "settings.json" in SupportPaths::configDirectory().
     static QString defaultFilePath();
