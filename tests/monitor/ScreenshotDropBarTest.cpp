@@ -122,11 +122,11 @@ TEST_F(ScreenshotDropBarTest, MissingTargetGridFallsBack)
         GridId selected;
         GridId expected;
     } rows[] = {{other, grid, other}, {4242, other, other}, {4242, 4343, grid}};
+    int number = 0;
     for (const auto& row : rows) {
         settings().setValue(Settings::ScreenshotsTargetGridId, row.target);
         settings().setValue(Settings::SelectedGridId, row.selected);
-        const QString shot =
-            write(QStringLiteral("Screenshot_20240501_10111%1.png").arg(row.target));
+        const QString shot = write(QStringLiteral("Screenshot_20240501_10111%1.png").arg(number++));
         shots().handleNewFile(shot);
         EXPECT_TRUE(waitUntil([&] { return stacks(row.expected).contains(shot); }))
             << row.target << " " << row.selected;
