@@ -113,6 +113,9 @@ void AppDelegate::applicationDidFinishLaunching()
     SupportPaths::savedTextDirectory();
     m_engine.dropbars->removeLeftovers();
 
+    // Start the screenshot drop bar if it is enabled; its settings start and stop it later.
+    m_engine.screenshots.start();
+
     // Scanning once at start-up surfaces broken or duplicate actions early.
     const ActionFileList actions = ActionFileParser::shared().actionFiles();
     Log::info(QStringLiteral("%1 actions available (internal: %2, user: %3)")

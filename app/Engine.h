@@ -6,6 +6,7 @@
 #include "core/Settings.h"
 #include "dropbar/DropbarController.h"
 #include "events/EventsHandler.h"
+#include "monitor/ScreenshotDropBarManager.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
 #include "store/StoreContext.h"
@@ -78,6 +79,8 @@ public:
     const BuiltInContext builtInContext;
     // dropbar
     const std::shared_ptr<DropbarController> dropbars;
+    // screenshots
+    ScreenshotDropBarManager screenshots;
 
     // Lists the built-in actions with the parser and lets the events handler run them
     // through the shared runner (start-up).
