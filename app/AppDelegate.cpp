@@ -113,6 +113,7 @@ void AppDelegate::applicationDidFinishLaunching()
     SupportPaths::savedTextDirectory();
     m_engine.dropbars->removeLeftovers();
 
+    m_engine.monitoring.startEnabledFolders();
     // Start the screenshot drop bar if it is enabled; its settings start and stop it later.
     m_engine.screenshots.start();
 
@@ -142,5 +143,6 @@ void AppDelegate::applicationDidFinishLaunching()
 void AppDelegate::applicationWillTerminate()
 {
     Log::info(QStringLiteral("Skelvo is shutting down"));
+    m_engine.monitoring.stopAll();
     m_engine.tasks.terminateAll();
 }

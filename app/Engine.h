@@ -6,9 +6,11 @@
 #include "core/Settings.h"
 #include "dropbar/DropbarController.h"
 #include "events/EventsHandler.h"
+#include "monitor/FolderMonitoringManager.h"
 #include "monitor/ScreenshotDropBarManager.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
+#include "store/MonitorJournal.h"
 #include "store/StoreContext.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/DropbarSink.h"
@@ -79,6 +81,9 @@ public:
     const BuiltInContext builtInContext;
     // dropbar
     const std::shared_ptr<DropbarController> dropbars;
+    // monitor
+    MonitorJournal monitorJournal;
+    FolderMonitoringManager monitoring;
     // screenshots
     ScreenshotDropBarManager screenshots;
 
