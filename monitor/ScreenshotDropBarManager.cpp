@@ -179,9 +179,11 @@ GridId ScreenshotDropBarManager::targetGridId() const
     }
     const GridId selected = m_context.settings.integerValue(Settings::SelectedGridId);
     if (exists(selected)) {
-        log(QStringLiteral("grid %1 not found; adding the screenshot to the selected grid %2")
-                .arg(chosen)
-                .arg(selected));
+        if (chosen > 0) {
+            log(QStringLiteral("grid %1 not found; adding the screenshot to the selected grid %2")
+                    .arg(chosen)
+                    .arg(selected));
+        }
         return selected;
     }
     if (grids.isEmpty()) {
@@ -246,7 +248,7 @@ void ScreenshotDropBarManager::runAction(ActionId actionId, const QString& path)
         return;
     }
     QPointer<ScreenshotDropBarManager> self(this);
-    m_events.runGridAction(action, {path}, true, [self, path] {
+    m_events.runGridAction(action, QStringList{path}, true, [self, path] {
         if (!self) {
             return;
         }
