@@ -100,6 +100,10 @@ constexpr Option CategoryGridOptions[] = {
 constexpr Option InstallOptions[] = {
     {"--force", "force", Flag, {}, "install even when an action of that name is installed"}};
 
+constexpr Positional SettingKey[] = {{"KEY", "key", Text, true}};
+constexpr Positional SettingKeyValue[] = {{"KEY", "key", Text, true},
+                                          {"VALUE", "value", Text, true}};
+
 // New subcommands are added here; parsing, help and dispatch follow from this table.
 constexpr Command Commands[] = {
     // Actions
@@ -274,6 +278,36 @@ constexpr Command Commands[] = {
      "Uninstall an add-on action",
      "Uninstalls the add-on action NAME.\n",
      ActionName,
+     {}},
+    // Settings
+    {"settings",
+     "Settings",
+     "List the settings with their values",
+     "Lists every setting Skelvo knows with its value, and marks those that have their\n"
+     "default value. 'sk settings get', 'set' and 'reset' work on one of them.\n",
+     {},
+     JsonOnly},
+    {"settings get",
+     "Settings",
+     "Print the value of a setting",
+     "Prints the value of the setting KEY as it is read: true or false, a number, a text or\n"
+     "a JSON list.\n",
+     SettingKey,
+     {}},
+    {"settings set",
+     "Settings",
+     "Change a setting",
+     "Gives the setting KEY the value VALUE, checked against its type: true or false (also\n"
+     "yes/no, on/off, 1/0) for a switch, a whole number, a text, a grid or an action (by\n"
+     "name or id). MonitoredFolders is changed with 'sk monitor'. A VALUE that begins with\n"
+     "'-' follows '--'.\n",
+     SettingKeyValue,
+     {}},
+    {"settings reset",
+     "Settings",
+     "Give a setting its default value again",
+     "Forgets the value given to the setting KEY, so that its default applies.\n",
+     SettingKey,
      {}},
     // Working without the application, and raw requests
     {"inspect-action",

@@ -108,6 +108,10 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
         {"list-addon-actions", &CmdLineTaskHandler::notAvailable},
         {"install-action", &CmdLineTaskHandler::notAvailable},
         {"uninstall-action", &CmdLineTaskHandler::notAvailable},
+        {"settings", &CmdLineTaskHandler::listSettings},
+        {"settings-get", &CmdLineTaskHandler::getSetting},
+        {"settings-set", &CmdLineTaskHandler::setSetting},
+        {"settings-reset", &CmdLineTaskHandler::resetSetting},
     };
     QPointer<CmdLineServer> server(&m_server);
     auto client = std::make_shared<CmdLineRequest>(

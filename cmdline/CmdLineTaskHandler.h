@@ -12,6 +12,9 @@
 
 #include <functional>
 
+namespace SettingsKeys {
+struct Key;
+}
 struct Alert;
 class GridAction;
 class DropbarController;
@@ -109,6 +112,15 @@ private:
     void removeStack(const CmdLineRequestPtr& client, const QVariantMap& request);
     void lockStack(const CmdLineRequestPtr& client, const QVariantMap& request);
     void clearDropbar(const CmdLineRequestPtr& client, const QVariantMap& request);
+
+    // The known setting the request's "key" names; none, and answered, when there is none or
+    // (when `changing`) when another command owns it.
+    const SettingsKeys::Key* requestedSetting(const CmdLineRequestPtr& client,
+                                              const QVariantMap& request, bool changing);
+    void listSettings(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void getSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void setSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void resetSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
 
     const TaskContext& m_context;
     EventsHandler& m_events;
