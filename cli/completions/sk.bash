@@ -15,7 +15,7 @@ _sk()
         action-info list-running cancel add list-items rename remove lock unlock clear
         open-dropbar close-dropbar open close status list-grids switch-grid create-grid
         remove-grid grid-settings list-categories add-category remove-category
-        list-addon-actions install-action uninstall-action settings inspect-action
+        list-addon-actions install-action uninstall-action monitor settings inspect-action
         request help"
     # The second words of the two-word commands.
     local settings_commands="get set reset"
@@ -53,6 +53,10 @@ _sk()
         fi
     fi
 
+    # Here --drop-bar takes a grid's name, not on or off.
+    if [[ $command == "monitor add" && $prev == --drop-bar ]]; then
+        return
+    fi
     case $prev in
     --event)
         mapfile -t COMPREPLY < <(compgen -W "clicked dragged" -- "$cur")
@@ -67,7 +71,7 @@ _sk()
         return
         ;;
     --grid | --from-grid | --category | --position | --text | --name | --new-name | \
-        --stack-index | --cols | --size | --limit)
+        --stack-index | --cols | --size | --limit | --action)
         # A free value: nothing to offer.
         return
         ;;
@@ -95,6 +99,9 @@ _sk()
     install-action) options="--force" ;;
     inspect-action) options="--compact" ;;
     settings) options="--json" ;;
+    "monitor list") options="--json" ;;
+    "monitor add") options="--action --grid --drop-bar --confirm --catch-up" ;;
+    "monitor log") options="--limit --json" ;;
     esac
 
     if [[ $cur == -* ]]; then
@@ -104,6 +111,11 @@ _sk()
     case $command in
     run | add | set-icon | inspect-action) _sk_files "$cur" ;;
     help) mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$cur") ;;
+    "monitor add" | "monitor remove" | "monitor enable" | "monitor disable" | "monitor confirm" | \
+        "monitor log")
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+        ;;
     "settings get" | "settings set" | "settings reset")
         # The key is the word after the command's two.
         if ((COMP_CWORD == first + 2)); then
