@@ -113,6 +113,8 @@ void AppDelegate::applicationDidFinishLaunching()
     SupportPaths::savedTextDirectory();
     m_engine.dropbars->removeLeftovers();
 
+    m_engine.monitoring.startEnabledFolders();
+
     // Scanning once at start-up surfaces broken or duplicate actions early.
     const ActionFileList actions = ActionFileParser::shared().actionFiles();
     Log::info(QStringLiteral("%1 actions available (internal: %2, user: %3)")
@@ -139,5 +141,6 @@ void AppDelegate::applicationDidFinishLaunching()
 void AppDelegate::applicationWillTerminate()
 {
     Log::info(QStringLiteral("Skelvo is shutting down"));
+    m_engine.monitoring.stopAll();
     m_engine.tasks.terminateAll();
 }

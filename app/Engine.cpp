@@ -47,6 +47,7 @@ Engine::Engine(EngineParts parts)
     , events(taskContext, storeHooks)
     , builtInContext{taskContext, launcher}
     , dropbars(std::make_shared<DropbarController>(builtInContext, storeHooks))
+    , monitoring(builtInContext, events, monitorJournal)
 {
     events.setDropbarDispatcher(dropbars);
     ActionFileParser::shared().setPresenters(&alerts, &windows);

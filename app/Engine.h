@@ -6,8 +6,10 @@
 #include "core/Settings.h"
 #include "dropbar/DropbarController.h"
 #include "events/EventsHandler.h"
+#include "monitor/FolderMonitoringManager.h"
 #include "store/GridStoreHooks.h"
 #include "store/Icons.h"
+#include "store/MonitorJournal.h"
 #include "store/StoreContext.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/DropbarSink.h"
@@ -78,6 +80,9 @@ public:
     const BuiltInContext builtInContext;
     // dropbar
     const std::shared_ptr<DropbarController> dropbars;
+    // monitor
+    MonitorJournal monitorJournal;
+    FolderMonitoringManager monitoring;
 
     // Lists the built-in actions with the parser and lets the events handler run them
     // through the shared runner (start-up).

@@ -4,6 +4,7 @@
 #include "core/SupportPaths.h"
 #include "core/WindowPresenter.h"
 #include "tasks/DropbarSink.h"
+#include "tasks/FolderMonitorContext.h"
 #include "tasks/TaskContext.h"
 
 #include <QDir>
@@ -94,7 +95,13 @@ void ImageAction::process(const QString& outputFolder)
 
     QPointer<ImageAction> self = this;
     ImageProcessing::Callbacks callbacks;
-    callbacks.finished = [self](int done, int count, const ImageProcessing::ImageOutcome&) {
+    // Registered as each image is written: the monitor must know its outputs before they
+    // could settle in a watched folder.
+    callbacks.finished = [self, monitor = folderMonitorContext](
+                             int done, int count, const ImageProcessing::ImageOutcome& outcome) {
+        if (monitor && outcome.ok()) {
+            monitor->registerOutputAtPath(outcome.output);
+        }
         QMetaObject::invokeMethod(
             self.data(),
             [self, done, count] {

@@ -12,6 +12,8 @@
 #include <memory>
 #include <optional>
 
+class QThread;
+
 // The lstat attributes of a file that change while it is written. Two states are equal only
 // when every field is.
 struct FileState {
@@ -68,5 +70,6 @@ private:
     class Worker;
     QString m_folder;
     Options m_options;
-    std::unique_ptr<Worker> m_worker;
+    std::unique_ptr<Worker> m_worker; // kept after stop() for knownIdentities()
+    std::unique_ptr<QThread> m_thread;
 };

@@ -5,12 +5,14 @@
 #include <QDateTime>
 #include <QObject>
 #include <QStringList>
+#include <QTimer>
 #include <QUuid>
 
 #include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
+#include <vector>
 
 class EventsHandler;
 class FolderMonitoringSession;
@@ -95,8 +97,30 @@ Q_SIGNALS:
 
 private:
     // Implementation details are the implementer's; keep the public API above stable.
+    struct Entry {
+        MonitoredFolder folder;
+        std::unique_ptr<FolderMonitoringSession> session;
+        State state = State::Disabled;
+        QString problem;
+    };
+    Entry* entry(const QUuid& id) const;
+    void load();
+    void save();
+    // Resolves the folder and starts watching it. `atLaunch`: a catch-up folder takes what
+    // arrived while nothing watched; otherwise what is there now is present.
+    void startFolder(Entry& entry, bool atLaunch);
+    void stopFolder(Entry& entry);
+    void folderGone(const QUuid& id);
+    void checkMissingFolders();
+    void rememberKnownIdentities(const Entry& entry);
+    void handleNotificationResponse(const QVariantMap& userInfo);
+
     const BuiltInContext& m_context;
     EventsHandler& m_events;
     MonitorJournal& m_journal;
     Timing m_timing;
+    std::vector<std::unique_ptr<Entry>> m_entries;
+    QTimer* m_missingTimer = nullptr;
+    int m_responseObserver = 0;
+    bool m_started = false;
 };

@@ -3,7 +3,9 @@
 #include "core/Identifiers.h"
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QList>
 #include <QString>
 #include <QUuid>
@@ -30,4 +32,9 @@ struct MonitoredFolder {
     static std::optional<MonitoredFolder> fromJson(const QJsonObject& object,
                                                    QString* error = nullptr);
     bool operator==(const MonitoredFolder&) const = default;
+
+    // The saved list: a JSON array (or its text). An entry that cannot be read logs "Folder
+    // Monitor: unable to load saved folders: …" and leaves the whole list empty.
+    static QList<MonitoredFolder> listFromJson(const QJsonValue& value);
+    static QJsonArray listToJson(const QList<MonitoredFolder>& folders);
 };

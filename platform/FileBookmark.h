@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHashFunctions>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -18,6 +19,11 @@ struct FileIdentity {
     static QList<std::optional<FileIdentity>> ofAll(const QStringList& paths);
     bool operator==(const FileIdentity&) const = default;
 };
+
+inline size_t qHash(const FileIdentity& identity, size_t seed = 0) noexcept
+{
+    return qHashMulti(seed, identity.device, identity.inode);
+}
 
 // A bookmark of a chosen file or folder. There is no sandbox to ask for access, so the data
 // records the path and the file's identity; resolving it tells whether the item is still

@@ -11,6 +11,7 @@
 #include "store/GridAction.h"
 #include "tasks/DebugConsoleController.h"
 #include "tasks/DropbarSink.h"
+#include "tasks/FolderMonitorContext.h"
 #include "tasks/RecentItems.h"
 #include "tasks/TaskStatus.h"
 #include "tests/support/EventLoop.h"
@@ -25,6 +26,7 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
+#include <mutex>
 
 namespace {
 
@@ -435,6 +437,29 @@ TEST_F(BuiltInTest, ImageActionsWriteWhereAskedOrSayWhyNot)
     EXPECT_EQ(bodies(), (QStringList{"Conversion Successful", "Conversion Successful",
                                      "You must choose a destination folder", "No images found"}));
     EXPECT_EQ(finishes, 4);
+}
+
+TEST_F(BuiltInTest, ImageActionsRegisterWhatTheyWriteWithTheMonitoredRun)
+{
+    struct Outputs : FolderMonitorContext {
+        std::mutex mutex;
+        QStringList paths;
+        void registerOutputAtPath(const QString& path) override
+        {
+            const std::lock_guard lock(mutex);
+            paths << path;
+        }
+    };
+    const QString png = writeFile(
+        "watched/photo.png",
+        QByteArray::fromBase64("iVBORw0KGgoAAAANSUhEUgAAAAIAAAABCAIAAAB7QOjdAAAADUlEQVR4nGP4zwAE/"
+                               "wEHAAH/4iOeWQAAAABJRU5ErkJggg=="));
+    const auto outputs = std::make_shared<Outputs>();
+    runner->runActionWithDragWithGridAction(
+        action("Convert Images", {{"output_format", "webp"}, {"keep_originals", "1"}}), urls({png}),
+        QString(), outputs);
+    ASSERT_TRUE(waitForIdle(30000));
+    EXPECT_EQ(outputs->paths, QStringList{path("watched/photo.webp")});
 }
 
 } // namespace
