@@ -483,6 +483,71 @@ TEST_F(CmdLineTest, SettingsAreCheckedAgainstTheirTypeAndTheStore)
         << text.toStdString();
 }
 
+TEST_F(CmdLineTest, MonitorCommandsCheckWhatTheyAreGivenAndChangeTheList)
+{
+    const QString home = m_engine->home().path();
+    ASSERT_TRUE(QDir(home).mkpath(QStringLiteral("Inbox")));
+    m_engine->home().writeFile(QStringLiteral("note.txt"), "x");
+    addGridAction(QStringLiteral("Shrink"));
+    EXPECT_EQ(one(requestFrom("monitor-list")),
+              QStringLiteral("Error: Folder Monitor is not available."));
+    m_handler->setFolderMonitoringManager(&(*m_engine)->monitoring);
+
+    const QString notMonitored = QStringLiteral(
+        "Error: '%1/Other' is not in Folder Monitor. Run 'sk monitor list' to see the monitored "
+        "folders.");
+    // FOLDER is taken from the caller's folder ("cwd"); "actions" lists names split at ','.
+    const std::pair<const char*, QString> steps[] = {
+        {"monitor-list", "No folders are monitored. Add one with 'sk monitor add FOLDER --action "
+                         "NAME'.\n"},
+        {"monitor-add|folder=Inbox", "Error: Give an action to run (--action NAME) or a Drop Bar "
+                                     "(--drop-bar GRID) for the new files."},
+        {"monitor-add|folder=Nope|actions=Shrink", "Error: The folder '%1/Nope' does not exist."},
+        {"monitor-add|folder=note.txt|actions=Shrink", "Error: '%1/note.txt' is not a folder."},
+        {"monitor-add|folder=Inbox|actions=Shrink,Grow", "Error: Action 'Grow' not found"},
+        {"monitor-add|folder=Inbox|dropBar=Work", "Error: Grid 'Work' not found"},
+        {"monitor-add|folder=Inbox|actions=Shrink|dropBar=Main Grid|confirm=true",
+         "Added '%1/Inbox' to Folder Monitor: new files run Shrink and go to the Drop Bar of grid "
+         "'Main Grid' after confirmation"},
+        {"monitor-add|folder=./Inbox/|dropBar=Main Grid",
+         "Error: This folder is already in Folder Monitor."},
+        {"monitor-disable|folder=Inbox", "Monitoring of '%1/Inbox' disabled"},
+        {"monitor-disable|folder=Inbox", "Monitoring of '%1/Inbox' is already disabled"},
+        {"monitor-confirm|folder=Inbox", "Error: No files of '%1/Inbox' wait for confirmation."},
+        {"monitor-log|folder=Inbox|limit=0", "Error: --limit must be 1 or more."},
+        {"monitor-log|folder=Inbox", "No runs of '%1/Inbox' yet.\n"},
+        {"monitor-enable|folder=Other", notMonitored},
+        {"monitor-remove|folder=Other", notMonitored},
+    };
+    for (const auto& [row, answer] : steps) {
+        QVariantMap request = requestFrom(row);
+        request.insert(QStringLiteral("cwd"), home);
+        if (request.contains(QStringLiteral("actions"))) {
+            request[QStringLiteral("actions")] =
+                request.value(QStringLiteral("actions")).toString().split(u',');
+        }
+        EXPECT_EQ(one(request), QString(answer).replace(QStringLiteral("%1"), home)) << row;
+    }
+
+    const QJsonArray listed =
+        QJsonDocument::fromJson(one(requestFrom("monitor-list|json=true")).toUtf8()).array();
+    ASSERT_EQ(listed.size(), 1);
+    const QJsonObject inbox = listed[0].toObject();
+    EXPECT_EQ(inbox.value(QStringLiteral("path")).toString(), home + QStringLiteral("/Inbox"));
+    EXPECT_EQ(inbox.value(QStringLiteral("state")).toString(), QStringLiteral("disabled"));
+    EXPECT_EQ(inbox.value(QStringLiteral("actions"))[0][QStringLiteral("name")].toString(),
+              QStringLiteral("Shrink"));
+    EXPECT_EQ(inbox.value(QStringLiteral("dropBarGrid"))[QStringLiteral("name")].toString(),
+              QStringLiteral("Main Grid"));
+    EXPECT_TRUE(inbox.value(QStringLiteral("confirm")).toBool());
+    EXPECT_EQ((*m_engine)->settings.value(Settings::MonitoredFolders).toArray().size(), 1);
+
+    QVariantMap remove = requestFrom("monitor-remove|folder=Inbox");
+    remove.insert(QStringLiteral("cwd"), home);
+    EXPECT_EQ(one(remove), QStringLiteral("Removed '%1/Inbox' from Folder Monitor").arg(home));
+    EXPECT_EQ((*m_engine)->settings.value(Settings::MonitoredFolders).toArray().size(), 0);
+}
+
 TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)
 {
     GridDatabase& db = GridDatabase::sharedGridDatabase();
