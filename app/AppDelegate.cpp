@@ -131,6 +131,7 @@ void AppDelegate::applicationDidFinishLaunching()
                                    std::move(finished));
     });
     m_cmdLineTaskHandler->setDropbarController(m_engine.dropbars.get());
+    m_cmdLineTaskHandler->setFolderMonitoringManager(&m_engine.monitoring);
     m_cmdLineTaskHandler->setHandOverReceiver(
         [this](const QStringList& arguments, const QString& cwd) {
             return openArguments(arguments, cwd);

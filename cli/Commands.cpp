@@ -100,6 +100,27 @@ constexpr Option CategoryGridOptions[] = {
 constexpr Option InstallOptions[] = {
     {"--force", "force", Flag, {}, "install even when an action of that name is installed"}};
 
+constexpr Positional SettingKey[] = {{"KEY", "key", Text, true}};
+constexpr Positional SettingKeyValue[] = {{"KEY", "key", Text, true},
+                                          {"VALUE", "value", Text, true}};
+
+constexpr Positional MonitorFolder[] = {{"FOLDER", "folder", Path, true}};
+constexpr Option MonitorAddOptions[] = {
+    {"--action", "actions", List, "NAME",
+     "run the action NAME on each batch of new files; may be repeated, the actions run in the "
+     "order given"},
+    {"--grid", "grid", Text, "GRID",
+     "the grid of the actions (needed when several grids have an action of that name)"},
+    {"--drop-bar", "dropBar", Text, "GRID", "add the new files to the Drop Bar of GRID"},
+    {"--confirm", "confirm", Flag, {}, "ask through a notification before running the actions"},
+    {"--catch-up",
+     "catchUp",
+     Flag,
+     {},
+     "at start, also take the files that arrived while Skelvo was not running"}};
+constexpr Option MonitorLogOptions[] = {
+    {"--limit", "limit", Integer, "N", "show the last N runs (20 when absent)"}, JsonOption};
+
 // New subcommands are added here; parsing, help and dispatch follow from this table.
 constexpr Command Commands[] = {
     // Actions
@@ -274,6 +295,80 @@ constexpr Command Commands[] = {
      "Uninstall an add-on action",
      "Uninstalls the add-on action NAME.\n",
      ActionName,
+     {}},
+    // Folder Monitor
+    {"monitor list",
+     "Folder Monitor",
+     "List the monitored folders",
+     "Lists the monitored folders: whether each is watched, its actions, its Drop Bar, and\n"
+     "the batches of new files that wait for confirmation or for a running batch.\n",
+     {},
+     JsonOnly},
+    {"monitor add", "Folder Monitor", "Monitor a folder for new files",
+     "Monitors FOLDER: each batch of files that arrives in it from now on (files already\n"
+     "there and subfolders are skipped) runs the actions given with --action, one after\n"
+     "another, and/or is added to the Drop Bar of the grid given with --drop-bar. At least\n"
+     "one of them is needed. A relative FOLDER is taken from the current folder.\n",
+     MonitorFolder, MonitorAddOptions},
+    {"monitor remove",
+     "Folder Monitor",
+     "Stop monitoring a folder and forget it",
+     "Stops monitoring FOLDER and removes it from the list. Its files are not touched.\n",
+     MonitorFolder,
+     {}},
+    {"monitor enable",
+     "Folder Monitor",
+     "Monitor a listed folder again",
+     "Monitors FOLDER again after 'sk monitor disable'. Files that arrived meanwhile are\n"
+     "skipped unless the folder catches up (--catch-up of 'sk monitor add').\n",
+     MonitorFolder,
+     {}},
+    {"monitor disable",
+     "Folder Monitor",
+     "Pause the monitoring of a folder",
+     "Stops monitoring FOLDER but keeps it in the list with its settings.\n",
+     MonitorFolder,
+     {}},
+    {"monitor confirm",
+     "Folder Monitor",
+     "Run the batches that wait for confirmation",
+     "Runs the actions on the batches of FOLDER that wait for confirmation (a folder added\n"
+     "with --confirm), oldest first, as the notification's button does.\n",
+     MonitorFolder,
+     {}},
+    {"monitor log", "Folder Monitor", "Show the last runs of a folder",
+     "Lists the last runs of FOLDER, newest first: when, which files, which actions and how\n"
+     "it ended.\n",
+     MonitorFolder, MonitorLogOptions},
+    // Settings
+    {"settings",
+     "Settings",
+     "List the settings with their values",
+     "Lists every setting Skelvo knows with its value, and marks those that have their\n"
+     "default value. 'sk settings get', 'set' and 'reset' work on one of them.\n",
+     {},
+     JsonOnly},
+    {"settings get",
+     "Settings",
+     "Print the value of a setting",
+     "Prints the value of the setting KEY as it is read: true or false, a number, a text or\n"
+     "a JSON list.\n",
+     SettingKey,
+     {}},
+    {"settings set",
+     "Settings",
+     "Change a setting",
+     "Gives the setting KEY the value VALUE, checked against its type: true or false (also\n"
+     "yes/no, on/off, 1/0) for a switch, a whole number, a text, a grid or an action (by\n"
+     "name or id). MonitoredFolders is changed with 'sk monitor'. A VALUE that begins with\n"
+     "'-' follows '--'.\n",
+     SettingKeyValue,
+     {}},
+    {"settings reset",
+     "Settings",
+     "Give a setting its default value again",
+     "Forgets the value given to the setting KEY, so that its default applies.\n",
+     SettingKey,
      {}},
     // Working without the application, and raw requests
     {"inspect-action",
@@ -572,6 +667,9 @@ std::string synopsis(const Command& command)
     }
     for (const Option& option : command.options) {
         add(optionLabel(option), !option.required);
+        if (option.kind == List) {
+            text += "...";
+        }
     }
     return text;
 }

@@ -28,6 +28,7 @@ enum class ValueKind {
     Event,   // "clicked" or "dragged"
     Switch,  // on or off, sent as a boolean
     Options, // KEY=VALUE pairs up to the next option, collected into one object
+    List,    // text, once each time the option is given, collected into an array in order
     Files,   // positional only: every remaining argument, each made absolute
 };
 

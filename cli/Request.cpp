@@ -162,6 +162,7 @@ private:
             return true;
         case ValueKind::Text:
         case ValueKind::Options:
+        case ValueKind::List:
             break;
         }
         return std::string(value);
@@ -245,7 +246,15 @@ private:
                  ").");
             return index;
         }
-        if (std::optional<nlohmann::json> converted = convert(option.kind, value, option.flag)) {
+        if (option.kind == ValueKind::List) {
+            // Given again, the option adds to its list instead of being refused.
+            nlohmann::json& list = m_request.userInfo[std::string(option.key)];
+            if (list.is_null()) {
+                list = nlohmann::json::array();
+            }
+            list.push_back(std::string(value));
+        } else if (std::optional<nlohmann::json> converted =
+                       convert(option.kind, value, option.flag)) {
             set(option.key, std::move(*converted), option.flag);
         }
         return index;

@@ -108,6 +108,17 @@ void CmdLineTaskHandler::handleCmdLineTask(CmdLineServer::ConnectionId connectio
         {"list-addon-actions", &CmdLineTaskHandler::notAvailable},
         {"install-action", &CmdLineTaskHandler::notAvailable},
         {"uninstall-action", &CmdLineTaskHandler::notAvailable},
+        {"monitor-list", &CmdLineTaskHandler::listMonitored},
+        {"monitor-add", &CmdLineTaskHandler::addMonitored},
+        {"monitor-remove", &CmdLineTaskHandler::removeMonitored},
+        {"monitor-enable", &CmdLineTaskHandler::enableMonitored},
+        {"monitor-disable", &CmdLineTaskHandler::enableMonitored},
+        {"monitor-confirm", &CmdLineTaskHandler::confirmMonitored},
+        {"monitor-log", &CmdLineTaskHandler::monitorLog},
+        {"settings", &CmdLineTaskHandler::listSettings},
+        {"settings-get", &CmdLineTaskHandler::getSetting},
+        {"settings-set", &CmdLineTaskHandler::setSetting},
+        {"settings-reset", &CmdLineTaskHandler::resetSetting},
     };
     QPointer<CmdLineServer> server(&m_server);
     auto client = std::make_shared<CmdLineRequest>(

@@ -3,6 +3,7 @@
 #include "cmdline/CmdLineRequest.h"
 #include "core/Identifiers.h"
 #include "grid/GridLookup.h"
+#include "monitor/MonitoredFolder.h"
 #include "platform/CmdLineServer.h"
 
 #include <QHash>
@@ -12,9 +13,13 @@
 
 #include <functional>
 
+namespace SettingsKeys {
+struct Key;
+}
 struct Alert;
 class GridAction;
 class DropbarController;
+class FolderMonitoringManager;
 class EventsHandler;
 class Task;
 struct TaskContext;
@@ -50,6 +55,12 @@ public:
     }
     // The Drop Bar that the Drop Bar commands work on; without one they answer with an error.
     void setDropbarController(DropbarController* dropbars) { m_dropbars = dropbars; }
+    // The monitored folders the monitor commands work on; without them they answer with an
+    // error.
+    void setFolderMonitoringManager(FolderMonitoringManager* monitoring)
+    {
+        m_monitoring = monitoring;
+    }
     // Whether the grid window is showing ("status").
     void setGridOpenQuery(std::function<bool()> query) { m_isGridOpen = std::move(query); }
 
@@ -110,6 +121,27 @@ private:
     void lockStack(const CmdLineRequestPtr& client, const QVariantMap& request);
     void clearDropbar(const CmdLineRequestPtr& client, const QVariantMap& request);
 
+    // The Folder Monitor; answers with an error when there is none.
+    FolderMonitoringManager* monitoringFor(const CmdLineRequestPtr& client);
+    // The monitored folder at the request's "folder"; none, and answered, when it is not one.
+    std::optional<MonitoredFolder> requestedFolder(const CmdLineRequestPtr& client,
+                                                   const QVariantMap& request);
+    void listMonitored(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void addMonitored(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void removeMonitored(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void enableMonitored(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void confirmMonitored(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void monitorLog(const CmdLineRequestPtr& client, const QVariantMap& request);
+
+    // The known setting the request's "key" names; none, and answered, when there is none or
+    // (when `changing`) when another command owns it.
+    const SettingsKeys::Key* requestedSetting(const CmdLineRequestPtr& client,
+                                              const QVariantMap& request, bool changing);
+    void listSettings(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void getSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void setSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void resetSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
+
     const TaskContext& m_context;
     EventsHandler& m_events;
     CmdLineServer m_server;
@@ -125,4 +157,5 @@ private:
     std::function<QString(const QStringList&, const QString&)> m_handOver;
     std::function<bool()> m_isGridOpen;
     DropbarController* m_dropbars = nullptr;
+    FolderMonitoringManager* m_monitoring = nullptr;
 };

@@ -50,6 +50,17 @@ const std::pair<sk::Arguments, const char*> Mappings[] = {
     {{"grid-settings", "Main", "--size", "-5", "--cols", "11"},
      R"({"grid": "Main", "size": -5, "cols": 11})"},
     {{"action-info", "Copy Files"}, R"({"type": "Copy Files"})"},
+    // A family's two words make one request word; its first word alone is a command too.
+    {{"settings", "--json"}, R"({"json": true})"},
+    {{"settings", "get", "PlaySounds"}, R"({"action": "settings-get", "key": "PlaySounds"})"},
+    {{"monitor", "add", "in", "--action", "Shrink", "--drop-bar", "Main", "--action=Up load",
+      "--confirm"},
+     R"({"action": "monitor-add", "folder": "/home/me/work/in", "actions": ["Shrink", "Up load"],
+         "dropBar": "Main", "confirm": true})"},
+    {{"monitor", "log", "/srv/in/", "--limit", "5"},
+     R"({"action": "monitor-log", "folder": "/srv/in", "limit": 5})"},
+    {{"settings", "set", "GridIconSize", "--", "-1"},
+     R"({"action": "settings-set", "key": "GridIconSize", "value": "-1"})"},
     {{"add-action", "Copy Files", "--grid", "Main", "--category", "Files", "--name", "Backup",
       "--icon", "icons/b.png", "--options", "folder=out", "overwrite=no", "--options",
       "formula=a=b", "--options=empty="},
@@ -73,7 +84,9 @@ TEST(Request, EachCommandLineMakesItsKeys)
         const sk::Request request = sk::buildRequest(commandLine, Cwd);
         ASSERT_TRUE(request.ok()) << request.error;
         nlohmann::json expected = nlohmann::json::parse(keys);
-        expected["action"] = commandLine.front();
+        if (!expected.contains("action")) {
+            expected["action"] = commandLine.front();
+        }
         expected["cwd"] = Cwd;
         EXPECT_EQ(request.userInfo, expected) << request.userInfo.dump();
     }
@@ -104,6 +117,12 @@ const std::pair<sk::Arguments, const char*> Refusals[] = {
     {{"list", "--json=yes"}, "list: --json takes no value."},
     {{"list", "--frob"}, "list: unknown option '--frob'. Run 'sk help list'"},
     {{"list", "extra"}, "list: unexpected argument 'extra'. Usage: sk list"},
+    {{"monitor", "add"}, "monitor add: needs FOLDER."},
+    {{"monitor", "add", "in", "--action"}, "monitor add: --action needs a value (NAME)."},
+    {{"monitor", "add", "in", "--drop-bar", "A", "--drop-bar", "B"},
+     "monitor add: --drop-bar is given more than once."},
+    {{"settings", "frob"}, "settings: unexpected argument 'frob'. Usage: sk settings [--json]"},
+    {{"settings", "set", "PlaySounds"}, "settings set: needs VALUE. Usage: sk settings set KEY"},
     {{"list", "--grid"}, "list: --grid needs a value (GRID)."},
     {{"status", "--json"}, "status: unknown option '--json'."},
     {{"run", "X", "--event", "hover"}, "run: --event takes clicked or dragged, not 'hover'."},
@@ -158,19 +177,23 @@ TEST(Commands, EveryRequestNamesItsCommandAndEveryRequiredArgumentIsChecked)
         }
         const sk::Request request = sk::buildRequest(command, minimalArguments(command), Cwd);
         ASSERT_TRUE(request.ok()) << command.name << ": " << request.error;
-        EXPECT_EQ(request.userInfo["action"], command.name);
+        EXPECT_EQ(request.userInfo["action"], sk::requestWord(command));
         EXPECT_EQ(request.userInfo["cwd"], Cwd) << command.name;
+        const auto required = std::count_if(command.positionals.begin(), command.positionals.end(),
+                                            [](const sk::Positional& p) { return p.required; });
+        std::ptrdiff_t index = 0;
         for (const sk::Positional& positional : command.positionals) {
             if (positional.required) {
-                // Without the positional (always first), the remaining ones are too few.
+                // Without this positional and those after it, it is the first one missing.
                 sk::Arguments fewer = minimalArguments(command);
-                fewer.erase(fewer.begin());
+                fewer.erase(fewer.begin() + index, fewer.begin() + required);
                 std::string_view name = positional.name;
                 name = name.substr(0, name.find("..."));
                 EXPECT_NE(sk::buildRequest(command, fewer, Cwd)
                               .error.find("needs " + std::string(name) + "."),
                           std::string::npos)
                     << command.name;
+                ++index;
             }
         }
     }

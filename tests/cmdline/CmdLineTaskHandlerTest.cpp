@@ -6,6 +6,7 @@
 #include "builtin/BuiltInOptionSchemas.h"
 #include "core/CmdLineProtocol.h"
 #include "core/SecretStore.h"
+#include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "events/EventsHandler.h"
 #include "platform/FileSecretStore.h"
@@ -401,6 +402,150 @@ TEST_F(CmdLineTest, GridsCategoriesAndTheirSettings)
     EXPECT_FALSE(db.gridSwitcherVisibleForGrid(1));
     EXPECT_TRUE(one(requestFrom("grid-settings|grid=Home"))
                     .startsWith(QStringLiteral("Grid 'Home':\n  size: 90\n  columns: 4")));
+}
+
+TEST_F(CmdLineTest, SettingsAreCheckedAgainstTheirTypeAndTheStore)
+{
+    Settings& settings = (*m_engine)->settings;
+    settings.registerDefaults({{Settings::PlaySounds, true}});
+    addGridAction(QStringLiteral("Shrink"));
+    QStringList changed;
+    QObject::connect(&settings, &Settings::changed, [&](const QString& key) { changed << key; });
+    const QString shrinkId = QString::number(
+        GridDatabase::sharedGridDatabase().getGridActionWithName(QStringLiteral("Shrink"))->aId);
+    const QString monitorOwned = QStringLiteral(
+        "Error: MonitoredFolders is changed with the 'sk monitor' commands; run 'sk monitor' to "
+        "see them.");
+    const std::pair<const char*, QString> steps[] = {
+        {"settings-set|key=PlaySounds|value=maybe",
+         "Error: PlaySounds takes true or false (also yes/no, on/off, 1/0), not 'maybe'."},
+        {"settings-set|key=PlaySounds|value=Off", "Set PlaySounds to false"},
+        {"settings-get|key=PlaySounds", "false"},
+        {"settings-reset|key=PlaySounds", "Reset PlaySounds to its default: true"},
+        {"settings-reset|key=ScreenshotsFolder",
+         "Reset ScreenshotsFolder (it has no default value)"},
+        {"settings-get|key=Sounds",
+         "Error: Unknown setting 'Sounds'. Run 'sk settings' to see the known settings."},
+        {"settings-set|key=playsounds|value=no",
+         "Error: Unknown setting 'playsounds'. Run 'sk settings' to see the known settings."},
+        {"settings-set|key=ScreenshotsFolder", "Error: Missing value for settings-set command."},
+        {"settings-set|key=GridIconSize|value=big",
+         "Error: GridIconSize takes a whole number, not 'big'."},
+        {"settings-set|key=SelectedGridId|value=9",
+         "Error: No grid has the id 9. Run 'sk list-grids --json' to see the grids' ids."},
+        {"settings-set|key=SelectedGridId|value=0",
+         "Error: SelectedGridId takes an id (a number from 1), not '0'."},
+        {"settings-set|key=ScreenshotsTargetGridId|value=Work", "Error: Grid 'Work' not found"},
+        {"settings-set|key=ScreenshotsTargetGridId|value=Main Grid",
+         "Set ScreenshotsTargetGridId to 1 (Main Grid)"},
+        {"settings-set|key=ScreenshotsActionId|value=9999", "Error: No action has the id 9999."},
+        {"settings-set|key=ScreenshotsActionId|value=Shrink",
+         "Set ScreenshotsActionId to " + shrinkId + " (Shrink)"},
+        {"settings-set|key=DevelopPreferredLanguage|value=perl",
+         "Error: DevelopPreferredLanguage takes Ruby or Python, not 'perl'."},
+        {"settings-set|key=DevelopPreferredLanguage|value=python",
+         "Set DevelopPreferredLanguage to Python"},
+        {"settings-set|key=MonitoredFolders|value=[]", monitorOwned},
+        {"settings-reset|key=MonitoredFolders", monitorOwned},
+    };
+    for (const auto& [request, answer] : steps) {
+        EXPECT_EQ(one(requestFrom(request)), answer) << request;
+    }
+    EXPECT_EQ(
+        changed,
+        QStringList({Settings::PlaySounds, Settings::PlaySounds, Settings::ScreenshotsTargetGridId,
+                     Settings::ScreenshotsActionId, Settings::DevelopPreferredLanguage}));
+    EXPECT_EQ(settings.value(Settings::ScreenshotsTargetGridId), QJsonValue(1));
+
+    // Values written by hand are read by the lenient rule: only "no" is false.
+    settings.setValue(Settings::PlaySounds, QStringLiteral("NO"));
+    settings.setValue(Settings::KeepTaskDescriptionFiles, QStringLiteral("off"));
+    EXPECT_EQ(one(requestFrom("settings-get|key=PlaySounds")), QStringLiteral("false"));
+    EXPECT_EQ(one(requestFrom("settings-get|key=KeepTaskDescriptionFiles")),
+              QStringLiteral("true"));
+    const QJsonArray listed =
+        QJsonDocument::fromJson(one(requestFrom("settings|json=true")).toUtf8()).array();
+    QJsonObject sounds;
+    QStringList keys;
+    for (const QJsonValue& entry : listed) {
+        keys << entry[QStringLiteral("key")].toString();
+        if (keys.last() == Settings::PlaySounds) {
+            sounds = entry.toObject();
+        }
+    }
+    EXPECT_TRUE(keys.contains(Settings::ScreenshotsConfirmBeforeAction));
+    EXPECT_EQ(sounds.value(QStringLiteral("value")), QJsonValue(false));
+    EXPECT_EQ(sounds.value(QStringLiteral("set")), QJsonValue(true));
+    const QString text = one(requestFrom("settings"));
+    EXPECT_TRUE(text.contains(QStringLiteral("\nAutoClosePopOutDropBar = (not set)  [default]\n")))
+        << text.toStdString();
+    EXPECT_TRUE(text.contains(QStringLiteral("\nScreenshotsTargetGridId = 1 (Main Grid)\n")))
+        << text.toStdString();
+}
+
+TEST_F(CmdLineTest, MonitorCommandsCheckWhatTheyAreGivenAndChangeTheList)
+{
+    const QString home = m_engine->home().path();
+    ASSERT_TRUE(QDir(home).mkpath(QStringLiteral("Inbox")));
+    m_engine->home().writeFile(QStringLiteral("note.txt"), "x");
+    addGridAction(QStringLiteral("Shrink"));
+    EXPECT_EQ(one(requestFrom("monitor-list")),
+              QStringLiteral("Error: Folder Monitor is not available."));
+    m_handler->setFolderMonitoringManager(&(*m_engine)->monitoring);
+
+    const QString notMonitored = QStringLiteral(
+        "Error: '%1/Other' is not in Folder Monitor. Run 'sk monitor list' to see the monitored "
+        "folders.");
+    // FOLDER is taken from the caller's folder ("cwd"); "actions" lists names split at ','.
+    const std::pair<const char*, QString> steps[] = {
+        {"monitor-list", "No folders are monitored. Add one with 'sk monitor add FOLDER --action "
+                         "NAME'.\n"},
+        {"monitor-add|folder=Inbox", "Error: Give an action to run (--action NAME) or a Drop Bar "
+                                     "(--drop-bar GRID) for the new files."},
+        {"monitor-add|folder=Nope|actions=Shrink", "Error: The folder '%1/Nope' does not exist."},
+        {"monitor-add|folder=note.txt|actions=Shrink", "Error: '%1/note.txt' is not a folder."},
+        {"monitor-add|folder=Inbox|actions=Shrink,Grow", "Error: Action 'Grow' not found"},
+        {"monitor-add|folder=Inbox|dropBar=Work", "Error: Grid 'Work' not found"},
+        {"monitor-add|folder=Inbox|actions=Shrink|dropBar=Main Grid|confirm=true",
+         "Added '%1/Inbox' to Folder Monitor: new files run Shrink and go to the Drop Bar of grid "
+         "'Main Grid' after confirmation"},
+        {"monitor-add|folder=./Inbox/|dropBar=Main Grid",
+         "Error: This folder is already in Folder Monitor."},
+        {"monitor-disable|folder=Inbox", "Monitoring of '%1/Inbox' disabled"},
+        {"monitor-disable|folder=Inbox", "Monitoring of '%1/Inbox' is already disabled"},
+        {"monitor-confirm|folder=Inbox", "Error: No files of '%1/Inbox' wait for confirmation."},
+        {"monitor-log|folder=Inbox|limit=0", "Error: --limit must be 1 or more."},
+        {"monitor-log|folder=Inbox", "No runs of '%1/Inbox' yet.\n"},
+        {"monitor-enable|folder=Other", notMonitored},
+        {"monitor-remove|folder=Other", notMonitored},
+    };
+    for (const auto& [row, answer] : steps) {
+        QVariantMap request = requestFrom(row);
+        request.insert(QStringLiteral("cwd"), home);
+        if (request.contains(QStringLiteral("actions"))) {
+            request[QStringLiteral("actions")] =
+                request.value(QStringLiteral("actions")).toString().split(u',');
+        }
+        EXPECT_EQ(one(request), QString(answer).replace(QStringLiteral("%1"), home)) << row;
+    }
+
+    const QJsonArray listed =
+        QJsonDocument::fromJson(one(requestFrom("monitor-list|json=true")).toUtf8()).array();
+    ASSERT_EQ(listed.size(), 1);
+    const QJsonObject inbox = listed[0].toObject();
+    EXPECT_EQ(inbox.value(QStringLiteral("path")).toString(), home + QStringLiteral("/Inbox"));
+    EXPECT_EQ(inbox.value(QStringLiteral("state")).toString(), QStringLiteral("disabled"));
+    EXPECT_EQ(inbox.value(QStringLiteral("actions"))[0][QStringLiteral("name")].toString(),
+              QStringLiteral("Shrink"));
+    EXPECT_EQ(inbox.value(QStringLiteral("dropBarGrid"))[QStringLiteral("name")].toString(),
+              QStringLiteral("Main Grid"));
+    EXPECT_TRUE(inbox.value(QStringLiteral("confirm")).toBool());
+    EXPECT_EQ((*m_engine)->settings.value(Settings::MonitoredFolders).toArray().size(), 1);
+
+    QVariantMap remove = requestFrom("monitor-remove|folder=Inbox");
+    remove.insert(QStringLiteral("cwd"), home);
+    EXPECT_EQ(one(remove), QStringLiteral("Removed '%1/Inbox' from Folder Monitor").arg(home));
+    EXPECT_EQ((*m_engine)->settings.value(Settings::MonitoredFolders).toArray().size(), 0);
 }
 
 TEST_F(CmdLineTest, StoreWriteFailuresAreErrors)

@@ -85,7 +85,7 @@ TEST_F(EndToEndTest, TheApplicationKnowsEveryCommandOfTheClient)
 {
     for (const sk::Command& command : sk::commands()) {
         if (!command.run) {
-            const QString word = QString::fromUtf8(command.name.data(), command.name.size());
+            const QString word = QString::fromStdString(sk::requestWord(command));
             const SkResult result =
                 app->sk({"request", QStringLiteral(R"({"action":"%1"})").arg(word)});
             EXPECT_FALSE(result.err.contains("Unknown command")) << command.name;
