@@ -526,15 +526,24 @@ void printCommandHelp(const Command& command)
 // The commands of a family, for `sk monitor` without its second word.
 int familyUsage(std::string_view family)
 {
+    const auto inFamily = [family](const Command& command) {
+        return command.name.starts_with(family) && command.name.size() > family.size() &&
+               command.name[family.size()] == ' ';
+    };
+    size_t width = 0;
+    for (const Command& command : Commands) {
+        if (inFamily(command)) {
+            width = std::max(width, command.name.size());
+        }
+    }
     std::string message = "give one of the commands of '";
     message += family;
     message += "':";
     for (const Command& command : Commands) {
-        if (command.name.starts_with(family) && command.name.size() > family.size() &&
-            command.name[family.size()] == ' ') {
+        if (inFamily(command)) {
             message += "\n  sk ";
             message += command.name;
-            message += "  ";
+            message.append(width - command.name.size() + 3, ' ');
             message += command.summary;
         }
     }
