@@ -155,7 +155,7 @@ void FolderMonitoringManager::startFolder(Entry& entry, bool atLaunch)
                 });
     }
     QString error;
-    if (!entry.session->start(folder.path, options, &error)) {
+    if (!entry.session->start(folder, options, &error)) {
         const bool gone = !QFileInfo(folder.path).isDir();
         entry.state = gone ? State::Missing : State::Unwatched;
         entry.problem = error;

@@ -58,11 +58,12 @@ FolderMonitoringSession::~FolderMonitoringSession()
     stop();
 }
 
-bool FolderMonitoringSession::start(const QString& path, FolderMonitor::Options options,
+bool FolderMonitoringSession::start(const MonitoredFolder& folder, FolderMonitor::Options options,
                                     QString* error)
 {
     stop();
-    m_monitor = std::make_unique<FolderMonitor>(path, std::move(options));
+    m_folder = folder;
+    m_monitor = std::make_unique<FolderMonitor>(m_folder.path, std::move(options));
     connect(m_monitor.get(), &FolderMonitor::filesSettled, this,
             &FolderMonitoringSession::handleSettledFiles);
     connect(m_monitor.get(), &FolderMonitor::folderGone, this,

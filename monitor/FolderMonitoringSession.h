@@ -52,8 +52,10 @@ public:
 
     const MonitoredFolder& folder() const { return m_folder; }
 
-    // Watches `path` (the folder as resolved now). False with the reason in `error`.
-    bool start(const QString& path, FolderMonitor::Options options, QString* error = nullptr);
+    // Watches the folder as resolved now (its path may have followed a rename). False with the
+    // reason in `error`.
+    bool start(const MonitoredFolder& folder, FolderMonitor::Options options,
+               QString* error = nullptr);
     void stop();
     bool isWatching() const;
     bool isPolling() const;
