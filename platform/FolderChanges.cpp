@@ -1,5 +1,7 @@
 #include "platform/FolderChanges.h"
 
+#include "platform/InotifyQueue.h"
+
 #include <QFile>
 
 #include <cerrno>
@@ -39,39 +41,24 @@ bool FolderChanges::watch(const QString& folder)
 QSet<QString> FolderChanges::takeChanged()
 {
     QSet<QString> changed;
-    if (m_fd < 0) {
-        return changed;
-    }
-    alignas(inotify_event) char buffer[16384];
-    for (;;) {
-        const ssize_t length = ::read(m_fd, buffer, sizeof buffer);
-        if (length < 0 && errno == EINTR) {
-            continue;
-        }
-        if (length <= 0) {
-            break; // EAGAIN: the queue is empty
-        }
-        for (ssize_t offset = 0; offset < length;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
-            offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-            if (event->mask & IN_Q_OVERFLOW) {
-                for (const QString& folder : m_watches) {
-                    changed.insert(folder);
-                }
-                continue;
+    InotifyQueue::drain(m_fd, [this, &changed](const inotify_event& event) {
+        if (event.mask & IN_Q_OVERFLOW) {
+            for (const QString& folder : std::as_const(m_watches)) {
+                changed.insert(folder);
             }
-            const QString folder = m_watches.value(event->wd);
-            if (folder.isEmpty()) {
-                continue;
-            }
-            changed.insert(folder);
-            // A folder moved or deleted is not followed: its items are looked up again.
-            if (event->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) {
-                ::inotify_rm_watch(m_fd, event->wd);
-                m_watches.remove(event->wd);
-                m_folders.remove(folder);
-            }
+            return;
         }
-    }
+        const QString folder = m_watches.value(event.wd);
+        if (folder.isEmpty()) {
+            return;
+        }
+        changed.insert(folder);
+        // A folder moved or deleted is not followed: its items are looked up again.
+        if (event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) {
+            ::inotify_rm_watch(m_fd, event.wd);
+            m_watches.remove(event.wd);
+            m_folders.remove(folder);
+        }
+    });
     return changed;
 }

@@ -1,5 +1,7 @@
 #include "platform/FolderEvents.h"
 
+#include "platform/InotifyQueue.h"
+
 #include <QFile>
 
 #include <cerrno>
@@ -44,44 +46,29 @@ void FolderEvents::close()
 FolderEvents::Batch FolderEvents::read()
 {
     Batch batch;
-    if (m_fd < 0) {
-        return batch;
-    }
-    alignas(inotify_event) char buffer[65536];
-    for (;;) {
-        const ssize_t length = ::read(m_fd, buffer, sizeof buffer);
-        if (length < 0 && errno == EINTR) {
-            continue;
+    InotifyQueue::drain(m_fd, [&batch](const inotify_event& event) {
+        if (event.mask & IN_Q_OVERFLOW) {
+            batch.overflowed = true;
+            return;
         }
-        if (length <= 0) {
-            break; // EAGAIN: drained
+        if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) {
+            batch.folderGone = true;
+            return;
         }
-        for (ssize_t offset = 0; offset < length;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
-            offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-            if (event->mask & IN_Q_OVERFLOW) {
-                batch.overflowed = true;
-                continue;
-            }
-            if (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) {
-                batch.folderGone = true;
-                continue;
-            }
-            if (event->len == 0) {
-                continue;
-            }
-            Event item;
-            item.name = QByteArray(event->name, qsizetype(std::strlen(event->name)));
-            item.cookie = event->cookie;
-            if (event->mask & IN_DELETE) {
-                item.kind = Kind::Removed;
-            } else if (event->mask & IN_MOVED_FROM) {
-                item.kind = Kind::MovedFrom;
-            } else if (event->mask & IN_MOVED_TO) {
-                item.kind = Kind::MovedTo;
-            }
-            batch.events << item;
+        if (event.len == 0) {
+            return;
         }
-    }
+        Event item;
+        item.name = QByteArray(event.name, qsizetype(std::strlen(event.name)));
+        item.cookie = event.cookie;
+        if (event.mask & IN_DELETE) {
+            item.kind = Kind::Removed;
+        } else if (event.mask & IN_MOVED_FROM) {
+            item.kind = Kind::MovedFrom;
+        } else if (event.mask & IN_MOVED_TO) {
+            item.kind = Kind::MovedTo;
+        }
+        batch.events << item;
+    });
     return batch;
 }
