@@ -16,15 +16,14 @@ Exit status: 0 when every target is met, 1 when a target is missed, 2 when a ste
 import json
 import os
 import statistics
-import subprocess
 import sys
 import tempfile
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+from benchsupport import ROOT, StepFailed, app_environment, programs, run_sk, start_app
+
 BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build"))
-SK = os.path.join(BUILD, "bin", "sk")
-SKELVO = os.path.join(BUILD, "bin", "skelvo")
+SK, SKELVO = programs(BUILD)
 
 ADD_FILES = 1000
 STACKS = 200
@@ -34,20 +33,11 @@ ADD_TARGET_MS = 1000.0
 LIST_TARGET_MS = 100.0
 
 
-class StepFailed(Exception):
-    pass
-
-
 def sk(env, *arguments):
     """Runs sk; returns its standard output and how long it took in ms. An error fails the step."""
     start = time.perf_counter()
-    result = subprocess.run([SK, *arguments], env=env, capture_output=True)
-    elapsed = (time.perf_counter() - start) * 1000.0
-    if result.returncode != 0:
-        shown = " ".join(arguments[:4]) + (" …" if len(arguments) > 4 else "")
-        raise StepFailed(f"`sk {shown}` exited with status {result.returncode}: "
-                         f"{result.stderr.decode(errors='replace').strip()}")
-    return result.stdout, elapsed
+    result = run_sk(SK, env, arguments)
+    return result.stdout, (time.perf_counter() - start) * 1000.0
 
 
 def make_files(folder, count):
@@ -105,19 +95,6 @@ def peak_rss_mb(pid):
     return float("nan")
 
 
-def start_app(env, log):
-    app = subprocess.Popen([SKELVO, "--headless"], env=env, stdout=log, stderr=log)
-    deadline = time.time() + 20
-    while time.time() < deadline:
-        if app.poll() is not None:
-            raise StepFailed(f"skelvo --headless ended with status {app.returncode}")
-        if subprocess.run([SK, "status"], env=env, capture_output=True).returncode == 0:
-            return app
-        time.sleep(0.1)
-    app.terminate()
-    raise StepFailed("skelvo --headless did not answer `sk status` within 20 s")
-
-
 def report(figures, rss):
     rows = [
         ("sk status (round-trip floor)", figures.get("status"), None),
@@ -152,15 +129,14 @@ def main():
     rss = None
     failure = None
     with tempfile.TemporaryDirectory() as home:
-        env = dict(os.environ, SKELVO_HOME=home,
-                   SKELVO_RESOURCES=os.path.join(ROOT, "resources"))
+        env = app_environment(home)
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
         log_path = os.path.join(home, "skelvo.log")
         with open(log_path, "wb") as log:
             app = None
             try:
-                app = start_app(env, log)
+                app = start_app(SKELVO, SK, env, log)
                 figures["status"] = statistics.median(sk(env, "status")[1] for _ in range(50))
                 figures["add"] = add_figure(env, home)
                 figures["list"] = list_figure(env, home)

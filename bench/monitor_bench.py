@@ -28,12 +28,12 @@ import sys
 import tempfile
 import time
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+from benchsupport import ROOT, StepFailed, app_environment, programs, run_sk, start_app
+
 ARGS = [a for a in sys.argv[1:] if not a.startswith("--")]
 QUICK = "--quick" in sys.argv[1:]
 BUILD = os.path.abspath(ARGS[0] if ARGS else os.path.join(ROOT, "build"))
-SK = os.path.join(BUILD, "bin", "sk")
-SKELVO = os.path.join(BUILD, "bin", "skelvo")
+SK, SKELVO = programs(BUILD)
 
 IDLE_FILES = 10_000 if QUICK else 100_000
 IDLE_SECONDS = 10 if QUICK else 60
@@ -73,35 +73,14 @@ for f in "$@"; do printf '%s %s\\n' "$now" "$f"; done >> "{log}"
 """
 
 
-class StepFailed(Exception):
-    pass
-
-
 def sk(env, *arguments):
-    result = subprocess.run([SK, *arguments], env=env, capture_output=True)
-    if result.returncode != 0:
-        raise StepFailed(f"`sk {' '.join(arguments[:5])}` exited with status "
-                         f"{result.returncode}: {result.stderr.decode(errors='replace').strip()}")
-    return result.stdout.decode(errors="replace")
+    return run_sk(SK, env, arguments).stdout.decode(errors="replace")
 
 
 def cpu_seconds(pid):
     with open(f"/proc/{pid}/stat") as stat:
         fields = stat.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / TICK  # utime, stime
-
-
-def start_app(env, log):
-    app = subprocess.Popen([SKELVO, "--headless"], env=env, stdout=log, stderr=log)
-    deadline = time.time() + 20
-    while time.time() < deadline:
-        if app.poll() is not None:
-            raise StepFailed(f"skelvo --headless ended with status {app.returncode}")
-        if subprocess.run([SK, "status"], env=env, capture_output=True).returncode == 0:
-            return app
-        time.sleep(0.1)
-    app.terminate()
-    raise StepFailed("skelvo --headless did not answer `sk status` within 20 s")
 
 
 def make_files(folder, count, prefix="f"):
@@ -254,8 +233,7 @@ def main():
     failure = None
     tail = []
     with tempfile.TemporaryDirectory() as home:
-        env = dict(os.environ, SKELVO_HOME=home,
-                   SKELVO_RESOURCES=os.path.join(ROOT, "resources"))
+        env = app_environment(home)
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
         log_path = os.path.join(home, "arrivals.log")
@@ -267,7 +245,7 @@ def main():
         with open(app_log, "wb") as log:
             app = None
             try:
-                app = start_app(env, log)
+                app = start_app(SKELVO, SK, env, log)
                 sk(env, "add-action", "Run Script", "--name", ACTION, "--options",
                    f"path={script}")
                 figures["cpu"], idle_folder = idle_figure(env, app, home)
