@@ -211,7 +211,7 @@ void ScreenshotDropBarManager::handleAction(const QString& path)
         return;
     }
     if (!m_context.settings.boolValue(Settings::ScreenshotsConfirmBeforeAction)) {
-        runAction(actionId, path);
+        runAction(action, path);
         return;
     }
     UserNotification notification;
@@ -237,16 +237,17 @@ void ScreenshotDropBarManager::notificationPressed(const QVariantMap& userInfo)
         m_stacks.remove(path);
         return;
     }
-    runAction(userInfo.value(RunActionIdKey).toLongLong(), path);
-}
-
-void ScreenshotDropBarManager::runAction(ActionId actionId, const QString& path)
-{
+    const ActionId actionId = userInfo.value(RunActionIdKey).toLongLong();
     const GridActionPtr action = db().getGridActionWithId(actionId);
     if (!action) {
         log(QStringLiteral("the action %1 chosen for screenshots no longer exists").arg(actionId));
         return;
     }
+    runAction(action, path);
+}
+
+void ScreenshotDropBarManager::runAction(const GridActionPtr& action, const QString& path)
+{
     QPointer<ScreenshotDropBarManager> self(this);
     m_events.runGridAction(action, QStringList{path}, true, [self, path] {
         if (!self) {

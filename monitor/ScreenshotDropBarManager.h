@@ -2,6 +2,7 @@
 
 #include "core/Identifiers.h"
 #include "monitor/FolderMonitor.h"
+#include "store/GridAction.h"
 
 #include <QHash>
 #include <QObject>
@@ -54,7 +55,7 @@ private:
     void notificationPressed(const QVariantMap& userInfo);
     GridId targetGridId() const;
     void handleAction(const QString& path);
-    void runAction(ActionId actionId, const QString& path);
+    void runAction(const GridActionPtr& action, const QString& path);
     bool keepInDropBar() const;
 
     const TaskContext& m_context;
