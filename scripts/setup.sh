@@ -6,6 +6,8 @@ set -euo pipefail
 # glib-networking gives GIO its GNOME and libproxy proxy resolvers (without it GIO's resolver
 # answers "direct" for everything); gsettings-desktop-schemas holds GNOME's proxy settings.
 # inotify-tools: bench/monitor_bench.py compares the folder monitor with inotifywait.
+# openssh-server and python3-paramiko: the SFTP tests start their own servers on loopback;
+# zip and unzip check archives in tests and are the zip benchmark's peer.
 packages=(
   build-essential cmake ninja-build ccache pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libgl-dev
@@ -18,6 +20,8 @@ packages=(
   libglib2.0-bin gvfs dbus
   glib-networking gsettings-desktop-schemas
   inotify-tools
+  libminizip-dev zlib1g-dev libssh2-1-dev
+  openssh-server openssh-client python3-paramiko zip unzip
 )
 
 missing=()
