@@ -37,6 +37,7 @@ public:
         QStringLiteral("ScreenshotsConfirmBeforeAction");
     // The folder screenshots are saved to, when not the desktop's own.
     static inline const QString ScreenshotsFolder = QStringLiteral("ScreenshotsFolder");
+    static inline const QString ActionServerURL = QStringLiteral("ActionServerURL");
 
     // "settings.json" in SupportPaths::configDirectory().
     static QString defaultFilePath();

@@ -34,6 +34,8 @@ QList<Key> makeKeys()
          QStringLiteral("Confirm via notification before running action")},
         {Settings::ScreenshotsFolder, String,
          QStringLiteral("The folder screenshots are saved to, when not the desktop's own")},
+        {Settings::ActionServerURL, String,
+         QStringLiteral("The action server add-on actions come from (http, https or file URL)")},
         {Settings::MonitoredFolders,
          JsonList,
          QStringLiteral("The folders whose new files run actions"),

@@ -77,3 +77,10 @@ void HeadlessWindowPresenter::promptForRenamedFilename(
         answered({RenameAnswer::Kind::Unavailable, QString()});
     }
 }
+
+void HeadlessWindowPresenter::showProgressWindow(const QString& message, std::function<void()>)
+{
+    Log::info(message);
+}
+
+void HeadlessWindowPresenter::closeProgressWindow() {}

@@ -69,6 +69,11 @@ public:
     // `answered` is called once.
     virtual void promptForRenamedFilename(const RenamePrompt& prompt,
                                           std::function<void(const RenameAnswer&)> answered) = 0;
+    // A small window with a message and an indeterminate bar while an action is installed,
+    // downloaded or checked for updates. Showing it again replaces the message; `cancelled`
+    // (may be empty) is called when the user cancels it.
+    virtual void showProgressWindow(const QString& message, std::function<void()> cancelled) = 0;
+    virtual void closeProgressWindow() = 0;
 };
 
 class HeadlessWindowPresenter : public WindowPresenter {
@@ -90,4 +95,7 @@ public:
     // Nobody can type a name without a display: answered as unavailable.
     void promptForRenamedFilename(const RenamePrompt& prompt,
                                   std::function<void(const RenameAnswer&)> answered) override;
+    // Logged; nobody can cancel it.
+    void showProgressWindow(const QString& message, std::function<void()> cancelled) override;
+    void closeProgressWindow() override;
 };

@@ -54,6 +54,17 @@ public:
     }
     void setNextRenameCancelled() { m_renames.push_back({RenameAnswer::Kind::Cancelled, {}}); }
     void setNextRenameUnavailable() { m_renames.push_back({RenameAnswer::Kind::Unavailable, {}}); }
+    // Records each message; the last `cancelled` is kept for the test to call.
+    void showProgressWindow(const QString& message, std::function<void()> cancelled) override
+    {
+        progressMessages << message;
+        progressCancel = std::move(cancelled);
+        progressVisible = true;
+    }
+    void closeProgressWindow() override { progressVisible = false; }
+    QStringList progressMessages;
+    std::function<void()> progressCancel;
+    bool progressVisible = false;
 
     struct FolderRequest {
         QString title;

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "actions/ActionFile.h"
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+class ActionFileParser;
+class AlertHelper;
+class NotificationCenter;
+class WindowPresenter;
+
+// How one install ended.
+struct InstallResult {
+    bool ok = false;
+    bool cancelled = false;
+    // The success message ("<name> Sucessfully Installed") or why it failed, as a sentence.
+    QString message;
+    ActionFilePtr action; // the installed record, when ok
+};
+using InstallCompletion = std::function<void(const InstallResult&)>;
+
+// Puts actions into the user actions folder: bundles (folders or zipped ".skbundle" files),
+// single-file ".skelvo" actions, and ".zip" archives holding one bundle. One install runs at
+// a time; a list is queued and installed one after another, ending with one alert. Zipped
+// bundles are unpacked on a worker thread into a fresh temporary folder and moved into place
+// only when complete, so a failed or cancelled install leaves the installed copy untouched.
+class ActionFilesController : public QObject {
+    Q_OBJECT
+public:
+    ActionFilesController(ActionFileParser& parser, AlertHelper& alerts, WindowPresenter& windows,
+                          NotificationCenter& notifications, QObject* parent = nullptr);
+    ~ActionFilesController() override;
+
+    // "Add to Grid" on the single-install alert hands the record to this (the grid places it).
+    void setAddToGrid(std::function<void(const ActionFilePtr&)> addToGrid)
+    {
+        m_addToGrid = std::move(addToGrid);
+    }
+    // The version installs are checked against (the application's short version by default).
+    void setApplicationVersion(const QString& version) { m_applicationVersion = version; }
+
+    // Keeps the paths that are action files (lower-cased extension "skbundle", or "skelvo" for
+    // regular files) and installs them one after another; ignored while an install runs.
+    void addActionBundlesOrScripts(const QStringList& paths);
+
+    // Installs one path. With `headless` no window or alert is shown (their texts reach
+    // `completion` and the log). `rewriteMetaData` replaces the header of the installed
+    // script; `newName` names the installed copy. Refused (completion at once, not ok) while
+    // another install runs. `completion` is called exactly once, on the main thread.
+    void addActionBundleOrScriptWithPath(const QString& path, bool singleInstall,
+                                         const QString& rewriteMetaData = {},
+                                         const QString& newName = {}, bool headless = false,
+                                         InstallCompletion completion = {});
+
+    // Stops an unpacking install; the installed copy stays as it was.
+    void cancel();
+
+    bool isAlreadyInstallingAction() const { return m_isAlreadyInstallingAction; }
+    QString lastInstalledMessage() const { return m_lastInstalledMessage; }
+    ActionFilePtr lastInstalledActionFile() const { return m_lastInstalledActionFile; }
+
+    // Removes the user's copies of these actions and reloads the list.
+    void deleteActionFiles(const ActionFileList& records);
+
+private:
+    // Implementation state: see the .cpp.
+    ActionFileParser& m_parser;
+    AlertHelper& m_alerts;
+    WindowPresenter& m_windows;
+    NotificationCenter& m_notifications;
+    std::function<void(const ActionFilePtr&)> m_addToGrid;
+    QString m_applicationVersion;
+    bool m_isAlreadyInstallingAction = false;
+    QString m_lastInstalledMessage;
+    ActionFilePtr m_lastInstalledActionFile;
+};
