@@ -10,7 +10,10 @@
 #include "core/Settings.h"
 #include "core/SupportPaths.h"
 #include "core/Version.h"
+#include "core/WindowPresenter.h"
 #include "events/EventsHandler.h"
+#include "grid/GridPlacement.h"
+#include "platform/PropertyList.h"
 #include "store/GridAction.h"
 #include "store/GridDatabase.h"
 #include "tasks/DebugConsoleController.h"
@@ -18,7 +21,9 @@
 #include "tasks/TasksController.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonObject>
+#include <QUrl>
 
 namespace {
 
@@ -62,14 +67,94 @@ QString AppDelegate::openArguments(const QStringList& arguments, const QString& 
                          ? argument
                          : QDir(cwd).absoluteFilePath(argument));
     }
-    // Installing action files and answering skelvo:// URLs come with the action library and
-    // the URL scheme; until then they are kept and logged.
-    m_pendingArguments << absolute;
-    for (const QString& argument : std::as_const(absolute)) {
-        Log::info(QStringLiteral("Received %1").arg(argument));
+    if (m_didFinishStartup) {
+        handleArguments(absolute);
+    } else {
+        m_pendingArguments << absolute;
     }
     return QStringLiteral("Skelvo is already running; handed over %1 argument(s)")
         .arg(absolute.size());
+}
+
+void AppDelegate::handleArguments(const QStringList& arguments)
+{
+    QStringList files;
+    for (const QString& argument : arguments) {
+        if (argument.startsWith(QStringLiteral("file://"))) {
+            files << QUrl(argument).toLocalFile();
+        } else if (argument.contains(QStringLiteral("://"))) {
+            handleURLEvent(argument);
+        } else {
+            files << argument;
+        }
+    }
+    if (!files.isEmpty()) {
+        openActionFileURLs(files);
+    }
+}
+
+void AppDelegate::openActionFileURLs(const QStringList& paths)
+{
+    for (const QString& path : paths) {
+        const QString extension = QFileInfo(path).suffix().toLower();
+        if (extension != u"skbundle" && extension != u"skelvo") {
+            Log::info(QStringLiteral("Not an action file, not installed: %1").arg(path));
+        }
+    }
+    m_engine.actionFiles.addActionBundlesOrScripts(paths);
+}
+
+QString AppDelegate::shareDirectory()
+{
+    return QDir(SupportPaths::applicationSupportDirectory()).filePath(QStringLiteral("Share"));
+}
+
+void AppDelegate::handleURLEvent(const QString& url)
+{
+    static const QString scheme = QStringLiteral("skelvo://");
+    if (url == u"skelvo://openviashare") {
+        openViaShare();
+        return;
+    }
+    if (!url.startsWith(scheme)) {
+        Log::info(QStringLiteral("handleURLEvent received an invalid URL: %1").arg(url));
+        return;
+    }
+    QString name = QUrl::fromPercentEncoding(url.mid(scheme.size()).toUtf8());
+    // Browsers and launchers may add a slash to a URL without a path.
+    if (name.endsWith(u'/')) {
+        name.chop(1);
+    }
+    m_engine.actionDownloader.downloadAction(name);
+    m_engine.windows.openSettingsPage(QStringLiteral("Add-on Actions"));
+}
+
+void AppDelegate::openViaShare()
+{
+    const QDir folder(shareDirectory());
+    const QStringList files =
+        PropertyList::readStringArray(folder.filePath(QStringLiteral("sharedfiles.plist")));
+    const QStringList texts =
+        PropertyList::readStringArray(folder.filePath(QStringLiteral("sharedtext.plist")));
+    if (files.isEmpty() && texts.isEmpty()) {
+        return;
+    }
+    m_engine.windows.openGridWithPasteboard(files, files.isEmpty() ? texts : QStringList());
+}
+
+void AppDelegate::addInstalledActionToGrid(const ActionFilePtr& record)
+{
+    const GridId gridId = GridDatabase::sharedGridDatabase().selectedGridId();
+    const GridActionPtr placed = GridPlacement::placeAction(record->actionName, gridId);
+    if (!placed) {
+        Log::error(QStringLiteral("Could not add the installed action %1 to the grid")
+                       .arg(record->actionName));
+        return;
+    }
+    // An action with settings of its own is configured before its first run.
+    if (!record->skipConfig && !record->optionsNib.isEmpty()) {
+        m_engine.windows.showEditWindowForAction(placed->aId);
+    }
 }
 
 void AppDelegate::registerDefaultSettings()
@@ -132,6 +217,10 @@ void AppDelegate::applicationDidFinishLaunching()
     });
     m_cmdLineTaskHandler->setDropbarController(m_engine.dropbars.get());
     m_cmdLineTaskHandler->setFolderMonitoringManager(&m_engine.monitoring);
+    m_cmdLineTaskHandler->setActionLibrary({&m_engine.actionServer, &m_engine.actionFiles,
+                                            &m_engine.actionDownloader, &m_engine.actionUpdates});
+    m_engine.actionFiles.setAddToGrid(
+        [this](const ActionFilePtr& record) { addInstalledActionToGrid(record); });
     m_cmdLineTaskHandler->setHandOverReceiver(
         [this](const QStringList& arguments, const QString& cwd) {
             return openArguments(arguments, cwd);
@@ -139,6 +228,10 @@ void AppDelegate::applicationDidFinishLaunching()
 
     m_didFinishStartup = true;
     Log::info(QStringLiteral("Skelvo is running"));
+    // Action files and URLs that arrived while starting, once each.
+    if (!m_pendingArguments.isEmpty()) {
+        handleArguments(std::exchange(m_pendingArguments, {}));
+    }
 }
 
 void AppDelegate::applicationWillTerminate()

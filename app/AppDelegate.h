@@ -32,13 +32,25 @@ public:
     Engine& engine() { return m_engine; }
 
     // Action files and URLs given on the command line or handed over by a second instance;
-    // kept until start-up has finished.
+    // kept until start-up has finished, then installed or answered.
     QString openArguments(const QStringList& arguments, const QString& cwd);
     QStringList pendingArguments() const { return m_pendingArguments; }
+    // Installs the action files among `paths`, all in one go.
+    void openActionFileURLs(const QStringList& paths);
+    // skelvo://NAME downloads the action NAME; skelvo://openviashare opens the grid with what
+    // another program shared; anything else is logged.
+    void handleURLEvent(const QString& url);
+    // Where the file manager's "Share with Skelvo" entry leaves "sharedfiles.plist" and
+    // "sharedtext.plist".
+    static QString shareDirectory();
 
     void registerDefaultSettings();
 
 private:
+    void handleArguments(const QStringList& arguments);
+    void openViaShare();
+    void addInstalledActionToGrid(const ActionFilePtr& record);
+
     bool m_headless;
     bool m_didFinishStartup = false;
     bool m_isFirstLaunch = false;

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "actions/ActionDownloader.h"
+#include "actions/ActionFilesController.h"
+#include "actions/ActionServer.h"
+#include "actions/ActionUpdatesController.h"
 #include "builtin/BuiltInContext.h"
 #include "core/AlertHelper.h"
 #include "core/NotificationCenter.h"
@@ -64,6 +68,11 @@ public:
     SecretStore& secrets;
     // platform
     Launcher& launcher;
+    // actions: the library of installed and add-on actions
+    ActionServer actionServer;
+    ActionFilesController actionFiles;
+    ActionDownloader actionDownloader;
+    ActionUpdatesController actionUpdates;
     // store
     GridStoreHooks storeHooks;
     Icons icons;

@@ -27,6 +27,7 @@ constexpr Option ActionGridOption{"--grid", "grid", Text, "GRID",
                                   "action of that name)"};
 
 constexpr Positional ActionName[] = {{"NAME", "name", Text, true}};
+constexpr Positional ActionNames[] = {{"NAME...", "names", List, false}};
 constexpr Positional GridName[] = {{"NAME", "name", Text, true}};
 constexpr Positional ItemIndex[] = {{"INDEX", "index", Integer, true}};
 constexpr Positional ActionType[] = {{"TYPE", "type", Text, true}};
@@ -289,12 +290,22 @@ constexpr Command Commands[] = {
      {},
      JsonOnly},
     {"install-action", "Add-on actions", "Install an add-on action",
-     "Installs the add-on action NAME.\n", ActionName, InstallOptions},
+     "Downloads the add-on action NAME from the action server and installs it. NAME may\n"
+     "also be the path of an action bundle, a single-file action or a zip archive holding\n"
+     "one, which is installed in place of an installed action of its name.\n",
+     ActionName, InstallOptions},
     {"uninstall-action",
      "Add-on actions",
      "Uninstall an add-on action",
      "Uninstalls the add-on action NAME.\n",
      ActionName,
+     {}},
+    {"update-actions",
+     "Add-on actions",
+     "Install the updates of add-on actions",
+     "Checks the action server for newer versions of the installed add-on actions, or of\n"
+     "the NAMEs given, and installs them.\n",
+     ActionNames,
      {}},
     // Folder Monitor
     {"monitor list",

@@ -46,7 +46,7 @@ struct Option {
 struct Positional {
     std::string_view name; // "NAME", shown in the usage
     std::string_view key;  // the request key it sets
-    ValueKind kind;        // Text, Integer, Path or Files
+    ValueKind kind;        // Text, Integer, Path, Files or List (every remaining word)
     bool required;
     std::string_view unlessKey = {}; // not required when an option set this request key
     bool dashReadsInput = false;     // Files: a lone "-" reads the paths from standard input

@@ -273,7 +273,8 @@ private:
     {
         size_t next = 0;
         for (const Positional& positional : m_command.positionals) {
-            if (positional.kind == ValueKind::Files) {
+            // Files and List take every remaining argument: paths made absolute, or words.
+            if (positional.kind == ValueKind::Files || positional.kind == ValueKind::List) {
                 nlohmann::json files = nlohmann::json::array();
                 const bool dash = std::find(values.begin() + static_cast<std::ptrdiff_t>(next),
                                             values.end(), "-") != values.end();
@@ -289,7 +290,7 @@ private:
                     next = values.size();
                 }
                 for (; next < values.size() && m_request.ok(); ++next) {
-                    if (auto path = convert(ValueKind::Files, values[next], positional.name)) {
+                    if (auto path = convert(positional.kind, values[next], positional.name)) {
                         files.push_back(std::move(*path));
                     }
                 }

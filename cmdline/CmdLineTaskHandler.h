@@ -17,6 +17,10 @@ namespace SettingsKeys {
 struct Key;
 }
 struct Alert;
+class ActionDownloader;
+class ActionFilesController;
+class ActionServer;
+class ActionUpdatesController;
 class GridAction;
 class DropbarController;
 class FolderMonitoringManager;
@@ -61,6 +65,14 @@ public:
     {
         m_monitoring = monitoring;
     }
+    // The add-on action commands work on these; without them they answer with an error.
+    struct ActionLibrary {
+        ActionServer* server = nullptr;
+        ActionFilesController* installer = nullptr;
+        ActionDownloader* downloader = nullptr;
+        ActionUpdatesController* updates = nullptr;
+    };
+    void setActionLibrary(ActionLibrary library) { m_library = library; }
     // Whether the grid window is showing ("status").
     void setGridOpenQuery(std::function<bool()> query) { m_isGridOpen = std::move(query); }
 
@@ -142,6 +154,14 @@ private:
     void setSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
     void resetSetting(const CmdLineRequestPtr& client, const QVariantMap& request);
 
+    // The action library; answers with an error, or that no server is configured when
+    // `needsServer`, and gives false when it cannot serve the request.
+    bool libraryFor(const CmdLineRequestPtr& client, bool needsServer);
+    void listAddonActions(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void installAction(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void uninstallAction(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void updateActions(const CmdLineRequestPtr& client, const QVariantMap& request);
+
     const TaskContext& m_context;
     EventsHandler& m_events;
     CmdLineServer m_server;
@@ -158,4 +178,5 @@ private:
     std::function<bool()> m_isGridOpen;
     DropbarController* m_dropbars = nullptr;
     FolderMonitoringManager* m_monitoring = nullptr;
+    ActionLibrary m_library;
 };

@@ -84,3 +84,11 @@ void HeadlessWindowPresenter::showProgressWindow(const QString& message, std::fu
 }
 
 void HeadlessWindowPresenter::closeProgressWindow() {}
+
+void HeadlessWindowPresenter::openGridWithPasteboard(const QStringList& files,
+                                                     const QStringList& texts)
+{
+    Log::warning(QStringLiteral("The grid cannot open without a display; %1 shared item(s) "
+                                "dropped")
+                     .arg(files.isEmpty() ? texts.size() : files.size()));
+}

@@ -74,6 +74,9 @@ public:
     // (may be empty) is called when the user cancels it.
     virtual void showProgressWindow(const QString& message, std::function<void()> cancelled) = 0;
     virtual void closeProgressWindow() = 0;
+    // Opens the grid for files or, when there are none, texts shared from another program, so
+    // the user chooses the action that takes them.
+    virtual void openGridWithPasteboard(const QStringList& files, const QStringList& texts) = 0;
 };
 
 class HeadlessWindowPresenter : public WindowPresenter {
@@ -98,4 +101,6 @@ public:
     // Logged; nobody can cancel it.
     void showProgressWindow(const QString& message, std::function<void()> cancelled) override;
     void closeProgressWindow() override;
+    // Logged: there is no grid to choose from.
+    void openGridWithPasteboard(const QStringList& files, const QStringList& texts) override;
 };

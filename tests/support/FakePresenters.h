@@ -62,6 +62,11 @@ public:
         progressVisible = true;
     }
     void closeProgressWindow() override { progressVisible = false; }
+    void openGridWithPasteboard(const QStringList& files, const QStringList& texts) override
+    {
+        sharedDrops << (files.isEmpty() ? texts : files);
+    }
+    QList<QStringList> sharedDrops;
     QStringList progressMessages;
     std::function<void()> progressCancel;
     bool progressVisible = false;

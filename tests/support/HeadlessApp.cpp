@@ -35,11 +35,12 @@ HeadlessApp::~HeadlessApp()
     }
 }
 
-bool HeadlessApp::start()
+bool HeadlessApp::start(const QStringList& arguments)
 {
     m_app.setProcessEnvironment(m_environment);
     m_app.setWorkingDirectory(m_home.path());
-    m_app.start(QStringLiteral(SKELVO_BINARY), {QStringLiteral("--headless")});
+    m_app.start(QStringLiteral(SKELVO_BINARY),
+                QStringList{QStringLiteral("--headless")} + arguments);
     return m_app.waitForStarted(10000) && waitUntil([this] {
                return m_app.state() == QProcess::Running &&
                       sk({QStringLiteral("status")}, {}, 10000).status == 0;

@@ -28,8 +28,8 @@ public:
     HeadlessApp(const HeadlessApp&) = delete;
     HeadlessApp& operator=(const HeadlessApp&) = delete;
 
-    // Starts the application and waits until it answers.
-    bool start();
+    // Starts the application (with action files or URLs to open) and waits until it answers.
+    bool start(const QStringList& arguments = {});
     // Ends it as a desktop session would (SIGTERM); true when it exited with status 0.
     bool stop();
     QProcess& process() { return m_app; }
