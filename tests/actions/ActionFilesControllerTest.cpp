@@ -57,6 +57,7 @@ protected:
     InstallTest()
     {
         ensureCoreApplication();
+        m_hadTmp = qEnvironmentVariableIsSet("TMPDIR");
         m_previousTmp = qgetenv("TMPDIR");
         qputenv("TMPDIR", QFile::encodeName(tmpDir()));
         QDir().mkpath(tmpDir());
@@ -65,7 +66,14 @@ protected:
         controller.setAddToGrid([this](const ActionFilePtr& r) { addedToGrid << r->actionName; });
         center.addObserver({}, nullptr, [this](const Notification& n) { posted << n.name; });
     }
-    ~InstallTest() override { qputenv("TMPDIR", m_previousTmp); }
+    ~InstallTest() override
+    {
+        if (m_hadTmp) {
+            qputenv("TMPDIR", m_previousTmp);
+        } else {
+            qunsetenv("TMPDIR");
+        }
+    }
 
     QString path(const QString& relative) const { return QDir(home.path()).filePath(relative); }
     QString userDir() const { return path("user"); }
@@ -121,6 +129,7 @@ protected:
     QStringList addedToGrid;
 
 private:
+    bool m_hadTmp = false;
     QByteArray m_previousTmp;
 };
 
@@ -348,13 +357,20 @@ TEST_F(InstallTest, RewritesHeaderUnderNewNameAndRemoves)
     EXPECT_FALSE(parser.getActionWithType("Renamed"));
 }
 
-TEST_F(InstallTest, AFolderThatCannotBeWrittenFailsInsteadOfRetrying)
+TEST_F(InstallTest, ACopyThatCannotSucceedFailsAndKeepsTheInstalledCopy)
 {
-    home.writeFile("user", "a file where the folder should be");
-    const InstallResult result = install(source("W.skbundle", script("W")), true);
-    EXPECT_FALSE(result.ok);
+    ASSERT_TRUE(install(source("W.skbundle", script("W"))).ok);
+    const auto before = tree(userDir());
+    // A named pipe cannot be copied, however often it is tried.
+    ASSERT_EQ(::mkfifo(QFile::encodeName(path("src/W.skbundle/pipe")).constData(), 0600), 0);
+    InstallResult result = install(path("src/W.skbundle"), true);
     EXPECT_TRUE(result.message.startsWith("W could not be installed\nIt could not be copied"))
         << result.message;
+    EXPECT_EQ(tree(userDir()), before);
+
+    FileOperations::removeRecursively(userDir());
+    home.writeFile("user", "a file where the folder should be");
+    EXPECT_FALSE(install(path("src/W.skbundle"), true).ok);
 }
 
 } // namespace
