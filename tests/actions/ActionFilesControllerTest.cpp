@@ -338,7 +338,7 @@ TEST_F(InstallTest, OneInstallAtATimeAndCancelKeepsTheOldCopy)
     EXPECT_TRUE(QDir(tmpDir()).isEmpty());
     EXPECT_FALSE(parser.skipDuplicatesCheck());
     spin(100);
-    EXPECT_TRUE(presenter->alerts.size() == 1) << "the ignored list showed nothing";
+    EXPECT_EQ(presenter->alerts.size(), 1) << "the ignored list showed nothing";
 }
 
 TEST_F(InstallTest, RewritesHeaderUnderNewNameAndRemoves)
