@@ -53,10 +53,16 @@ public:
     using Fetched = std::function<void(const QByteArray& body, const QString& error)>;
     QNetworkReply* fetch(const QUrl& url, Fetched done);
 
-    // Fetches and parses the manifest of the configured server.
+    // Fetches and parses the manifest of the configured server; a failure is logged.
     void fetchManifest(std::function<void(const QList<ManifestEntry>&, const QString& error)> done);
+
+    // How long a request may go without receiving anything (TimeoutMs unless a test shortens
+    // it).
+    void setTimeoutMs(int ms) { m_timeoutMs = ms; }
+    int timeoutMs() const { return m_timeoutMs; }
 
 private:
     Settings& m_settings;
     QNetworkAccessManager* m_network;
+    int m_timeoutMs = TimeoutMs;
 };
