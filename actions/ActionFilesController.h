@@ -9,7 +9,9 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <thread>
 
+struct Alert;
 class ActionFileParser;
 class AlertHelper;
 class NotificationCenter;
@@ -44,6 +46,8 @@ public:
     }
     // The version installs are checked against (the application's short version by default).
     void setApplicationVersion(const QString& version) { m_applicationVersion = version; }
+    // Whether a rewritten header drops the template's comments (the develop sheet's choice).
+    void setDisableComments(bool disable) { m_disableComments = disable; }
 
     // Keeps the paths that are action files (lower-cased extension "skbundle", or "skelvo" for
     // regular files) and installs them one after another; ignored while an install runs.
@@ -69,7 +73,20 @@ public:
     void deleteActionFiles(const ActionFileList& records);
 
 private:
-    // Implementation state: see the .cpp.
+    void processNextPath();
+    void unpackZippedBundle();
+    void unzipFinished(bool ok, bool cancelled, const QString& error);
+    void finishInstallingBundleOrScript(const QString& source);
+    void copyIntoPlace(int attempt);
+    void completeInstall();
+    // Ends the current install: resets the state, removes what was unpacked, shows `alert`
+    // (unless headless; logged then) and calls the completion.
+    void endInstall(InstallResult result, const Alert* alert = nullptr,
+                    std::function<void(int)> answered = {});
+    void failInstall(const QString& title, const QString& text);
+    void showSingleInstallAlert();
+    bool wasCancelled() const { return m_installCancelled && *m_installCancelled; }
+
     ActionFileParser& m_parser;
     AlertHelper& m_alerts;
     WindowPresenter& m_windows;
@@ -79,4 +96,25 @@ private:
     bool m_isAlreadyInstallingAction = false;
     QString m_lastInstalledMessage;
     ActionFilePtr m_lastInstalledActionFile;
+
+    // The install that runs.
+    std::shared_ptr<std::atomic_bool> m_installCancelled; // shared with the unpacking thread
+    bool m_singleInstall = false;
+    bool m_headlessInstall = false;
+    bool m_isZippedBundle = false;
+    bool m_disableComments = false;
+    QString m_sourcePath;       // what was asked to be installed
+    QString m_installingSource; // the bundle or file copied (unpacked for archives)
+    QString m_rewrittenMetaData;
+    QString m_rewrittenName;
+    QString m_actionCopyToPath;
+    QString m_temporaryDirectory; // where an archive was unpacked
+    InstallCompletion m_completion;
+    std::thread m_unzipThread;
+
+    // The queued list.
+    bool m_installingList = false;
+    QStringList m_paths;
+    qsizetype m_currentPathIndex = 0;
+    int m_numActionFilesAdded = 0;
 };
