@@ -76,14 +76,20 @@ QString ActionServer::notConfiguredMessage()
                           "ActionServerURL URL (an http, https or file URL).");
 }
 
+QString ActionServer::decodedName(const QString& name)
+{
+    // A name whose every "%" starts an escape was already encoded.
+    static const QRegularExpression escape(QStringLiteral("%[0-9A-Fa-f]{2}"));
+    static const QRegularExpression barePercent(QStringLiteral("%(?![0-9A-Fa-f]{2})"));
+    const bool encoded = name.contains(escape) && !name.contains(barePercent);
+    return encoded ? QUrl::fromPercentEncoding(name.toUtf8()) : name;
+}
+
 QUrl ActionServer::actionUrl(const QUrl& base, const QString& name, double secondsSince1970)
 {
-    // A name whose every "%" starts an escape was already encoded; the URL encodes it once.
-    static const QRegularExpression escape(QStringLiteral("%[0-9A-Fa-f]{2}"));
-    static const QRegularExpression barepercent(QStringLiteral("%(?![0-9A-Fa-f]{2})"));
-    const bool encoded = name.contains(escape) && !name.contains(barepercent);
-    const QString decoded = encoded ? QUrl::fromPercentEncoding(name.toUtf8()) : name;
-    return urlInActionsFolder(base, decoded + QStringLiteral(".skbundle"), secondsSince1970);
+    // The URL encodes the decoded name exactly once.
+    return urlInActionsFolder(base, decodedName(name) + QStringLiteral(".skbundle"),
+                              secondsSince1970);
 }
 
 QUrl ActionServer::manifestUrl(const QUrl& base, double secondsSince1970)

@@ -41,6 +41,8 @@ public:
     // base + ActionsPath + name (percent-encoded unless it already is) + ".skbundle" +
     // "?<seconds since 1970>".
     static QUrl actionUrl(const QUrl& base, const QString& name, double secondsSince1970);
+    // The name as the user reads it: an already percent-encoded name decoded once.
+    static QString decodedName(const QString& name);
     // base + ActionsPath + "versions.txt" + the same query.
     static QUrl manifestUrl(const QUrl& base, double secondsSince1970);
 
