@@ -2,10 +2,12 @@
 
 #include "actions/ActionFilesController.h"
 
+#include <QHash>
 #include <QObject>
 #include <QPointer>
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 
 #include <functional>
 
@@ -21,6 +23,10 @@ struct DownloadResult {
     // Per action, in order: the install's message or the download's error.
     QStringList messages;
     QStringList installed; // names installed
+    // The closing alert after updates ("Update Installed Successfully" and its text); empty
+    // when none was due.
+    QString title;
+    QString message;
 };
 using DownloadCompletion = std::function<void(const DownloadResult&)>;
 
@@ -50,10 +56,34 @@ public:
     bool isBusy() const { return m_busy; }
 
 private:
+    void start(const QStringList& names, bool updating, bool headless,
+               DownloadCompletion completion);
+    void showProgress();
+    void manifestFetched(const QByteArray& body, const QString& error);
+    void downloadNext();
+    void downloaded(const QString& name, const QUrl& url, const QByteArray& body,
+                    const QString& error);
+    void installed(const InstallResult& result);
+    void downloadFailed(const QString& name, const QUrl& url, const QString& error);
+    void finish();
+
     ActionServer& m_server;
     ActionFilesController& m_installer;
     AlertHelper& m_alerts;
     WindowPresenter& m_windows;
     bool m_busy = false;
     QPointer<QNetworkReply> m_reply;
+
+    // The run in progress.
+    QStringList m_names;
+    qsizetype m_index = 0;
+    bool m_updating = false;
+    bool m_headless = false;
+    bool m_cancelled = false;
+    bool m_installing = false;
+    QUrl m_base;
+    QHash<QString, QString> m_md5; // by action name, from the manifest
+    QString m_temporaryDirectory;
+    DownloadResult m_result;
+    DownloadCompletion m_completion;
 };

@@ -41,6 +41,8 @@ public:
     // base + ActionsPath + name (percent-encoded unless it already is) + ".skbundle" +
     // "?<seconds since 1970>".
     static QUrl actionUrl(const QUrl& base, const QString& name, double secondsSince1970);
+    // The name as the user reads it: an already percent-encoded name decoded once.
+    static QString decodedName(const QString& name);
     // base + ActionsPath + "versions.txt" + the same query.
     static QUrl manifestUrl(const QUrl& base, double secondsSince1970);
 
@@ -53,10 +55,16 @@ public:
     using Fetched = std::function<void(const QByteArray& body, const QString& error)>;
     QNetworkReply* fetch(const QUrl& url, Fetched done);
 
-    // Fetches and parses the manifest of the configured server.
+    // Fetches and parses the manifest of the configured server; a failure is logged.
     void fetchManifest(std::function<void(const QList<ManifestEntry>&, const QString& error)> done);
+
+    // How long a request may go without receiving anything (TimeoutMs unless a test shortens
+    // it).
+    void setTimeoutMs(int ms) { m_timeoutMs = ms; }
+    int timeoutMs() const { return m_timeoutMs; }
 
 private:
     Settings& m_settings;
     QNetworkAccessManager* m_network;
+    int m_timeoutMs = TimeoutMs;
 };
