@@ -233,7 +233,7 @@ void ActionDownloader::downloadFailed(const QString& name, const QUrl& url, cons
 {
     Log::error(QStringLiteral("Error downloading action with URL %1\n%2")
                    .arg(url.isValid() ? url.toString() : name, error));
-    m_result.messages << error;
+    m_result.messages << QStringLiteral("%1 could not be downloaded: %2").arg(name, error);
     if (!m_headless) {
         m_alerts.runAlert({Alert::Style::Critical,
                            QStringLiteral("%1 could not be downloaded").arg(name),

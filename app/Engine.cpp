@@ -55,6 +55,12 @@ Engine::Engine(EngineParts parts)
     , screenshots(taskContext, events)
 {
     events.setDropbarDispatcher(dropbars);
+    // Tests shorten the wait for a server that never answers.
+    bool ok = false;
+    const int timeoutMs = qEnvironmentVariableIntValue("SKELVO_ACTION_SERVER_TIMEOUT_MS", &ok);
+    if (ok && timeoutMs > 0) {
+        actionServer.setTimeoutMs(timeoutMs);
+    }
     ActionFileParser::shared().setPresenters(&alerts, &windows);
     GridDatabase::sharedGridDatabase().setContext(&storeContext);
     BuiltInActionRunner::shared()->setContext(&builtInContext);

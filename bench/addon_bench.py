@@ -30,6 +30,8 @@ SCRIPT = """# Skelvo Action Info
 # Description: Benchmark action {name}
 # Handles: Files
 # Events: Dragged
+# Creator: Benchmarks
+# URL: https://example.org
 # Version: 1.0
 # UniqueID: com.example.bench.{uid}
 

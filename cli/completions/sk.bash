@@ -15,7 +15,8 @@ _sk()
         action-info list-running cancel add list-items rename remove lock unlock clear
         open-dropbar close-dropbar open close status list-grids switch-grid create-grid
         remove-grid grid-settings list-categories add-category remove-category
-        list-addon-actions install-action uninstall-action monitor settings inspect-action
+        list-addon-actions install-action uninstall-action update-actions monitor settings
+        inspect-action
         request help"
     # The second words of the two-word commands.
     local settings_commands="get set reset"

@@ -19,7 +19,8 @@ namespace {
 QString bundleSource(const QString& name, const QString& version, const QString& extra = {})
 {
     return QStringLiteral("# Skelvo Action Info\n# Name: %1\n# Description: %1 from the server\n"
-                          "# Handles: Files\n# Events: Dragged\n# Version: %2\n"
+                          "# Handles: Files\n# Events: Dragged\n# Creator: Tests\n"
+                          "# URL: https://example.org\n# Version: %2\n"
                           "# UniqueID: org.example.%3\n%4\n"
                           "def dragged(items, variables, helper)\n  puts 'v%2'\nend\n")
         .arg(name, version, name.toLower(), extra);
@@ -177,7 +178,7 @@ TEST_F(AddonEndToEndTest, ServerThatNeverAnswersAndASecondDownloadWhileOneRuns)
     ASSERT_TRUE(HeadlessApp::waitUntil([] {
         return server->requests().join('\n').contains("/hang/actions/skelvo5-actions-zipped/");
     }));
-    const SkResult busy = sk({"install-action", "Beta"});
+    const SkResult busy = sk({"install-action", "Missing"});
     EXPECT_NE(busy.status, 0);
     EXPECT_EQ((busy.out + busy.err).trimmed(),
               "Another action download or update is already in progress.");

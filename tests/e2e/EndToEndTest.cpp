@@ -203,16 +203,21 @@ TEST_F(EndToEndTest, RunScriptAndMoveToTrash)
 
 TEST_F(EndToEndTest, ASecondInstanceHandsOverItsArguments)
 {
+    app->writeFile("Downloads/New.skbundle/action.rb",
+                   "# Skelvo Action Info\n# Name: New\n# Description: A test\n# Handles: Files\n"
+                   "# Creator: Tests\n# URL: https://example.org\n");
     QProcess second;
     second.setProcessEnvironment(app->environment());
-    second.setWorkingDirectory(app->path());
+    second.setWorkingDirectory(app->path("Downloads"));
     second.start(QStringLiteral(SKELVO_BINARY), {"--headless", "New.skbundle"});
     ASSERT_TRUE(second.waitForFinished(15000));
     EXPECT_EQ(second.exitCode(), 0);
     EXPECT_EQ(second.readAllStandardOutput(),
               "Skelvo is already running; handed over 1 argument(s)\n");
     EXPECT_EQ(app->process().state(), QProcess::Running);
-    EXPECT_TRUE(app->log().contains(app->path("New.skbundle")));
+    // Made absolute against the second instance's folder, and installed.
+    EXPECT_TRUE(HeadlessApp::waitUntil(
+        [] { return QFileInfo::exists(app->path("data/Skelvo/Actions/New.skbundle/action.rb")); }));
 }
 
 // With an application of its own, which it ends.
