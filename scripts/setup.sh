@@ -6,6 +6,7 @@ set -euo pipefail
 # glib-networking gives GIO its GNOME and libproxy proxy resolvers (without it GIO's resolver
 # answers "direct" for everything); gsettings-desktop-schemas holds GNOME's proxy settings.
 # inotify-tools: bench/monitor_bench.py compares the folder monitor with inotifywait.
+# imagemagick: bench/images_bench.py times the image actions against mogrify.
 packages=(
   build-essential cmake ninja-build ccache pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libgl-dev
@@ -18,6 +19,7 @@ packages=(
   libglib2.0-bin gvfs dbus
   glib-networking gsettings-desktop-schemas
   inotify-tools
+  imagemagick
 )
 
 missing=()
