@@ -174,10 +174,10 @@ bool ensureInitialised(QString* error)
         // Each run reads its files once; caching operations would only hold open files
         // (of originals that go to the Trash) and memory in a long-running application.
         vips_cache_set_max(0);
-        // Pixel and encoder buffers go back to the system when freed. Left alone, glibc
-        // raises its mmap threshold after the first such buffer and keeps the later ones in
-        // its heaps, so the memory of a long drop grows image after image.
-        mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+        // Whole-image buffers (encoders, PNG and TIFF loaders) go back to the system when
+        // freed. Left alone, glibc raises its mmap threshold after the first one and keeps
+        // the later ones in its heaps, so the memory of a long drop creeps up.
+        mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
         ok = true;
     });
     if (!ok && error)
@@ -462,9 +462,6 @@ RunResult processImages(const QStringList& inputPaths, const Options& options,
                     queue.pop_front();
                 }
                 Rendered image = render(inputPaths.at(index), options);
-                // Each thread allocates from its own malloc arena; what an image freed there
-                // goes back now rather than adding up across the pool's arenas.
-                malloc_trim(0);
                 {
                     const std::lock_guard lock(mutex);
                     rendered[static_cast<std::size_t>(index)] = std::move(image);
@@ -542,6 +539,9 @@ RunResult processImages(const QStringList& inputPaths, const Options& options,
     workWaiting.notify_all();
     for (const std::unique_ptr<QThread>& thread : threads)
         thread->wait();
+    // Each worker allocated from a malloc arena of its own; the application lives on after
+    // the drop, so what they freed goes back to the system now.
+    malloc_trim(0);
     return result;
 }
 

@@ -352,6 +352,18 @@ TEST_P(ImagePool, NamesContentsAndReportsMatchARunOneImageAtATime)
     EXPECT_EQ(pooled.mid(0, GetParam()), only(alone, "start").mid(0, GetParam()));
 }
 
+TEST_P(ImagePool, AnImageDroppedTwiceIsGoneTheSecondTimeWhenOriginalsAreTrashed)
+{
+    QTemporaryDir dir;
+    const QString twice = makeImageFile(dir.filePath("twice.png"), 600, 400);
+    const QString other = makeImageFile(dir.filePath("other.png"), 60, 40);
+    Options options = resizeOptions(100, 100, "jpg");
+    options.keepOriginals = false;
+    const RunResult result = processImages({twice, twice, other}, options, {}, nullptr, GetParam());
+    EXPECT_EQ(result.written, (QStringList{dir.filePath("twice.jpg"), dir.filePath("other.jpg")}));
+    EXPECT_EQ(result.failed, QStringList{twice});
+}
+
 TEST(ImageRuns, ACancelTakesNoNewImageAndEndsAfterThoseInProgress)
 {
     QTemporaryDir dir;
