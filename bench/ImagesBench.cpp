@@ -4,8 +4,9 @@
 //       writes DIR/jpg/photo-NN.jpg (40 of 4000x3000) and DIR/png/scan-NN.png (10 of
 //       2000x1500) with photographic-looking content
 //   images_bench run --output DIR [--width W] [--height H] [--quality Q] [--format EXT]
-//                    [--convert] FILE...
-//       processes FILE... with the engine, keeping the originals
+//                    [--convert] [--workers N] FILE...
+//       processes FILE... with the engine, keeping the originals, on N workers (default:
+//       one per core, as the actions run; 1 is one image at a time)
 #include "builtin/images/ImageProcessor.h"
 
 #include <QDir>
@@ -77,6 +78,7 @@ int run(const QStringList& arguments)
     ImageProcessing::Options options;
     options.keepOriginals = true;
     QStringList files;
+    int workers = 0;
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         const QString& argument = arguments[i];
         const auto value = [&]() { return i + 1 < arguments.size() ? arguments[++i] : QString(); };
@@ -92,11 +94,13 @@ int run(const QStringList& arguments)
             options.format = value();
         else if (argument == u"--convert")
             options.mode = ImageProcessing::Mode::Convert;
+        else if (argument == u"--workers")
+            workers = value().toInt();
         else
             files << argument;
     }
-    const ImageProcessing::RunResult result =
-        ImageProcessing::processImages(ImageProcessing::collectImages(files), options);
+    const ImageProcessing::RunResult result = ImageProcessing::processImages(
+        ImageProcessing::collectImages(files), options, {}, nullptr, workers);
     if (!result.error.isEmpty()) {
         std::fprintf(stderr, "%s\n", qPrintable(result.error));
         return 1;

@@ -19,7 +19,7 @@ ImageAction::~ImageAction()
 {
     m_cancel->store(true);
     if (m_worker) {
-        // The worker stops after its current image; the instance must not go before it.
+        // The run stops after the images in progress; the instance must not go before it.
         m_worker->wait();
         delete m_worker;
     }
@@ -113,6 +113,8 @@ void ImageAction::process(const QString& outputFolder)
     };
     const QStringList images = m_images;
     const std::shared_ptr<std::atomic<bool>> cancel = m_cancel;
+    // This thread hands the images to a pool of one worker per core and names, trashes and
+    // reports them in drop order.
     m_worker = QThread::create([self, images, options, callbacks, cancel] {
         const ImageProcessing::RunResult result =
             ImageProcessing::processImages(images, options, callbacks, cancel.get());

@@ -28,7 +28,7 @@ private:
     ImageProcessing::Mode m_mode;
     QStringList m_images;
     bool m_addToDropBar = false;
-    // Shared with the worker, which may outlive a cancelled instance by one image.
+    // Shared with the run, which may outlive a cancelled instance by the images in progress.
     std::shared_ptr<std::atomic<bool>> m_cancel = std::make_shared<std::atomic<bool>>(false);
     QThread* m_worker = nullptr;
 };

@@ -8,6 +8,7 @@ set -euo pipefail
 # inotify-tools: bench/monitor_bench.py compares the folder monitor with inotifywait.
 # openssh-server and python3-paramiko: the SFTP tests start their own servers on loopback;
 # zip and unzip check archives in tests and are the zip benchmark's peer.
+# imagemagick: bench/images_bench.py times the image actions against mogrify.
 packages=(
   build-essential cmake ninja-build ccache pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libgl-dev
@@ -22,6 +23,7 @@ packages=(
   inotify-tools
   libminizip-dev zlib1g-dev libssh2-1-dev
   openssh-server openssh-client python3-paramiko zip unzip
+  imagemagick
 )
 
 missing=()

@@ -5,14 +5,21 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QThread>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
+#include <deque>
 #include <fcntl.h>
+#include <malloc.h>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <unistd.h>
+#include <vector>
 
 // GLib names struct members "signals", which Qt defines as a macro.
 #undef signals
@@ -22,14 +29,22 @@ namespace ImageProcessing {
 
 namespace {
 
-QString trimmedVipsError(const vips::VError& error)
+// libvips keeps one error buffer for all threads, so images failing side by side can see
+// each other's lines: the line naming this file wins, else the first (each line starts
+// with the operation; the first is the useful one).
+QString takeVipsError(const vips::VError& error, const QString& path)
 {
-    QString text = QString::fromUtf8(error.what()).trimmed();
-    // libvips prefixes each line with the operation; the first line is the useful one.
-    const qsizetype newline = text.indexOf(u'\n');
-    if (newline >= 0)
-        text.truncate(newline);
-    return text;
+    static std::mutex mutex;
+    const std::lock_guard lock(mutex);
+    const QStringList lines = QString::fromUtf8(error.what()).split(u'\n', Qt::SkipEmptyParts);
+    vips_error_clear();
+    const QString name = QFileInfo(path).fileName();
+    for (const QString& line : lines) {
+        if (line.contains(name))
+            return line.trimmed();
+    }
+    return lines.isEmpty() ? QStringLiteral("the image is damaged or unreadable")
+                           : lines.first().trimmed();
 }
 
 bool variableIsTrue(const QMap<QString, QString>& variables, const QString& key)
@@ -159,6 +174,10 @@ bool ensureInitialised(QString* error)
         // Each run reads its files once; caching operations would only hold open files
         // (of originals that go to the Trash) and memory in a long-running application.
         vips_cache_set_max(0);
+        // Whole-image buffers (encoders, PNG and TIFF loaders) go back to the system when
+        // freed. Left alone, glibc raises its mmap threshold after the first one and keeps
+        // the later ones in its heaps, so the memory of a long drop creeps up.
+        mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
         ok = true;
     });
     if (!ok && error)
@@ -251,23 +270,33 @@ QString outputPathFor(const QString& inputPath, const QString& outputFolder,
     }
 }
 
-ImageOutcome processImage(const QString& inputPath, const Options& options)
+namespace {
+
+// An image encoded under its private name in the output folder, waiting to be named.
+struct Rendered {
+    QString temporary; // empty when the image could not be made
+    QString folder;
+    QString extension;
+    QSize size;
+    QString error;
+};
+
+// The heavy part of one image, safe to run on several threads at once: decoding (shrunk
+// while loading), resizing and encoding into a temporary file.
+Rendered render(const QString& inputPath, const Options& options)
 {
-    ImageOutcome outcome;
-    outcome.input = inputPath;
-    const QString name = QFileInfo(inputPath).fileName();
+    Rendered rendered;
     QString initError;
     if (!ensureInitialised(&initError)) {
-        outcome.error = initError;
-        return outcome;
+        rendered.error = initError;
+        return rendered;
     }
-    const QString extension =
-        options.format.isEmpty() ? QFileInfo(inputPath).suffix() : options.format;
-    if (!isSupportedFormat(extension)) {
-        outcome.error = QStringLiteral("Unsupported output format: ") + extension;
-        return outcome;
+    rendered.extension = options.format.isEmpty() ? QFileInfo(inputPath).suffix() : options.format;
+    if (!isSupportedFormat(rendered.extension)) {
+        rendered.error = QStringLiteral("Unsupported output format: ") + rendered.extension;
+        return rendered;
     }
-    const QString folder =
+    rendered.folder =
         options.outputFolder.isEmpty() ? QFileInfo(inputPath).absolutePath() : options.outputFolder;
 
     QString temporary;
@@ -283,28 +312,41 @@ ImageOutcome processImage(const QString& inputPath, const Options& options)
                                         ->set("height", target.height())
                                         ->set("size", VIPS_SIZE_FORCE)
                                         ->set("fail_on", VIPS_FAIL_ON_ERROR));
-        temporary = reserveTemporaryFile(folder, extension);
+        temporary = reserveTemporaryFile(rendered.folder, rendered.extension);
         if (temporary.isEmpty()) {
-            outcome.error = QStringLiteral("Could not write to %1: %2")
-                                .arg(QDir::toNativeSeparators(folder),
-                                     QString::fromLocal8Bit(std::strerror(errno)));
-            return outcome;
+            rendered.error = QStringLiteral("Could not write to %1: %2")
+                                 .arg(QDir::toNativeSeparators(rendered.folder),
+                                      QString::fromLocal8Bit(std::strerror(errno)));
+            return rendered;
         }
-        save(image, temporary, extension, options.quality);
-        outcome.size = QSize(image.width(), image.height());
+        save(image, temporary, rendered.extension, options.quality);
+        rendered.size = QSize(image.width(), image.height());
+        rendered.temporary = temporary;
     } catch (const vips::VError& error) {
         if (!temporary.isEmpty())
             QFile::remove(temporary);
-        outcome.error =
-            QStringLiteral("Could not convert %1: %2").arg(name, trimmedVipsError(error));
-        vips_error_clear();
-        return outcome;
+        rendered.error = QStringLiteral("Could not convert %1: %2")
+                             .arg(QFileInfo(inputPath).fileName(), takeVipsError(error, inputPath));
     }
+    return rendered;
+}
+
+// Gives a rendered image its output name and trashes the original. Names are taken one
+// image after the other, so the first of two images claiming a name gets it.
+ImageOutcome place(const QString& inputPath, const Options& options, const Rendered& rendered)
+{
+    ImageOutcome outcome;
+    outcome.input = inputPath;
+    outcome.error = rendered.error;
+    if (rendered.temporary.isEmpty())
+        return outcome;
+    outcome.size = rendered.size;
 
     // Another writer may take a name between choosing and renaming; then take the next.
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        const QString output = outputPathFor(inputPath, folder, extension, options.mode);
-        const int result = renameNoReplace(temporary, output);
+        const QString output =
+            outputPathFor(inputPath, rendered.folder, rendered.extension, options.mode);
+        const int result = renameNoReplace(rendered.temporary, output);
         if (result == 0) {
             outcome.output = output;
             break;
@@ -317,9 +359,10 @@ ImageOutcome processImage(const QString& inputPath, const Options& options)
         }
     }
     if (outcome.output.isEmpty()) {
-        QFile::remove(temporary);
+        QFile::remove(rendered.temporary);
         if (outcome.error.isEmpty())
-            outcome.error = QStringLiteral("Could not find a free name for ") + name;
+            outcome.error =
+                QStringLiteral("Could not find a free name for ") + QFileInfo(inputPath).fileName();
         return outcome;
     }
 
@@ -328,8 +371,60 @@ ImageOutcome processImage(const QString& inputPath, const Options& options)
     return outcome;
 }
 
+// libvips runs each pipeline on threads of its own; while the pool works on several images
+// side by side, those are cut to the pool's share of the cores. Overlapping runs share one
+// setting, and the last to end puts back what was there before.
+class VipsThreadShare {
+public:
+    explicit VipsThreadShare(int workers)
+        : m_active(workers > 1)
+    {
+        if (!m_active)
+            return;
+        const std::lock_guard lock(mutex());
+        if (users()++ == 0)
+            saved() = vips_concurrency_get();
+        vips_concurrency_set(std::max(1, QThread::idealThreadCount() / workers));
+    }
+    ~VipsThreadShare()
+    {
+        if (!m_active)
+            return;
+        const std::lock_guard lock(mutex());
+        if (--users() == 0)
+            vips_concurrency_set(saved());
+    }
+    VipsThreadShare(const VipsThreadShare&) = delete;
+    VipsThreadShare& operator=(const VipsThreadShare&) = delete;
+
+private:
+    static std::mutex& mutex()
+    {
+        static std::mutex instance;
+        return instance;
+    }
+    static int& users()
+    {
+        static int count = 0;
+        return count;
+    }
+    static int& saved()
+    {
+        static int concurrency = 0;
+        return concurrency;
+    }
+    bool m_active;
+};
+
+} // namespace
+
+ImageOutcome processImage(const QString& inputPath, const Options& options)
+{
+    return place(inputPath, options, render(inputPath, options));
+}
+
 RunResult processImages(const QStringList& inputPaths, const Options& options,
-                        const Callbacks& callbacks, const std::atomic<bool>* cancel)
+                        const Callbacks& callbacks, const std::atomic<bool>* cancel, int workers)
 {
     RunResult result;
     if (!options.format.isEmpty() && !isSupportedFormat(options.format)) {
@@ -339,22 +434,114 @@ RunResult processImages(const QStringList& inputPaths, const Options& options,
     if (!ensureInitialised(&result.error))
         return result;
     const int total = int(inputPaths.size());
-    for (int index = 0; index < total; ++index) {
-        if (cancel && cancel->load()) {
-            result.cancelled = true;
-            break;
+    if (total == 0)
+        return result;
+    const int poolSize =
+        std::clamp(workers > 0 ? workers : QThread::idealThreadCount(), 1, std::min(total, 64));
+    const VipsThreadShare share(poolSize);
+
+    std::mutex mutex;
+    std::condition_variable workWaiting;
+    std::condition_variable workDone;
+    std::deque<int> queue;
+    std::vector<std::optional<Rendered>> rendered(static_cast<std::size_t>(total));
+    int busy = 0; // handed out and not yet rendered
+    bool closing = false;
+
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int i = 0; i < poolSize; ++i) {
+        threads.emplace_back(QThread::create([&] {
+            for (;;) {
+                int index = 0;
+                {
+                    std::unique_lock lock(mutex);
+                    workWaiting.wait(lock, [&] { return closing || !queue.empty(); });
+                    if (queue.empty())
+                        return;
+                    index = queue.front();
+                    queue.pop_front();
+                }
+                Rendered image = render(inputPaths.at(index), options);
+                {
+                    const std::lock_guard lock(mutex);
+                    rendered[static_cast<std::size_t>(index)] = std::move(image);
+                    --busy;
+                }
+                workDone.notify_one();
+            }
+        }));
+        threads.back()->setObjectName(QStringLiteral("resize-images-%1").arg(i + 1));
+        threads.back()->start();
+    }
+
+    int next = 0;   // the next image to hand out
+    int placed = 0; // images named and reported
+    const auto cancelled = [cancel] { return cancel && cancel->load(); };
+    // With originals going to the Trash, an image dropped twice waits for its first copy, so
+    // it finds the file gone as it would one image after the other.
+    const auto waitsForEarlierCopy = [&](int index) {
+        if (options.keepOriginals)
+            return false;
+        for (int i = placed; i < index; ++i) {
+            if (inputPaths.at(i) == inputPaths.at(index))
+                return true;
         }
-        if (callbacks.started)
-            callbacks.started(index, total, inputPaths.at(index));
-        ImageOutcome outcome = processImage(inputPaths.at(index), options);
+        return false;
+    };
+    const auto mayHandOut = [&] {
+        return next < total && busy < poolSize && !cancelled() && !waitsForEarlierCopy(next);
+    };
+    for (;;) {
+        for (;;) {
+            {
+                const std::lock_guard lock(mutex);
+                if (!mayHandOut())
+                    break;
+            }
+            if (callbacks.started)
+                callbacks.started(next, total, inputPaths.at(next));
+            {
+                const std::lock_guard lock(mutex);
+                queue.push_back(next);
+                ++busy;
+            }
+            workWaiting.notify_one();
+            ++next;
+        }
+        if (placed == next)
+            break; // all done, or cancelled and nothing left in progress
+        std::optional<Rendered> ready;
+        {
+            std::unique_lock lock(mutex);
+            workDone.wait(lock, [&] {
+                return rendered[static_cast<std::size_t>(placed)].has_value() || mayHandOut();
+            });
+            ready.swap(rendered[static_cast<std::size_t>(placed)]);
+        }
+        if (!ready)
+            continue;
+        result.images << place(inputPaths.at(placed), options, *ready);
+        const ImageOutcome& outcome = result.images.constLast();
         if (outcome.ok())
             result.written << outcome.output;
         else
             result.failed << outcome.input;
-        result.images << outcome;
+        ++placed;
         if (callbacks.finished)
-            callbacks.finished(index + 1, total, result.images.constLast());
+            callbacks.finished(placed, total, outcome);
     }
+    result.cancelled = next < total;
+
+    {
+        const std::lock_guard lock(mutex);
+        closing = true;
+    }
+    workWaiting.notify_all();
+    for (const std::unique_ptr<QThread>& thread : threads)
+        thread->wait();
+    // Each worker allocated from a malloc arena of its own; the application lives on after
+    // the drop, so what they freed goes back to the system now.
+    malloc_trim(0);
     return result;
 }
 

@@ -79,8 +79,9 @@ struct RunResult {
     QString error;              // set when nothing could be attempted (bad options)
 };
 
+// Both are called on the thread that runs processImages, in the order of the inputs.
 struct Callbacks {
-    // Before an image is read; index is 0-based.
+    // When an image is handed to a worker; index is 0-based.
     std::function<void(int index, int total, const QString& input)> started;
     // After an image is done or skipped; done counts finished images.
     std::function<void(int done, int total, const ImageOutcome& outcome)> finished;
@@ -89,10 +90,14 @@ struct Callbacks {
 // Converts one image. Never throws; failures come back in the outcome.
 ImageOutcome processImage(const QString& inputPath, const Options& options);
 
-// Processes the images in order on the calling thread. `cancel` is checked before each
-// image, so a cancel stops after the current one and what was written stays.
+// Processes the images on a pool of `workers` threads (0: one per core, 1: one at a time),
+// never more images at once than workers. Outputs are named, originals trashed and results
+// reported in the order of the inputs, so names and results are those of a run one image
+// after the other. `cancel` is checked before each image is handed out: a cancel takes no
+// further image, ends once the images in progress are written, and what was written stays.
 RunResult processImages(const QStringList& inputPaths, const Options& options,
-                        const Callbacks& callbacks = {}, const std::atomic<bool>* cancel = nullptr);
+                        const Callbacks& callbacks = {}, const std::atomic<bool>* cancel = nullptr,
+                        int workers = 0);
 
 // Starts libvips once per process; safe from any thread. False (with the reason) when
 // libvips could not start.

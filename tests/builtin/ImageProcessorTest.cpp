@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <cstdlib>
@@ -229,7 +230,10 @@ TEST(ImageCodecs, QualityAppliesToJpegAndWebpOnly)
     EXPECT_EQ(encodedSize("png", 10), encodedSize("png", 100));
 }
 
-TEST(ImageRuns, UnreadableImagesAreSkippedAndReported)
+class ImagePool : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Workers, ImagePool, testing::Values(1, 2, 3));
+
+TEST_P(ImagePool, UnreadableImagesAreSkippedAndReported)
 {
     QTemporaryDir dir;
     const QString first = makeImageFile(dir.filePath("first.png"), 80, 60);
@@ -251,7 +255,8 @@ TEST(ImageRuns, UnreadableImagesAreSkippedAndReported)
     callbacks.finished = [&](int done, int total, const ImageOutcome&) {
         progress << done << total;
     };
-    const RunResult result = processImages({first, garbage, truncated, last}, options, callbacks);
+    const RunResult result =
+        processImages({first, garbage, truncated, last}, options, callbacks, nullptr, GetParam());
     EXPECT_EQ(progress, (QList<int>{1, 4, 2, 4, 3, 4, 4, 4}));
     EXPECT_EQ(result.written, (QStringList{options.outputFolder + "/first.png",
                                            options.outputFolder + "/last.png"}));
@@ -288,6 +293,108 @@ TEST(ImageRuns, CancelStopsAfterTheCurrentImage)
     EXPECT_TRUE(result.cancelled);
     EXPECT_EQ(started, inputs.mid(0, 2));
     EXPECT_EQ(result.written, (QStringList{dir.filePath("img1.jpg"), dir.filePath("img2.jpg")}));
+}
+
+// Every output file's name and bytes.
+QMap<QString, QByteArray> folderContents(const QString& folder)
+{
+    QMap<QString, QByteArray> contents;
+    for (const QFileInfo& file : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden)) {
+        QFile data(file.filePath());
+        EXPECT_TRUE(data.open(QIODevice::ReadOnly));
+        contents.insert(file.fileName(), data.readAll());
+    }
+    return contents;
+}
+
+TEST_P(ImagePool, NamesContentsAndReportsMatchARunOneImageAtATime)
+{
+    QTemporaryDir dir;
+    // Two pictures named "photo": the first is the larger and usually done last, yet it
+    // takes the plain name as it does one image after the other.
+    QDir().mkpath(dir.filePath("a"));
+    QDir().mkpath(dir.filePath("b"));
+    QStringList inputs{makeImageFile(dir.filePath("a/photo.png"), 1800, 1200),
+                       makeImageFile(dir.filePath("b/photo.png"), 40, 30)};
+    for (int i = 1; i <= 5; ++i)
+        inputs << makeImageFile(dir.filePath(QStringLiteral("b/%1.webp").arg(i)), 90 * i, 60);
+    const auto run = [&](int workers, const QString& out, QStringList* events) {
+        Options options = resizeOptions(300, 300, "jpg");
+        options.outputFolder = dir.filePath(out);
+        QDir().mkpath(options.outputFolder);
+        Callbacks callbacks;
+        callbacks.started = [events](int index, int, const QString&) {
+            *events << QStringLiteral("start %1").arg(index);
+        };
+        callbacks.finished = [events](int done, int total, const ImageOutcome& outcome) {
+            *events << QStringLiteral("done %1/%2 %3")
+                           .arg(done)
+                           .arg(total)
+                           .arg(QFileInfo(outcome.output).fileName());
+        };
+        processImages(inputs, options, callbacks, nullptr, workers);
+        return folderContents(options.outputFolder);
+    };
+    QStringList alone;
+    const QMap<QString, QByteArray> expected = run(1, "alone", &alone);
+    QStringList pooled;
+    const QMap<QString, QByteArray> actual = run(GetParam(), "pool", &pooled);
+    EXPECT_EQ(actual.keys(), expected.keys());
+    EXPECT_TRUE(actual == expected) << "same bytes under the same names";
+    EXPECT_EQ(readBack(dir.filePath("pool/photo.jpg")), "300x200x3 jpegload");
+    EXPECT_EQ(readBack(dir.filePath("pool/photo-resized.jpg")), "300x225x3 jpegload");
+    // The finishing reports come in input order; the pool hands out as many images as it
+    // has workers before the first is reported.
+    const auto only = [](const QStringList& events, const QString& kind) {
+        return events.filter(QRegularExpression(u'^' + kind));
+    };
+    EXPECT_EQ(only(pooled, "done"), only(alone, "done"));
+    EXPECT_EQ(pooled.mid(0, GetParam()), only(alone, "start").mid(0, GetParam()));
+}
+
+TEST_P(ImagePool, AnImageDroppedTwiceIsGoneTheSecondTimeWhenOriginalsAreTrashed)
+{
+    QTemporaryDir dir;
+    const QString twice = makeImageFile(dir.filePath("twice.png"), 600, 400);
+    const QString other = makeImageFile(dir.filePath("other.png"), 60, 40);
+    Options options = resizeOptions(100, 100, "jpg");
+    options.keepOriginals = false;
+    const RunResult result = processImages({twice, twice, other}, options, {}, nullptr, GetParam());
+    EXPECT_EQ(result.written, (QStringList{dir.filePath("twice.jpg"), dir.filePath("other.jpg")}));
+    EXPECT_EQ(result.failed, QStringList{twice});
+}
+
+TEST(ImageRuns, ACancelTakesNoNewImageAndEndsAfterThoseInProgress)
+{
+    QTemporaryDir dir;
+    QStringList inputs;
+    for (int i = 1; i <= 10; ++i)
+        inputs << makeImageFile(dir.filePath(QStringLiteral("img%1.png").arg(i)), 400, 300);
+    Options options = resizeOptions(200, 200, "webp");
+    options.outputFolder = dir.filePath("out");
+    QDir().mkpath(options.outputFolder);
+    std::atomic<bool> cancel{false};
+    QStringList started;
+    QStringList startedAfterCancel;
+    Callbacks callbacks;
+    callbacks.started = [&](int, int, const QString& input) {
+        (cancel ? startedAfterCancel : started) << input;
+    };
+    // The cancel comes with the first report, while the second worker has an image.
+    callbacks.finished = [&](int, int, const ImageOutcome&) { cancel = true; };
+    const RunResult result = processImages(inputs, options, callbacks, &cancel, 2);
+    EXPECT_TRUE(startedAfterCancel.isEmpty());
+    ASSERT_GE(started.size(), 2);
+    EXPECT_EQ(result.cancelled, started.size() < inputs.size());
+    EXPECT_EQ(result.failed, QStringList());
+    QStringList names;
+    for (const QString& input : started)
+        names << QFileInfo(input).completeBaseName() + ".webp";
+    names.sort();
+    EXPECT_EQ(QDir(options.outputFolder).entryList(QDir::Files | QDir::Hidden, QDir::Name), names)
+        << "only whole outputs of the started images, no temporaries";
+    for (const QString& output : result.written)
+        EXPECT_EQ(readBack(output), "200x150x3 webpload");
 }
 
 TEST(ImageRuns, OriginalsGoToTheTrashUnlessKept)
