@@ -388,6 +388,13 @@ bool SshSession::open(const SshLogin& login)
     return true;
 }
 
+bool SshSession::pathRefused() const
+{
+    return m_sftpStatus == LIBSSH2_FX_PERMISSION_DENIED ||
+           m_sftpStatus == LIBSSH2_FX_NO_SUCH_FILE || m_sftpStatus == LIBSSH2_FX_NO_SUCH_PATH ||
+           m_sftpStatus == LIBSSH2_FX_WRITE_PROTECT;
+}
+
 SshSession::PathState SshSession::stat(const QString& path)
 {
     const QByteArray name = path.isEmpty() ? QByteArrayLiteral(".") : path.toUtf8();

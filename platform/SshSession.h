@@ -60,6 +60,9 @@ public:
     Failure failure() const { return m_failure; }
     // The SFTP status code of the last failed request (LIBSSH2_FX_*), 0 when there was none.
     unsigned long sftpStatus() const { return m_sftpStatus; }
+    // Whether the server refused the last request for its path: no permission, a missing
+    // folder, a read-only file system.
+    bool pathRefused() const;
 
     // The remote path of `name` in `folder` ("" and "." are the login folder).
     static QString joinRemote(const QString& folder, const QString& name);
