@@ -14,6 +14,8 @@
 #include <libssh2_sftp.h>
 #include <mutex>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -233,6 +235,9 @@ bool SshSession::open(const SshLogin& login)
             errno = error;
         }
         if (status == 0) {
+            // Requests are small and answered one by one; Nagle would hold each back.
+            const int on = 1;
+            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             d->socket = fd;
         } else {
             lastError = errno;
@@ -546,12 +551,10 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
             progress(sent);
         }
     }
-    if (ok) {
-        // Best effort: servers without the fsync extension say so and the data is still there.
-        d->retry([&] { return libssh2_sftp_fsync(handle); });
-        ok = d->interrupted == Failure::None;
-    }
-    const int closed = d->retry([&] { return libssh2_sftp_close_handle(handle); });
+    // A server that stopped answering would only make the close wait as long again.
+    const int closed = d->interrupted != Failure::None
+                           ? LIBSSH2_ERROR_TIMEOUT
+                           : d->retry([&] { return libssh2_sftp_close_handle(handle); });
     if (!ok || closed != 0) {
         const QString message = ok ? protocolError(closed) : writeError;
         removeTemporary();
