@@ -9,6 +9,7 @@
 #include "builtin/RunAppleScriptAction.h"
 #include "builtin/RunScriptAction.h"
 #include "builtin/RunShortcutAction.h"
+#include "builtin/SftpUploadAction.h"
 #include "core/SupportPaths.h"
 
 #include <QDir>
@@ -114,6 +115,7 @@ BuiltInActionCatalog::BuiltInActionCatalog()
                             "ExtendedLogin", imagePath(QStringLiteral("sftp")));
     sftp.defaultPort = QStringLiteral("22");
     sftp.keyModifiers = QStringLiteral("option");
+    sftp.actionClass = classOf<SftpUploadAction>();
     m_availableActions << sftp;
 
     // Handles files so that its handles_option can admit drops; clicks always run it.

@@ -118,7 +118,9 @@ QList<std::pair<QString, QList<ActionOptionSpec>>> schemas()
              option("path_secondary", Kind::Path, "Public key file (for SSH key authentication)"),
              secret("passphrase", "Passphrase of the private key", true),
              option("remote_path", Kind::Text, "Folder on the server to upload into"),
-             option("url", Kind::Url, "URL prefix under which uploaded files can be reached")});
+             option("root_url", Kind::Url,
+                    "Web address of remote_path; a single upload returns it joined with the "
+                    "file's name")});
         map.insert(QStringLiteral("OpenURL"),
                    {required(option("url", Kind::Url,
                                     "The URL to open; text without a scheme opens as https://"))});

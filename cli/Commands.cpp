@@ -41,8 +41,11 @@ constexpr Option ListOptions[] = {
 constexpr Positional RunArguments[] = {{"NAME", "name", Text, true},
                                        {"FILES...", "files", Files, false}};
 constexpr Option RunOptions[] = {
-    {"--event", "event", Event, "clicked|dragged",
-     "how the action is used; dragged when FILES or --text are given, else clicked"},
+    {"--event", "event", Event, "clicked|dragged|test_connection",
+     "how the action is used; dragged when FILES or --text are given, else clicked; "
+     "test_connection tests the login of an upload action"},
+    {"--modifier", "modifier", Text, "option|command|shift|control",
+     "the modifier key held at the drop (Option is the Alt key)"},
     {"--text", "text", Text, "TEXT", "run the action on this text"}};
 
 constexpr Option MoveActionOptions[] = {

@@ -25,7 +25,7 @@ enum class ValueKind {
     Text,    // a string as given
     Integer, // a whole number, sent as a JSON number
     Path,    // a path, made absolute against the working folder
-    Event,   // "clicked" or "dragged"
+    Event,   // "clicked", "dragged" or "test_connection"
     Switch,  // on or off, sent as a boolean
     Options, // KEY=VALUE pairs up to the next option, collected into one object
     List,    // text, once each time the option is given, collected into an array in order

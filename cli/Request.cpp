@@ -140,9 +140,9 @@ private:
         }
         case ValueKind::Event: {
             const std::string event = lowered(value);
-            if (event != "clicked" && event != "dragged") {
-                fail(std::string(spelling) + " takes clicked or dragged, not " + inQuotes(value) +
-                     ".");
+            if (event != "clicked" && event != "dragged" && event != "test_connection") {
+                fail(std::string(spelling) + " takes clicked, dragged or test_connection, not " +
+                     inQuotes(value) + ".");
                 return std::nullopt;
             }
             return event;

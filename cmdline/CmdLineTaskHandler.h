@@ -103,6 +103,9 @@ private:
     void list(const CmdLineRequestPtr& client, const QVariantMap& request);
     void moveAction(const CmdLineRequestPtr& client, const QVariantMap& request);
     void run(const CmdLineRequestPtr& client, const QVariantMap& request);
+    void testConnection(const CmdLineRequestPtr& client, const std::shared_ptr<GridAction>& action);
+    void runWithModifier(const CmdLineRequestPtr& client, const std::shared_ptr<GridAction>& action,
+                         const QString& modifier, const QStringList& files);
     void listRunning(const CmdLineRequestPtr& client, const QVariantMap& request);
     void cancel(const CmdLineRequestPtr& client, const QVariantMap& request);
     void status(const CmdLineRequestPtr& client, const QVariantMap& request);

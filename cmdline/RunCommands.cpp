@@ -4,6 +4,7 @@
 #include "cmdline/CommandSupport.h"
 #include "core/Log.h"
 #include "events/EventsHandler.h"
+#include "events/KeyModifiers.h"
 #include "tasks/Task.h"
 #include "tasks/TaskContext.h"
 #include "tasks/TaskOutputHandler.h"
@@ -45,6 +46,15 @@ void CmdLineTaskHandler::run(const CmdLineRequestPtr& client, const QVariantMap&
     if (!m_runStarter) {
         client->respond(
             QStringLiteral("Error: Actions cannot be run yet; Skelvo is still starting."));
+        return;
+    }
+    if (event == u"test_connection") {
+        testConnection(client, action);
+        return;
+    }
+    const QString modifier = str(request, "modifier").toLower();
+    if (!modifier.isEmpty()) {
+        runWithModifier(client, action, modifier, files);
         return;
     }
     // A header that fails validation says why, rather than what the action cannot take.
@@ -116,6 +126,91 @@ void CmdLineTaskHandler::run(const CmdLineRequestPtr& client, const QVariantMap&
                         QStringLiteral("' could not be started") +
                         (problems.isEmpty() ? QStringLiteral(".")
                                             : QStringLiteral(": ") + problems.join(u'\n')));
+    }
+}
+
+void CmdLineTaskHandler::testConnection(const CmdLineRequestPtr& client,
+                                        const GridActionPtr& action)
+{
+    const ActionFilePtr file = action->actionFile();
+    if (!file || !file->isBuiltInAction || !file->handlesTestConnection()) {
+        client->respond(QStringLiteral("Error: Action '") + action->name +
+                        QStringLiteral("' has no connection test."));
+        return;
+    }
+    QVariantMap variables;
+    for (auto it = action->extraVariables.cbegin(); it != action->extraVariables.cend(); ++it) {
+        variables.insert(it.key(), it.value());
+    }
+    client->stayOpen();
+    BuiltInAction* run =
+        BuiltInActionRunner::shared()->runActionWithTestConnection(*file, variables);
+    if (!run || run->isFinished()) {
+        if (!run && !client->hasFailed()) {
+            client->respond(QStringLiteral("Error: The connection test of '") + action->name +
+                            QStringLiteral("' could not be started."));
+        }
+        client->finish();
+        return;
+    }
+    m_runs.insert(run, client);
+    QPointer<CmdLineTaskHandler> self(this);
+    run->completion = [self, client] {
+        if (self) {
+            self->unbind(client);
+        }
+        client->finish();
+    };
+}
+
+// A drop with a modifier key held, which only built-in actions take from the command line.
+void CmdLineTaskHandler::runWithModifier(const CmdLineRequestPtr& client,
+                                         const GridActionPtr& action, const QString& modifier,
+                                         const QStringList& files)
+{
+    KeyModifiers held;
+    held.option = modifier == u"option" || modifier == u"alt";
+    held.command = modifier == u"command" || modifier == u"super";
+    held.shift = modifier == u"shift";
+    held.control = modifier == u"control" || modifier == u"ctrl";
+    if (held == KeyModifiers()) {
+        client->respond(QStringLiteral("Error: --modifier takes option, command, shift or "
+                                       "control, not '") +
+                        modifier + u'\'');
+        return;
+    }
+    const ActionFilePtr file = action->actionFile();
+    const QString selected = file ? held.selectFor(*file) : QString();
+    if (selected.isEmpty()) {
+        client->respond(QStringLiteral("Error: Action '") + action->name +
+                        QStringLiteral("' does not use the ") + modifier +
+                        QStringLiteral(" modifier."));
+        return;
+    }
+    if (!file->isBuiltInAction || files.isEmpty()) {
+        client->respond(QStringLiteral("Error: --modifier applies to built-in actions run on "
+                                       "files."));
+        return;
+    }
+    QList<QUrl> urls;
+    for (const QString& path : files) {
+        urls << QUrl::fromLocalFile(path);
+    }
+    client->stayOpen();
+    QPointer<CmdLineTaskHandler> self(this);
+    BuiltInAction* run = BuiltInActionRunner::shared()->runActionWithDragWithGridAction(
+        action, urls, selected, nullptr, [self, client] {
+            if (self) {
+                self->unbind(client);
+            }
+            client->finish();
+        });
+    if (run && !run->isFinished()) {
+        m_runs.insert(run, client);
+    } else if (!run && !client->isFinished()) {
+        client->respond(QStringLiteral("Error: Action '") + action->name +
+                        QStringLiteral("' could not be started."));
+        client->finish();
     }
 }
 

@@ -30,4 +30,7 @@ Result write(const QString& archive, const QStringList& sources, const Progress&
 // Whether the content at `path` is stored without compression (already compressed).
 bool isAlreadyCompressed(const QString& path);
 
+// Whether an entry of `size` source bytes is written with Zip64 fields.
+bool needsZip64(qint64 size);
+
 } // namespace ZipWriter

@@ -60,7 +60,11 @@ _sk()
     fi
     case $prev in
     --event)
-        mapfile -t COMPREPLY < <(compgen -W "clicked dragged" -- "$cur")
+        mapfile -t COMPREPLY < <(compgen -W "clicked dragged test_connection" -- "$cur")
+        return
+        ;;
+    --modifier)
+        mapfile -t COMPREPLY < <(compgen -W "option command shift control" -- "$cur")
         return
         ;;
     --drop-bar | --switcher)
@@ -81,7 +85,7 @@ _sk()
     local options=
     case $command in
     list) options="--grid --json" ;;
-    run) options="--event --text" ;;
+    run) options="--event --modifier --text" ;;
     move-action) options="--category --grid --from-grid --position" ;;
     add-action) options="--grid --category --name --icon --options" ;;
     remove-action) options="--grid" ;;

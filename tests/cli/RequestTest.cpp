@@ -95,8 +95,8 @@ TEST(Request, EachCommandLineMakesItsKeys)
 // Each refused command line and its usage error, or the start of it.
 const std::pair<sk::Arguments, const char*> Refusals[] = {
     {{"run"},
-     "run: needs NAME. Usage: sk run NAME [FILES...] [--event clicked|dragged] [--text "
-     "TEXT]"},
+     "run: needs NAME. Usage: sk run NAME [FILES...] [--event clicked|dragged|test_connection] "
+     "[--modifier option|command|shift|control] [--text TEXT]"},
     {{"run", "--text", "hi"}, "run: needs NAME."},
     {{"cancel"}, "cancel: needs INDEX. Usage: sk cancel INDEX"},
     {{"cancel", "1.5"}, "cancel: INDEX must be a whole number, not '1.5'."},
@@ -125,7 +125,8 @@ const std::pair<sk::Arguments, const char*> Refusals[] = {
     {{"settings", "set", "PlaySounds"}, "settings set: needs VALUE. Usage: sk settings set KEY"},
     {{"list", "--grid"}, "list: --grid needs a value (GRID)."},
     {{"status", "--json"}, "status: unknown option '--json'."},
-    {{"run", "X", "--event", "hover"}, "run: --event takes clicked or dragged, not 'hover'."},
+    {{"run", "X", "--event", "hover"},
+     "run: --event takes clicked, dragged or test_connection, not 'hover'."},
     {{"grid-settings", "Main", "--drop-bar", "maybe"},
      "grid-settings: --drop-bar takes on or off, not 'maybe'."},
     {{"grid-settings", "Main", "--cols", "auto"},
