@@ -133,7 +133,7 @@ def main():
         zip_bench = os.path.join(ROOT, "bench", "zip_bench.py")
         if os.path.exists(zip_bench):
             print("\nzip step (bench/zip_bench.py):", flush=True)
-            subprocess.run([sys.executable, zip_bench, BUILD])
+            subprocess.run([sys.executable, zip_bench, "--build", BUILD])
         else:
             print("\nzip step: bench/zip_bench.py is not in this checkout")
         return 0 if ratio >= TARGET_RATIO else 1
