@@ -215,9 +215,12 @@ TEST_F(EndToEndTest, ASecondInstanceHandsOverItsArguments)
     EXPECT_EQ(second.readAllStandardOutput(),
               "Skelvo is already running; handed over 1 argument(s)\n");
     EXPECT_EQ(app->process().state(), QProcess::Running);
-    // Made absolute against the second instance's folder, and installed.
+    // Made absolute against the second instance's folder, and installed; without a display
+    // the single-install alert takes its default answer, "Add to Grid".
     EXPECT_TRUE(HeadlessApp::waitUntil(
         [] { return QFileInfo::exists(app->path("data/Skelvo/Actions/New.skbundle/action.rb")); }));
+    EXPECT_TRUE(
+        HeadlessApp::waitUntil([] { return app->sk({"list"}).out.contains("New"); }, 10000));
 }
 
 // With an application of its own, which it ends.
