@@ -27,6 +27,7 @@ constexpr int PollSliceMs = 100;
 // so that the channel window, not round trips, bounds the speed.
 constexpr qsizetype WriteWindow = 4 * 1024 * 1024;
 constexpr qsizetype ReadSize = 1024 * 1024;
+constexpr qsizetype BufferSize = 4 * WriteWindow;
 
 void initialiseLibrary()
 {
@@ -477,7 +478,7 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         return m_sftpStatus ? sftpStatusText(m_sftpStatus) : d->sessionError();
     };
     QFile source(localPath);
-    if (!source.open(QIODevice::ReadOnly)) {
+    if (!source.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         return fail(UploadStep::Open,
                     QStringLiteral("Could not read %1: %2").arg(localPath, source.errorString()));
     }
@@ -505,40 +506,39 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         }
     };
 
-    // The window holds data that libssh2 has not yet seen acknowledged; it is topped up from
-    // the file as acknowledgements come in, so the pipeline never drains between reads.
-    QByteArray window;
-    window.reserve(WriteWindow + ReadSize);
+    // libssh2 wants the unacknowledged data handed to it again from its first byte, so the
+    // buffer keeps it contiguous; it is read into in place and moved to the front only when
+    // the end is reached, which keeps the copying to a small part of the data.
+    QByteArray buffer(BufferSize, Qt::Uninitialized);
     qsizetype start = 0;
+    qsizetype end = 0;
     qint64 sent = 0;
     bool atEnd = false;
     bool ok = true;
     QString writeError;
     while (ok) {
-        if (!atEnd && window.size() - start < WriteWindow) {
-            if (start > 0) {
-                window.remove(0, start);
+        if (!atEnd && end - start < WriteWindow) {
+            if (end + ReadSize > buffer.size()) {
+                std::memmove(buffer.data(), buffer.constData() + start, size_t(end - start));
+                end -= start;
                 start = 0;
             }
-            const QByteArray chunk = source.read(ReadSize);
-            if (chunk.isEmpty()) {
-                if (!source.atEnd()) {
-                    ok = false;
-                    writeError = QStringLiteral("Could not read %1: %2")
-                                     .arg(localPath, source.errorString());
-                    break;
-                }
-                atEnd = true;
+            const qint64 got = source.read(buffer.data() + end, ReadSize);
+            if (got < 0) {
+                ok = false;
+                writeError =
+                    QStringLiteral("Could not read %1: %2").arg(localPath, source.errorString());
+                break;
             }
-            window += chunk;
+            atEnd = got == 0;
+            end += got;
             continue;
         }
-        if (window.size() == start) {
+        if (end == start) {
             break; // all written and acknowledged
         }
         const ssize_t written = d->retry([&] {
-            return libssh2_sftp_write(handle, window.constData() + start,
-                                      size_t(window.size() - start));
+            return libssh2_sftp_write(handle, buffer.constData() + start, size_t(end - start));
         });
         if (written < 0) {
             ok = false;
