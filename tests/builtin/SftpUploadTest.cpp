@@ -116,6 +116,8 @@ protected:
         }
         app->writeFile(QStringLiteral("files/one file.bin"), randomBytes(3 << 20));
         app->writeFile(QStringLiteral("files/big.bin"), randomBytes(4 << 20));
+        // More than the requests in flight at once, and not a whole number of them.
+        app->writeFile(QStringLiteral("files/odd.bin"), randomBytes((9 << 20) + 12344));
         for (const char* name : {"a.txt", "b.txt", "c.txt"}) {
             app->writeFile(QStringLiteral("files/") + QString::fromUtf8(name),
                            QByteArray("contents of ") + name);
@@ -226,6 +228,13 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
          "",
          [&] { return same(up + QStringLiteral("/one file.bin"), "one file.bin"); }},
         {"Key",
+         {"odd.bin"},
+         false,
+         0,
+         "https://example.com/up/odd.bin\n",
+         "",
+         [&] { return same(up + QStringLiteral("/odd.bin"), "odd.bin"); }},
+        {"Key",
          {"a.txt", "b.txt"},
          false,
          0,
@@ -252,7 +261,7 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
          1,
          "",
          ZipRefusal,
-         [&] { return QDir(up).entryList(QDir::Files).size() == 4; }},
+         [&] { return QDir(up).entryList(QDir::Files).size() == 5; }},
         {"Key",
          {"dir1"},
          true,
@@ -331,7 +340,7 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
         EXPECT_TRUE(row.remote());
     }
     // Nothing partial is left under a final name, and the temporary names are hidden.
-    EXPECT_EQ(QDir(up).entryList(QDir::Files).size(), 5) << QDir(up).entryList().join(u',');
+    EXPECT_EQ(QDir(up).entryList(QDir::Files).size(), 6) << QDir(up).entryList().join(u',');
 }
 
 TEST_F(SftpUploadTest, AChangedHostKeyIsRefusedBeforeAnyUpload)
