@@ -38,7 +38,7 @@ int mode(const QString& path)
     return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
 }
 
-// Every file under a folder with its contents, to compare a whole tree.
+// Every file and folder under `folder` with its contents, to compare a whole tree.
 QMap<QString, QByteArray> tree(const QString& folder)
 {
     QMap<QString, QByteArray> files;
@@ -57,44 +57,34 @@ protected:
     InstallTest()
     {
         ensureCoreApplication();
-        m_hadTmp = qEnvironmentVariableIsSet("TMPDIR");
-        m_previousTmp = qgetenv("TMPDIR");
-        qputenv("TMPDIR", QFile::encodeName(tmpDir()));
-        QDir().mkpath(tmpDir());
+        qputenv("TMPDIR", QFile::encodeName(path("tmp")));
+        QDir().mkpath(path("tmp"));
         controller.setApplicationVersion("5.0");
         parser.setPresenters(&alerts, &windows);
         controller.setAddToGrid([this](const ActionFilePtr& r) { addedToGrid << r->actionName; });
         center.addObserver({}, nullptr, [this](const Notification& n) { posted << n.name; });
     }
-    ~InstallTest() override
-    {
-        if (m_hadTmp) {
-            qputenv("TMPDIR", m_previousTmp);
-        } else {
-            qunsetenv("TMPDIR");
-        }
-    }
+    ~InstallTest() override { m_hadTmp ? qputenv("TMPDIR", m_previousTmp) : qunsetenv("TMPDIR"); }
 
     QString path(const QString& relative) const { return QDir(home.path()).filePath(relative); }
-    QString userDir() const { return path("user"); }
-    QString tmpDir() const { return path("tmp"); }
-    // A bundle (folder) or single-file action under "src".
-    QString source(const QString& file, const QByteArray& text)
+    QString user() const { return path("user"); }
+    // Writes src/<file> (a bundle folder when it ends in .skbundle) and, given `zipAs`, zips
+    // `entries` of src (default: that file) into archives/<zipAs>; returns what to install.
+    QString source(const QString& file, const QByteArray& text, const QString& zipAs = {},
+                   QStringList entries = {})
     {
         const bool bundle = file.endsWith(".skbundle");
         const QString written = home.writeFile("src/" + file + (bundle ? "/action.rb" : ""), text);
-        return bundle ? QFileInfo(written).path() : written;
-    }
-    // Zips the named entries of "src" into "archives/<name>".
-    QString zipped(const QString& name, const QStringList& entries)
-    {
+        if (zipAs.isEmpty()) {
+            return bundle ? QFileInfo(written).path() : written;
+        }
         QDir().mkpath(path("archives"));
         QProcess zip;
         zip.setWorkingDirectory(path("src"));
-        zip.start("zip", QStringList{"-qry", path("archives/" + name)} + entries);
-        EXPECT_TRUE(zip.waitForFinished() && zip.exitCode() == 0)
-            << zip.readAllStandardError().toStdString();
-        return path("archives/" + name);
+        zip.start("zip", QStringList{"-qry", path("archives/" + zipAs)} +
+                             (entries.isEmpty() ? QStringList{file} : entries));
+        EXPECT_TRUE(zip.waitForFinished() && zip.exitCode() == 0);
+        return path("archives/" + zipAs);
     }
     InstallResult install(const QString& file, bool headless = false, const QString& header = {},
                           const QString& newName = {})
@@ -103,9 +93,8 @@ protected:
         controller.addActionBundleOrScriptWithPath(file, true, header, newName, headless,
                                                    [&](const InstallResult& r) { result = r; });
         EXPECT_TRUE(waitUntil([&] { return result.has_value(); }));
-        EXPECT_FALSE(controller.isAlreadyInstallingAction());
-        EXPECT_FALSE(parser.skipDuplicatesCheck());
-        EXPECT_TRUE(QDir(tmpDir()).isEmpty()) << "unpacked files left behind";
+        EXPECT_FALSE(controller.isAlreadyInstallingAction() || parser.skipDuplicatesCheck());
+        EXPECT_TRUE(QDir(path("tmp")).isEmpty()) << "unpacked files left behind";
         return result.value_or(InstallResult{});
     }
     QStringList titles() const
@@ -119,76 +108,92 @@ protected:
     }
 
     TestHome home;
+    bool m_hadTmp = qEnvironmentVariableIsSet("TMPDIR");
+    QByteArray m_previousTmp = qgetenv("TMPDIR");
     std::shared_ptr<FakeAlertPresenter> presenter = std::make_shared<FakeAlertPresenter>();
     AlertHelper alerts{presenter};
     FakeWindowPresenter windows;
     NotificationCenter center;
-    ActionFileParser parser{path("internal"), userDir()};
+    ActionFileParser parser{path("internal"), user()};
     ActionFilesController controller{parser, alerts, windows, center};
     QStringList posted;
     QStringList addedToGrid;
-
-private:
-    bool m_hadTmp = false;
-    QByteArray m_previousTmp;
 };
 
-struct InstallRow {
-    const char* kind; // folder, file, zipped (a ".skbundle" archive), zip
-    const char* extra;
-    const char* installedAs;
-};
-
-TEST_F(InstallTest, InstallsEachFormUnderItsName)
+// Each form installs under the action's name; a refusal shows why and installs nothing.
+TEST_F(InstallTest, InstallsEachFormOrRefuses)
 {
-    const InstallRow rows[] = {
-        {"folder", "", "Src.skbundle"},
-        {"file", "", "Src.skelvo"},
-        {"folder", "# MinSkelvoVersion: 5.0.1\n", "Src.skbundle"}, // more components: equal
-        {"zipped", "", "Named.skbundle"},
-        {"zip", "", "Named.skbundle"},
+    const struct {
+        QString file;
+        QByteArray text;
+        QString zipAs;
+        QString installedAs; // a folder or file keeps its name, an archive takes the action's
+                             // name; empty: refused
+        QString title = {};
+        QString message = {};
+    } rows[] = {
+        {"Src.skbundle", script("Named"), {}, "Src.skbundle"},
+        {"Src.skelvo", script("Named"), {}, "Src.skelvo"},
+        {"Src.skbundle", script("Named", "# MinSkelvoVersion: 5.0.1\n"), {}, "Src.skbundle"},
+        {"Src.skbundle", script("Named"), "Pack.zip", "Named.skbundle"},
+        {"Src.skbundle",
+         "# Skelvo Action Info\n# Name: Bad\n# Description: d\n# Handles: Files\n",
+         {},
+         {},
+         "Invalid Action Meta Data",
+         "The action script you are trying to add contains invalid or missing meta data. The "
+         "following problems were found:\n\n-Creator field is missing\n-URL field is missing\n"},
+        {"Src.skbundle",
+         script("New", "# MinSkelvoVersion: 5.1\n"),
+         {},
+         {},
+         "New action requires a newer version of Skelvo",
+         "This action requires a minimum of Skelvo version 5.1. You currently have version "
+         "5.0.\n\nYou can update to the latest version from the Updates tab in the Settings."},
     };
-    for (const InstallRow& row : rows) {
-        SCOPED_TRACE(row.kind);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text.toStdString());
         QDir(path("src")).removeRecursively();
-        const QString kind = row.kind;
-        const QByteArray text = script("Named", row.extra);
-        QString file = source(kind == "file" ? "Src.skelvo" : "Src.skbundle", text);
-        if (kind.startsWith("zip")) {
-            file = zipped(kind == "zip" ? "Pack.zip" : "Pack.skbundle", {"Src.skbundle"});
-        }
+        QDir(user()).removeRecursively();
+        presenter->alerts.clear();
         posted.clear();
         windows.progressMessages.clear();
-        const InstallResult result = install(file);
-        const QString installed = QDir(userDir()).filePath(row.installedAs);
-        ASSERT_TRUE(result.ok) << result.message;
+        const InstallResult result = install(source(row.file, row.text, row.zipAs));
+        EXPECT_EQ(windows.progressMessages,
+                  row.zipAs.isEmpty() ? QStringList{} : QStringList{"Installing Pack..."});
+        EXPECT_FALSE(windows.progressVisible);
+        if (row.installedAs.isEmpty()) {
+            EXPECT_FALSE(result.ok);
+            EXPECT_EQ(titles(), QStringList{row.title});
+            EXPECT_EQ(presenter->alerts.value(0).message, row.message);
+            EXPECT_EQ(windows.settingsPages,
+                      row.text.contains("5.1") ? QStringList{"Updates"} : QStringList{});
+            windows.settingsPages.clear();
+            EXPECT_EQ(tree(user()), (QMap<QString, QByteArray>{}));
+            continue;
+        }
+        ASSERT_TRUE(result.ok && result.action) << result.message;
         EXPECT_EQ(result.message, "Named Sucessfully Installed");
-        ASSERT_TRUE(result.action);
-        EXPECT_EQ(result.action->taskPath, installed);
-        EXPECT_EQ(readAll(result.action->scriptPath()), text);
+        EXPECT_EQ(result.action->taskPath, user() + "/" + row.installedAs);
+        EXPECT_EQ(readAll(result.action->scriptPath()), row.text);
         EXPECT_EQ(mode(result.action->scriptPath()), 0777);
         EXPECT_EQ(posted,
                   QStringList({"SKReloadUserActionsTable", "SKActionSingleInstallCompleted"}));
-        EXPECT_EQ(windows.progressMessages,
-                  kind.startsWith("zip") ? QStringList{"Installing Pack..."} : QStringList{});
-        EXPECT_FALSE(windows.progressVisible);
-        EXPECT_EQ(titles().last(), "Named Sucessfully Installed");
-        EXPECT_EQ(presenter->alerts.last().buttons, QStringList({"Add to Grid", "OK"}));
+        EXPECT_EQ(titles(), QStringList{"Named Sucessfully Installed"});
+        EXPECT_EQ(presenter->alerts.value(0).buttons, QStringList({"Add to Grid", "OK"}));
         EXPECT_EQ(addedToGrid.takeLast(), "Named");
-        FileOperations::removeRecursively(installed);
     }
 }
 
 TEST_F(InstallTest, ReplacesAnInstalledActionWithoutDuplicateAlert)
 {
     home.writeFile("src/Old.skbundle/stale.txt", "old");
-    source("Old.skbundle", script("Same", "# Version: 1\n"));
-    source("New.skbundle", script("Same", "# Version: 2\n"));
-    ASSERT_TRUE(install(zipped("Old.zip", {"Old.skbundle"})).ok);
-    const InstallResult result = install(zipped("New.zip", {"New.skbundle"}));
+    ASSERT_TRUE(install(source("Old.skbundle", script("Same", "# Version: 1\n"), "Old.zip")).ok);
+    const InstallResult result =
+        install(source("New.skbundle", script("Same", "# Version: 2\n"), "New.zip"));
     ASSERT_TRUE(result.ok) << result.message;
     EXPECT_EQ(result.action->version, "2");
-    EXPECT_EQ(tree(userDir()).keys(), QStringList({"Same.skbundle", "Same.skbundle/action.rb"}));
+    EXPECT_EQ(tree(user()).keys(), QStringList({"Same.skbundle", "Same.skbundle/action.rb"}));
     // Opening the installed copy installs it onto itself.
     EXPECT_TRUE(install(path("user/Same.skbundle")).ok);
     EXPECT_EQ(parser.getActionWithType("Same")->version, "2");
@@ -197,25 +202,23 @@ TEST_F(InstallTest, ReplacesAnInstalledActionWithoutDuplicateAlert)
 
 TEST_F(InstallTest, ListsEndWithOneAlert)
 {
-    struct Row {
+    const struct {
         QStringList files;
         int answer;
-        QString title;
+        QString title = {};
         QStringList added;
     } rows[] = {
         {{"A.skbundle", "b.skelvo", "c.txt"}, 0, "New Actions Installed", {}},
-        {{"A.skbundle", "c.txt"}, 0, "A Sucessfully Installed", {"A"}},
-        {{"b.skelvo"}, 1, "b Sucessfully Installed", {}},
+        {{"b.skelvo", "c.txt"}, 1, "b Sucessfully Installed", {}}, // "OK": not added
         {{"c.txt"}, 0, "", {}},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.title.toStdString());
         QStringList files;
         for (const QString& file : row.files) {
             files << source(file, script(QFileInfo(file).completeBaseName()));
         }
         presenter->alerts.clear();
-        addedToGrid.clear();
         presenter->setNextAnswer(row.answer);
         controller.addActionBundlesOrScripts(files);
         EXPECT_TRUE(waitUntil([&] {
@@ -224,104 +227,66 @@ TEST_F(InstallTest, ListsEndWithOneAlert)
         }));
         EXPECT_EQ(titles(), row.title.isEmpty() ? QStringList{} : QStringList{row.title});
         EXPECT_EQ(addedToGrid, row.added);
-        if (row.files.size() == 3) {
-            EXPECT_EQ(presenter->alerts.value(0).message,
-                      "2 new actions were installed successfully.\n\nYou can add these actions "
-                      "to the grid from the add action menu.");
-        }
     }
-    EXPECT_EQ(tree(userDir()).keys().filter("c.txt"), QStringList{});
+    EXPECT_EQ(tree(user()).keys().filter("c.txt"), QStringList{});
 }
 
-TEST_F(InstallTest, RefusalsInstallNothing)
+TEST_F(InstallTest, FailedArchivesAndCopiesLeaveTheInstalledCopyUntouched)
 {
-    struct Row {
-        QByteArray text;
-        bool headless;
-        QString title;
-        QString detail;
-        QStringList settingsPages;
-    } rows[] = {
-        {"# Skelvo Action Info\n# Name: Bad\n# Description: d\n# Handles: Files\n",
-         false,
-         "Invalid Action Meta Data",
-         "The action script you are trying to add contains invalid or missing meta data. The "
-         "following problems were found:\n\n-Creator field is missing\n-URL field is missing\n",
-         {}},
-        {script("New", "# MinSkelvoVersion: 5.1\n"),
-         false,
-         "New action requires a newer version of Skelvo",
-         "This action requires a minimum of Skelvo version 5.1. You currently have version "
-         "5.0.\n\nYou can update to the latest version from the Updates tab in the Settings.",
-         {"Updates"}},
-        {script("Head", "# MinSkelvoVersion: 6\n"), true, "", "version 6", {}},
-        {"puts 1\n", true, "", "-Section beginning with # Skelvo Action Info not found", {}},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.detail.toStdString());
-        presenter->alerts.clear();
-        windows.settingsPages.clear();
-        LogCapture log;
-        const InstallResult result = install(source("R.skbundle", row.text), row.headless);
-        EXPECT_FALSE(result.ok);
-        EXPECT_TRUE(result.message.contains(row.detail)) << result.message;
-        EXPECT_EQ(titles(), row.title.isEmpty() ? QStringList{} : QStringList{row.title});
-        if (!row.title.isEmpty()) {
-            EXPECT_EQ(presenter->alerts.first().message, row.detail);
-        } else {
-            EXPECT_TRUE(log.contains(row.detail));
-        }
-        EXPECT_EQ(windows.settingsPages, row.settingsPages);
-        EXPECT_FALSE(QFileInfo::exists(userDir() + "/R.skbundle"));
-    }
-}
-
-TEST_F(InstallTest, FailedArchivesLeaveTheInstalledCopyUntouched)
-{
-    source("Keep.skbundle", script("Keep"));
     home.writeFile("src/Keep.skbundle/data.bin", QByteArray(5000, 'k'));
-    ASSERT_TRUE(install(path("src/Keep.skbundle")).ok);
-    const auto before = tree(userDir());
+    ASSERT_TRUE(install(source("Keep.skbundle", script("Keep"))).ok);
+    const auto before = tree(user());
     QDir(path("src")).removeRecursively();
 
-    source("Keep.skbundle", script("Keep", "# Version: 2\n"));
     source("Other.skbundle", script("Other"));
     source("Esc.skbundle", script("../../Evil"));
-    const QByteArray good = readAll(zipped("good.zip", {"Keep.skbundle"}));
-    QFile::resize(path("src/Keep.skbundle/action.rb"), 0);
-    struct Row {
+    const QByteArray good =
+        readAll(source("Keep.skbundle", script("Keep", "# Version: 2\n"), "good.zip"));
+    const QByteArray two = readAll(source("Keep.skbundle", script("Keep", "# Version: 2\n"),
+                                          "two.zip", {"Keep.skbundle", "Other.skbundle"}));
+    const QByteArray escaping = readAll(source("Esc.skbundle", script("../../Evil"), "esc.zip"));
+    const QByteArray empty = readAll(source("Keep.skbundle", {}, "empty.zip"));
+    const struct {
         const char* name;
         QByteArray archive;
         const char* detail;
     } rows[] = {
         {"garbage", QByteArray(4096, '\x5a'), ""},
         {"truncated", good.left(good.size() / 2), ""},
-        {"two bundles", readAll(zipped("two.zip", {"Keep.skbundle", "Other.skbundle"})),
-         "exactly one action bundle"},
-        {"no header", readAll(zipped("empty.zip", {"Keep.skbundle"})), "not found"},
-        {"escaping name", readAll(zipped("esc.zip", {"Esc.skbundle"})),
-         "cannot be used as the name"},
+        {"two bundles", two, "exactly one action bundle"},
+        {"no header", empty, "not found"},
+        {"escaping name", escaping, "cannot be used as the name"},
+        {"a named pipe, which cannot be copied however often it is tried",
+         {},
+         "Keep could not be installed\nIt could not be copied"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        home.writeFile("archives/Keep.skbundle", row.archive);
-        const InstallResult result = install(path("archives/Keep.skbundle"));
+        QString file = home.writeFile("archives/Keep.skbundle", row.archive);
+        if (row.archive.isEmpty()) {
+            file = source("Keep.skbundle", script("Keep"));
+            ASSERT_EQ(::mkfifo(QFile::encodeName(file + "/pipe").constData(), 0600), 0);
+        }
+        const InstallResult result = install(file);
         EXPECT_FALSE(result.ok || result.cancelled);
         EXPECT_TRUE(result.message.contains(row.detail)) << result.message;
         EXPECT_EQ(presenter->alerts.last().style, Alert::Style::Critical);
-        EXPECT_EQ(tree(userDir()), before);
+        EXPECT_EQ(tree(user()), before);
     }
+    // No folder to install into.
+    FileOperations::removeRecursively(user());
+    home.writeFile("user", "a file where the folder should be");
+    EXPECT_FALSE(install(path("src/Other.skbundle"), true).ok);
 }
 
 TEST_F(InstallTest, OneInstallAtATimeAndCancelKeepsTheOldCopy)
 {
     ASSERT_TRUE(install(source("Big.skbundle", script("Big"))).ok);
-    const auto before = tree(userDir());
+    const auto before = tree(user());
     home.writeFile("src/Big.skbundle/data.bin", "new");
-    const QString archive = zipped("Big.skbundle", {"Big.skbundle"});
-
     std::optional<InstallResult> result;
-    controller.addActionBundleOrScriptWithPath(archive, true, {}, {}, false,
+    controller.addActionBundleOrScriptWithPath(source("Big.skbundle", script("Big"), "Big.zip"),
+                                               true, {}, {}, false,
                                                [&](const InstallResult& r) { result = r; });
     EXPECT_TRUE(parser.skipDuplicatesCheck());
     std::optional<InstallResult> refused;
@@ -333,10 +298,9 @@ TEST_F(InstallTest, OneInstallAtATimeAndCancelKeepsTheOldCopy)
     windows.progressCancel();
     ASSERT_TRUE(waitUntil([&] { return result.has_value(); }));
     EXPECT_TRUE(result->cancelled);
-    EXPECT_FALSE(windows.progressVisible);
-    EXPECT_EQ(tree(userDir()), before);
-    EXPECT_TRUE(QDir(tmpDir()).isEmpty());
-    EXPECT_FALSE(parser.skipDuplicatesCheck());
+    EXPECT_FALSE(windows.progressVisible || parser.skipDuplicatesCheck());
+    EXPECT_EQ(tree(user()), before);
+    EXPECT_TRUE(QDir(path("tmp")).isEmpty());
     spin(100);
     EXPECT_EQ(presenter->alerts.size(), 1) << "the ignored list showed nothing";
 }
@@ -346,7 +310,7 @@ TEST_F(InstallTest, RewritesHeaderUnderNewNameAndRemoves)
     const QString header = QString::fromUtf8(script("Renamed")).section("\n\n", 0, 0) + "\n";
     const InstallResult result = install(source("T.skbundle", script("T")), true, header, "Copy");
     ASSERT_TRUE(result.ok) << result.message;
-    EXPECT_EQ(result.action->taskPath, userDir() + "/Copy.skbundle");
+    EXPECT_EQ(result.action->taskPath, user() + "/Copy.skbundle");
     EXPECT_EQ(result.action->actionName, "Renamed");
     EXPECT_EQ(mode(result.action->scriptPath()), 0777);
 
@@ -355,22 +319,6 @@ TEST_F(InstallTest, RewritesHeaderUnderNewNameAndRemoves)
     EXPECT_FALSE(QFileInfo::exists(result.action->taskPath));
     EXPECT_EQ(posted, QStringList{"SKReloadUserActionsTable"});
     EXPECT_FALSE(parser.getActionWithType("Renamed"));
-}
-
-TEST_F(InstallTest, ACopyThatCannotSucceedFailsAndKeepsTheInstalledCopy)
-{
-    ASSERT_TRUE(install(source("W.skbundle", script("W"))).ok);
-    const auto before = tree(userDir());
-    // A named pipe cannot be copied, however often it is tried.
-    ASSERT_EQ(::mkfifo(QFile::encodeName(path("src/W.skbundle/pipe")).constData(), 0600), 0);
-    InstallResult result = install(path("src/W.skbundle"), true);
-    EXPECT_TRUE(result.message.startsWith("W could not be installed\nIt could not be copied"))
-        << result.message;
-    EXPECT_EQ(tree(userDir()), before);
-
-    FileOperations::removeRecursively(userDir());
-    home.writeFile("user", "a file where the folder should be");
-    EXPECT_FALSE(install(path("src/W.skbundle"), true).ok);
 }
 
 } // namespace

@@ -570,7 +570,9 @@ protected:
     void SetUp() override
     {
         ensureCoreApplication();
-        server.setRequestTimeout(300);
+        // Short, so the silent cases end quickly, yet long enough for a megabyte to arrive on
+        // a loaded machine.
+        server.setRequestTimeout(1000);
         ASSERT_TRUE(server.listen(runtime()));
         QObject::connect(
             &server, &CmdLineServer::requestReceived, &server,
