@@ -32,6 +32,8 @@ constexpr qsizetype ReadSize = 1024 * 1024;
 constexpr qsizetype BufferSize = 4 * WriteWindow;
 constexpr qint64 MinLargeWrite = 64 * 1024;
 constexpr qint64 MaxLargeWrite = 255 * 1024;
+// A server that ignores the limits request would otherwise hold the upload for the stall time.
+constexpr int LimitsReplyMs = 5000;
 // SFTP message types, for the requests sent without libssh2's SFTP layer.
 constexpr quint8 SftpOpen = 3, SftpClose = 4, SftpWrite = 6, SftpExtended = 200;
 constexpr quint8 SftpStatus = 101, SftpHandle = 102, SftpExtendedReply = 201;
@@ -189,12 +191,13 @@ struct SshSession::Private {
         }
         return 0;
     }
-    int readRaw(char* data, qsizetype size)
+    int readRaw(char* data, qsizetype size, int limitMs)
     {
         LIBSSH2_CHANNEL* channel = libssh2_sftp_get_channel(sftp);
         for (qsizetype done = 0; done < size;) {
             const ssize_t n = retry(
-                [&] { return libssh2_channel_read(channel, data + done, size_t(size - done)); });
+                [&] { return libssh2_channel_read(channel, data + done, size_t(size - done)); },
+                limitMs);
             if (n < 0) {
                 return int(n);
             }
@@ -206,10 +209,13 @@ struct SshSession::Private {
         return 0;
     }
     // One reply: its type and number, and what follows them in `body`.
-    int receive(quint8* type, quint32* id, QByteArray* body)
+    // `firstByteMs` bounds the wait for the reply to begin; the rest may take the stall time.
+    int receive(quint8* type, quint32* id, QByteArray* body, int firstByteMs = -1)
     {
         char length[4];
-        if (const int result = readRaw(length, 4); result != 0) {
+        if (const int result =
+                readRaw(length, 4, firstByteMs >= 0 ? firstByteMs : timeouts.stallMs);
+            result != 0) {
             return result;
         }
         const quint32 size = qFromBigEndian<quint32>(length);
@@ -217,7 +223,7 @@ struct SshSession::Private {
             return LIBSSH2_ERROR_SFTP_PROTOCOL;
         }
         body->resize(size);
-        if (const int result = readRaw(body->data(), size); result != 0) {
+        if (const int result = readRaw(body->data(), size, timeouts.stallMs); result != 0) {
             return result;
         }
         *type = quint8(body->at(0));
@@ -239,11 +245,17 @@ struct SshSession::Private {
         quint8 type = 0;
         QByteArray reply;
         const QByteArray packet = request(SftpExtended, name, &id);
-        if (sendRaw(packet.constData(), packet.size()) == 0 &&
-            receive(&type, &answered, &reply) == 0 && type == SftpExtendedReply && answered == id &&
-            reply.size() >= 24) {
+        if (sendRaw(packet.constData(), packet.size()) != 0) {
+            return largeWriteSize;
+        }
+        const int received =
+            receive(&type, &answered, &reply, qMin(LimitsReplyMs, timeouts.stallMs));
+        if (received == 0 && type == SftpExtendedReply && answered == id && reply.size() >= 24) {
             const qint64 limit = qint64(qFromBigEndian<quint64>(reply.constData() + 16));
             largeWriteSize = limit >= MinLargeWrite ? qMin(limit, MaxLargeWrite) : 0;
+        } else if (interrupted == Failure::Stalled) {
+            // No answer in time: libssh2's own writes; libssh2 reads a late reply and drops it.
+            interrupted = Failure::None;
         }
         return largeWriteSize;
     }
@@ -610,6 +622,12 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         if (result == LIBSSH2_ERROR_CHANNEL_CLOSED) {
             m_sftpStatus = 0;
             return QStringLiteral("The server closed the SFTP channel.");
+        }
+        if (result == LIBSSH2_ERROR_SOCKET_RECV || result == LIBSSH2_ERROR_SOCKET_SEND ||
+            result == LIBSSH2_ERROR_SOCKET_DISCONNECT) {
+            m_sftpStatus = 0;
+            return QStringLiteral("The connection to %1 was lost (%2).")
+                .arg(d->host, d->sessionError());
         }
         if (result != 0) {
             m_sftpStatus = 0;
