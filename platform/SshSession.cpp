@@ -4,8 +4,10 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QRandomGenerator>
 #include <QScopeGuard>
+#include <QtEndian>
 
 #include <cerrno>
 #include <cstring>
@@ -27,6 +29,14 @@ constexpr int PollSliceMs = 100;
 // so that the channel window, not round trips, bounds the speed.
 constexpr qsizetype WriteWindow = 4 * 1024 * 1024;
 constexpr qsizetype ReadSize = 1024 * 1024;
+constexpr qsizetype BufferSize = 4 * WriteWindow;
+constexpr qint64 MinLargeWrite = 64 * 1024;
+constexpr qint64 MaxLargeWrite = 255 * 1024;
+// A server that ignores the limits request would otherwise hold the upload for the stall time.
+constexpr int LimitsReplyMs = 5000;
+// SFTP message types, for the requests sent without libssh2's SFTP layer.
+constexpr quint8 SftpOpen = 3, SftpClose = 4, SftpWrite = 6, SftpExtended = 200;
+constexpr quint8 SftpStatus = 101, SftpHandle = 102, SftpExtendedReply = 201;
 
 void initialiseLibrary()
 {
@@ -137,6 +147,118 @@ struct SshSession::Private {
         }
     }
     template <class Step> auto retry(Step step) { return retry(step, timeouts.stallMs); }
+
+    // SFTP requests written straight onto libssh2's channel: its own writes are cut into
+    // 30000-byte requests, and the server's work per request then bounds the speed. Used only
+    // while no libssh2 SFTP request is outstanding.
+    quint32 nextRequest = 0x40000000; // apart from the numbers libssh2 hands out
+    qint64 largeWriteSize = -1;       // what the server accepts per write; 0: unknown
+
+    static void put32(QByteArray& packet, quint32 value)
+    {
+        const quint32 big = qToBigEndian(value);
+        packet.append(reinterpret_cast<const char*>(&big), 4);
+    }
+    static void putString(QByteArray& packet, const QByteArray& text)
+    {
+        put32(packet, quint32(text.size()));
+        packet += text;
+    }
+    static quint32 get32(const QByteArray& data, qsizetype at)
+    {
+        return data.size() >= at + 4 ? qFromBigEndian<quint32>(data.constData() + at) : 0;
+    }
+    // A request: its length, type and number, then `rest`.
+    QByteArray request(quint8 type, const QByteArray& rest, quint32* id)
+    {
+        *id = nextRequest++;
+        QByteArray packet;
+        put32(packet, quint32(rest.size() + 5));
+        packet += char(type);
+        put32(packet, *id);
+        return packet + rest;
+    }
+    int sendRaw(const char* data, qsizetype size)
+    {
+        LIBSSH2_CHANNEL* channel = libssh2_sftp_get_channel(sftp);
+        for (qsizetype done = 0; done < size;) {
+            const ssize_t n = retry(
+                [&] { return libssh2_channel_write(channel, data + done, size_t(size - done)); });
+            if (n < 0) {
+                return int(n);
+            }
+            done += n;
+        }
+        return 0;
+    }
+    int readRaw(char* data, qsizetype size, int limitMs)
+    {
+        LIBSSH2_CHANNEL* channel = libssh2_sftp_get_channel(sftp);
+        for (qsizetype done = 0; done < size;) {
+            const ssize_t n = retry(
+                [&] { return libssh2_channel_read(channel, data + done, size_t(size - done)); },
+                limitMs);
+            if (n < 0) {
+                return int(n);
+            }
+            if (n == 0) {
+                return LIBSSH2_ERROR_CHANNEL_CLOSED;
+            }
+            done += n;
+        }
+        return 0;
+    }
+    // One reply: its type and number, and what follows them in `body`.
+    // `firstByteMs` bounds the wait for the reply to begin; the rest may take the stall time.
+    int receive(quint8* type, quint32* id, QByteArray* body, int firstByteMs = -1)
+    {
+        char length[4];
+        if (const int result =
+                readRaw(length, 4, firstByteMs >= 0 ? firstByteMs : timeouts.stallMs);
+            result != 0) {
+            return result;
+        }
+        const quint32 size = qFromBigEndian<quint32>(length);
+        if (size < 5 || size > 1024 * 1024) {
+            return LIBSSH2_ERROR_SFTP_PROTOCOL;
+        }
+        body->resize(size);
+        if (const int result = readRaw(body->data(), size, timeouts.stallMs); result != 0) {
+            return result;
+        }
+        *type = quint8(body->at(0));
+        *id = get32(*body, 1);
+        body->remove(0, 5);
+        return 0;
+    }
+    // Asks once per connection how large a write the server takes (an OpenSSH extension).
+    qint64 largeWrites()
+    {
+        if (largeWriteSize >= 0) {
+            return largeWriteSize;
+        }
+        largeWriteSize = 0;
+        QByteArray name;
+        putString(name, QByteArrayLiteral("limits@openssh.com"));
+        quint32 id = 0;
+        quint32 answered = 0;
+        quint8 type = 0;
+        QByteArray reply;
+        const QByteArray packet = request(SftpExtended, name, &id);
+        if (sendRaw(packet.constData(), packet.size()) != 0) {
+            return largeWriteSize;
+        }
+        const int received =
+            receive(&type, &answered, &reply, qMin(LimitsReplyMs, timeouts.stallMs));
+        if (received == 0 && type == SftpExtendedReply && answered == id && reply.size() >= 24) {
+            const qint64 limit = qint64(qFromBigEndian<quint64>(reply.constData() + 16));
+            largeWriteSize = limit >= MinLargeWrite ? qMin(limit, MaxLargeWrite) : 0;
+        } else if (interrupted == Failure::Stalled) {
+            // No answer in time: libssh2's own writes; libssh2 reads a late reply and drops it.
+            interrupted = Failure::None;
+        }
+        return largeWriteSize;
+    }
 
     QString sessionError() const
     {
@@ -477,7 +599,7 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         return m_sftpStatus ? sftpStatusText(m_sftpStatus) : d->sessionError();
     };
     QFile source(localPath);
-    if (!source.open(QIODevice::ReadOnly)) {
+    if (!source.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         return fail(UploadStep::Open,
                     QStringLiteral("Could not read %1: %2").arg(localPath, source.errorString()));
     }
@@ -488,14 +610,6 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
                                      .toUtf8();
     const QByteArray final = joinRemote(remoteFolder, name).toUtf8();
 
-    LIBSSH2_SFTP_HANDLE* handle = d->retry([&] {
-        return libssh2_sftp_open_ex(d->sftp, temporary.constData(), unsigned(temporary.size()),
-                                    LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT | LIBSSH2_FXF_TRUNC, 0644,
-                                    LIBSSH2_SFTP_OPENFILE);
-    });
-    if (!handle) {
-        return fail(UploadStep::Open, protocolError(LIBSSH2_ERROR_SFTP_PROTOCOL));
-    }
     const auto removeTemporary = [&] {
         if (d->interrupted == Failure::None) {
             d->retry([&] {
@@ -504,61 +618,200 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
             });
         }
     };
-
-    // The window holds data that libssh2 has not yet seen acknowledged; it is topped up from
-    // the file as acknowledgements come in, so the pipeline never drains between reads.
-    QByteArray window;
-    window.reserve(WriteWindow + ReadSize);
-    qsizetype start = 0;
-    qint64 sent = 0;
-    bool atEnd = false;
-    bool ok = true;
-    QString writeError;
-    while (ok) {
-        if (!atEnd && window.size() - start < WriteWindow) {
-            if (start > 0) {
-                window.remove(0, start);
-                start = 0;
+    const auto replyError = [&](int result, quint8 type, const QByteArray& reply) {
+        if (result == LIBSSH2_ERROR_CHANNEL_CLOSED) {
+            m_sftpStatus = 0;
+            return QStringLiteral("The server closed the SFTP channel.");
+        }
+        if (result == LIBSSH2_ERROR_SOCKET_RECV || result == LIBSSH2_ERROR_SOCKET_SEND ||
+            result == LIBSSH2_ERROR_SOCKET_DISCONNECT) {
+            m_sftpStatus = 0;
+            return QStringLiteral("The connection to %1 was lost (%2).")
+                .arg(d->host, d->sessionError());
+        }
+        if (result != 0) {
+            m_sftpStatus = 0;
+            return d->sessionError();
+        }
+        m_sftpStatus = type == SftpStatus ? Private::get32(reply, 0) : 0;
+        return m_sftpStatus ? sftpStatusText(m_sftpStatus)
+                            : QStringLiteral("The server sent an unexpected SFTP reply (type %1).")
+                                  .arg(type);
+    };
+    // Requests of up to `requestSize` bytes, as many in flight as the write window holds.
+    const auto writeLarge = [&](qint64 requestSize) -> bool {
+        quint32 id = 0;
+        quint32 answered = 0;
+        quint8 type = 0;
+        QByteArray reply;
+        QByteArray rest;
+        Private::putString(rest, temporary);
+        Private::put32(rest, LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT | LIBSSH2_FXF_TRUNC);
+        Private::put32(rest, LIBSSH2_SFTP_ATTR_PERMISSIONS);
+        Private::put32(rest, 0644);
+        const QByteArray opening = d->request(SftpOpen, rest, &id);
+        int result = d->sendRaw(opening.constData(), opening.size());
+        if (result == 0) {
+            result = d->receive(&type, &answered, &reply);
+        }
+        if (result != 0 || type != SftpHandle || answered != id) {
+            return fail(UploadStep::Open, replyError(result, type, reply));
+        }
+        QByteArray handle;
+        Private::putString(handle, reply.mid(4, Private::get32(reply, 0)));
+        const auto closeHandle = [&]() -> QString {
+            quint32 closeId = 0;
+            const QByteArray closing = d->request(SftpClose, handle, &closeId);
+            int closed = d->sendRaw(closing.constData(), closing.size());
+            // Replies to writes still in flight come first.
+            do {
+                if (closed == 0) {
+                    closed = d->receive(&type, &answered, &reply);
+                }
+            } while (closed == 0 && answered != closeId);
+            if (closed != 0 || type != SftpStatus || Private::get32(reply, 0) != 0) {
+                return replyError(closed, type, reply);
             }
-            const QByteArray chunk = source.read(ReadSize);
-            if (chunk.isEmpty()) {
-                if (!source.atEnd()) {
+            return QString();
+        };
+
+        const qsizetype headerSize = 9 + handle.size() + 12;
+        QByteArray packet(headerSize + requestSize, Qt::Uninitialized);
+        QHash<quint32, qint64> pending;
+        qint64 offset = 0;
+        qint64 inFlight = 0;
+        qint64 acked = 0;
+        bool atEnd = false;
+        QString error;
+        while (error.isEmpty()) {
+            while (!atEnd && inFlight < WriteWindow) {
+                const qint64 got = source.read(packet.data() + headerSize, requestSize);
+                if (got < 0) {
+                    error = QStringLiteral("Could not read %1: %2")
+                                .arg(localPath, source.errorString());
+                    break;
+                }
+                if (got == 0) {
+                    atEnd = true;
+                    break;
+                }
+                const quint32 writeId = d->nextRequest++;
+                char* at = packet.data();
+                qToBigEndian(quint32(headerSize - 4 + got), at);
+                at[4] = char(SftpWrite);
+                qToBigEndian(writeId, at + 5);
+                std::memcpy(at + 9, handle.constData(), size_t(handle.size()));
+                qToBigEndian(quint64(offset), at + 9 + handle.size());
+                qToBigEndian(quint32(got), at + 17 + handle.size());
+                if (const int sent = d->sendRaw(at, headerSize + got); sent != 0) {
+                    error = replyError(sent, 0, {});
+                    break;
+                }
+                pending.insert(writeId, got);
+                offset += got;
+                inFlight += got;
+            }
+            if (!error.isEmpty() || pending.isEmpty()) {
+                break;
+            }
+            result = d->receive(&type, &answered, &reply);
+            if (result != 0 || type != SftpStatus || !pending.contains(answered) ||
+                Private::get32(reply, 0) != 0) {
+                error = replyError(result, type, reply);
+                break;
+            }
+            const qint64 done = pending.take(answered);
+            inFlight -= done;
+            acked += done;
+            if (progress) {
+                progress(acked);
+            }
+        }
+        if (!error.isEmpty()) {
+            if (d->interrupted == Failure::None) {
+                closeHandle();
+                removeTemporary();
+            }
+            return fail(UploadStep::Write, error);
+        }
+        if (const QString closeError = closeHandle(); !closeError.isEmpty()) {
+            removeTemporary();
+            return fail(UploadStep::Write, closeError);
+        }
+        return true;
+    };
+    const auto writeSmall = [&]() -> bool {
+        LIBSSH2_SFTP_HANDLE* handle = d->retry([&] {
+            return libssh2_sftp_open_ex(d->sftp, temporary.constData(), unsigned(temporary.size()),
+                                        LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT | LIBSSH2_FXF_TRUNC,
+                                        0644, LIBSSH2_SFTP_OPENFILE);
+        });
+        if (!handle) {
+            return fail(UploadStep::Open, protocolError(LIBSSH2_ERROR_SFTP_PROTOCOL));
+        }
+
+        // libssh2 wants the unacknowledged data handed to it again from its first byte, so the
+        // buffer keeps it contiguous; it is read into in place and moved to the front only when
+        // the end is reached, which keeps the copying to a small part of the data.
+        QByteArray buffer(BufferSize, Qt::Uninitialized);
+        qsizetype start = 0;
+        qsizetype end = 0;
+        qint64 sent = 0;
+        bool atEnd = false;
+        bool ok = true;
+        QString writeError;
+        while (ok) {
+            if (!atEnd && end - start < WriteWindow) {
+                if (end + ReadSize > buffer.size()) {
+                    std::memmove(buffer.data(), buffer.constData() + start, size_t(end - start));
+                    end -= start;
+                    start = 0;
+                }
+                const qint64 got = source.read(buffer.data() + end, ReadSize);
+                if (got < 0) {
                     ok = false;
                     writeError = QStringLiteral("Could not read %1: %2")
                                      .arg(localPath, source.errorString());
                     break;
                 }
-                atEnd = true;
+                atEnd = got == 0;
+                end += got;
+                continue;
             }
-            window += chunk;
-            continue;
+            if (end == start) {
+                break; // all written and acknowledged
+            }
+            const ssize_t written = d->retry([&] {
+                return libssh2_sftp_write(handle, buffer.constData() + start, size_t(end - start));
+            });
+            if (written < 0) {
+                ok = false;
+                writeError = protocolError(int(written));
+                break;
+            }
+            start += written;
+            sent += written;
+            if (progress) {
+                progress(sent);
+            }
         }
-        if (window.size() == start) {
-            break; // all written and acknowledged
+        // A server that stopped answering would only make the close wait as long again.
+        const int closed = d->interrupted != Failure::None
+                               ? LIBSSH2_ERROR_TIMEOUT
+                               : d->retry([&] { return libssh2_sftp_close_handle(handle); });
+        if (!ok || closed != 0) {
+            const QString message = ok ? protocolError(closed) : writeError;
+            removeTemporary();
+            return fail(UploadStep::Write, message);
         }
-        const ssize_t written = d->retry([&] {
-            return libssh2_sftp_write(handle, window.constData() + start,
-                                      size_t(window.size() - start));
-        });
-        if (written < 0) {
-            ok = false;
-            writeError = protocolError(int(written));
-            break;
-        }
-        start += written;
-        sent += written;
-        if (progress) {
-            progress(sent);
-        }
+        return true;
+    };
+    const qint64 requestSize = d->largeWrites();
+    if (d->interrupted != Failure::None) {
+        return fail(UploadStep::Open, QString());
     }
-    // A server that stopped answering would only make the close wait as long again.
-    const int closed = d->interrupted != Failure::None
-                           ? LIBSSH2_ERROR_TIMEOUT
-                           : d->retry([&] { return libssh2_sftp_close_handle(handle); });
-    if (!ok || closed != 0) {
-        const QString message = ok ? protocolError(closed) : writeError;
-        removeTemporary();
-        return fail(UploadStep::Write, message);
+    if (!(requestSize > 0 ? writeLarge(requestSize) : writeSmall())) {
+        return false;
     }
 
     const long flags =

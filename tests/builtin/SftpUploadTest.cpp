@@ -7,8 +7,11 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 
+#include <atomic>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
+#include <thread>
 
 namespace {
 
@@ -34,6 +37,42 @@ QString fingerprintOf(const QString& publicKey)
     QByteArray out;
     SshServer::run(QStringLiteral("ssh-keygen"), {QStringLiteral("-lf"), publicKey}, &out);
     return QString::fromUtf8(out.split(' ').value(1));
+}
+
+// Kills every process below the sshd that was started with `config`, as a dropped connection
+// would end them, and leaves that sshd listening.
+void cutConnections(const QString& config)
+{
+    QHash<qint64, qint64> parents;
+    QList<qint64> started; // by the test, with `config` on their command lines
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool number = false;
+        const qint64 pid = entry.toLongLong(&number);
+        if (!number) {
+            continue;
+        }
+        const QString folder = QStringLiteral("/proc/") + entry;
+        // "pid (name) state ppid ..."; the name may hold spaces.
+        const QByteArray stat = contents(folder + QStringLiteral("/stat"));
+        parents.insert(pid, stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(1).toLongLong());
+        if (contents(folder + QStringLiteral("/cmdline")).contains(config.toUtf8())) {
+            started << pid;
+        }
+    }
+    QList<qint64> below;
+    for (const qint64 pid : started) {
+        if (!started.contains(parents.value(pid))) {
+            below << pid; // the listener itself stays
+        }
+    }
+    for (qsizetype at = 0; at < below.size(); ++at) {
+        for (auto it = parents.cbegin(); it != parents.cend(); ++it) {
+            if (it.value() == below[at]) {
+                below << it.key();
+                ::kill(pid_t(it.key()), SIGKILL);
+            }
+        }
+    }
 }
 
 class SftpUploadTest : public ::testing::Test {
@@ -116,6 +155,10 @@ protected:
         }
         app->writeFile(QStringLiteral("files/one file.bin"), randomBytes(3 << 20));
         app->writeFile(QStringLiteral("files/big.bin"), randomBytes(4 << 20));
+        // More than the requests in flight at once, and not a whole number of them.
+        app->writeFile(QStringLiteral("files/odd.bin"), randomBytes((9 << 20) + 12344));
+        // Long enough on loopback to still be under way when the test cuts the connection.
+        app->writeFile(QStringLiteral("files/huge.bin"), randomBytes(128 << 20));
         for (const char* name : {"a.txt", "b.txt", "c.txt"}) {
             app->writeFile(QStringLiteral("files/") + QString::fromUtf8(name),
                            QByteArray("contents of ") + name);
@@ -205,6 +248,7 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
         const char* out; // all of it
         const char* err; // a part of it
         std::function<bool()> remote;
+        bool cut = false; // the connection drops once a few MiB have arrived
     } rows[] = {
         {"Key",
          {"one file.bin"},
@@ -225,6 +269,13 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
          "https://example.com/up/one%20file.bin\n",
          "",
          [&] { return same(up + QStringLiteral("/one file.bin"), "one file.bin"); }},
+        {"Key",
+         {"odd.bin"},
+         false,
+         0,
+         "https://example.com/up/odd.bin\n",
+         "",
+         [&] { return same(up + QStringLiteral("/odd.bin"), "odd.bin"); }},
         {"Key",
          {"a.txt", "b.txt"},
          false,
@@ -252,7 +303,7 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
          1,
          "",
          ZipRefusal,
-         [&] { return QDir(up).entryList(QDir::Files).size() == 4; }},
+         [&] { return QDir(up).entryList(QDir::Files).size() == 5; }},
         {"Key",
          {"dir1"},
          true,
@@ -318,20 +369,53 @@ TEST_F(SftpUploadTest, UploadsAndTheirFailures)
          "",
          "stopped responding (no progress for 2 seconds)",
          [&] { return !QFileInfo::exists(stalling->root() + QStringLiteral("/big.bin")); }},
+        // sshd's own large writes; then the same upload again, in full.
+        {"Key",
+         {"huge.bin"},
+         false,
+         1,
+         "",
+         "Failed uploading to 'UP/huge.bin'\n\nThe connection to 127.0.0.1 was lost (",
+         [&] { return !QFileInfo::exists(up + QStringLiteral("/huge.bin")); },
+         true},
+        {"Key",
+         {"huge.bin"},
+         false,
+         0,
+         "https://example.com/up/huge.bin\n",
+         "",
+         [&] { return same(up + QStringLiteral("/huge.bin"), "huge.bin"); }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.action) + " " + row.files.join(u' ').toStdString());
+        std::atomic_bool finished = false;
+        std::thread cutter([&] {
+            const QString config =
+                QDir(folder->path()).filePath(QStringLiteral("sshd/sshd_config"));
+            while (row.cut && !finished) {
+                const QFileInfoList parts = QDir(up).entryInfoList(
+                    {QStringLiteral(".huge.bin.skelvo-*.part")}, QDir::Files | QDir::Hidden);
+                if (!parts.isEmpty() && parts.first().size() > (4 << 20)) {
+                    return cutConnections(config);
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
         const SkResult result =
             run(QString::fromUtf8(row.action), row.files,
                 row.option ? QStringList{QStringLiteral("--modifier"), QStringLiteral("option")}
                            : QStringList{});
+        finished = true;
+        cutter.join();
         EXPECT_EQ(result.status, row.status) << result.err;
         EXPECT_EQ(result.out, QString::fromUtf8(row.out));
-        EXPECT_TRUE(result.err.contains(QString::fromUtf8(row.err))) << result.err;
+        EXPECT_TRUE(
+            result.err.contains(QString::fromUtf8(row.err).replace(QStringLiteral("UP"), up)))
+            << result.err;
         EXPECT_TRUE(row.remote());
     }
     // Nothing partial is left under a final name, and the temporary names are hidden.
-    EXPECT_EQ(QDir(up).entryList(QDir::Files).size(), 5) << QDir(up).entryList().join(u',');
+    EXPECT_EQ(QDir(up).entryList(QDir::Files).size(), 7) << QDir(up).entryList().join(u',');
 }
 
 TEST_F(SftpUploadTest, AChangedHostKeyIsRefusedBeforeAnyUpload)
