@@ -233,6 +233,16 @@ ActionFileList ActionFileParser::getUserActionFiles()
     return user;
 }
 
+ActionFilePtr ActionFileParser::actionNamed(const ActionFileList& records, const QString& name)
+{
+    for (const ActionFilePtr& record : records) {
+        if (record->actionName == name) {
+            return record;
+        }
+    }
+    return nullptr;
+}
+
 ActionFileList ActionFileParser::getActionsWithPreferredOrder(
     const QStringList& names, const std::function<bool(const QString&)>& isAlreadyAdded)
 {

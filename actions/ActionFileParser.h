@@ -36,6 +36,8 @@ public:
     ActionFilePtr getActionWithType(const QString& name);
     ActionFilePtr getActionWithTaskPath(const QString& path);
     ActionFileList getUserActionFiles();
+    // The record of that action name among `records`, if any.
+    static ActionFilePtr actionNamed(const ActionFileList& records, const QString& name);
     // All records, those named moving to the front in the order given. A named sharing
     // service that isAlreadyAdded() reports as on the grid is dropped instead.
     ActionFileList

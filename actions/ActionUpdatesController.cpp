@@ -18,16 +18,6 @@ double versionNumber(const QString& version)
     return number.match(version).captured(0).trimmed().toDouble();
 }
 
-ActionFilePtr installedNamed(const ActionFileList& installed, const QString& name)
-{
-    for (const ActionFilePtr& record : installed) {
-        if (record->actionName == name) {
-            return record;
-        }
-    }
-    return nullptr;
-}
-
 bool hasUpdate(const ManifestEntry& entry, const ActionFile& installed)
 {
     return installed.uniqueID == entry.uniqueId &&
@@ -97,7 +87,7 @@ void ActionUpdatesController::checkForActionUpdates(
             if (!onlyName.isEmpty() && entry.name != onlyName) {
                 continue;
             }
-            const ActionFilePtr record = installedNamed(installed, entry.name);
+            const ActionFilePtr record = ActionFileParser::actionNamed(installed, entry.name);
             if (record && hasUpdate(entry, *record)) {
                 result.updates.append(
                     {entry, AddonAction::State::UpdateAvailable, record->version});
@@ -166,7 +156,7 @@ void ActionUpdatesController::listAddonActions(
         QList<AddonAction> actions;
         for (const ManifestEntry& entry : manifest) {
             AddonAction action{entry, AddonAction::State::NotInstalled, {}};
-            if (const ActionFilePtr record = installedNamed(installed, entry.name)) {
+            if (const ActionFilePtr record = ActionFileParser::actionNamed(installed, entry.name)) {
                 action.installedVersion = record->version;
                 action.state = hasUpdate(entry, *record) ? AddonAction::State::UpdateAvailable
                                                          : AddonAction::State::UpToDate;

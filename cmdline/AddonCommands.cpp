@@ -63,13 +63,7 @@ QString addonLine(const AddonAction& addon)
 // The user's own copy of the action of that name, if one is installed.
 ActionFilePtr userActionNamed(const QString& name)
 {
-    const ActionFileList actions = ActionFileParser::shared().getUserActionFiles();
-    for (const ActionFilePtr& action : actions) {
-        if (action->actionName == name) {
-            return action;
-        }
-    }
-    return nullptr;
+    return ActionFileParser::actionNamed(ActionFileParser::shared().getUserActionFiles(), name);
 }
 
 // A NAME that names a file to install rather than an action on the server.
@@ -254,13 +248,9 @@ void CmdLineTaskHandler::updateActions(const CmdLineRequestPtr& client, const QV
             }
             downloader->updateActions(wanted, true, [client](const DownloadResult& result) {
                 respondDownloads(client, result);
-                if (result.ok) {
-                    client->respond(
-                        result.installed.size() == 1
-                            ? QStringLiteral("%1 update was installed successfully.")
-                                  .arg(result.installed.first())
-                            : QStringLiteral("%1 action updates were installed successfully.")
-                                  .arg(result.installed.size()));
+                // The downloader's own closing text ("… update was installed successfully.").
+                if (result.ok && !result.message.isEmpty()) {
+                    client->respond(result.message);
                 }
                 client->finish();
             });
