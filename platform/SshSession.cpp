@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <libssh2.h>
 #include <libssh2_sftp.h>
+#include <limits>
 #include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -34,9 +35,50 @@ constexpr qint64 MinLargeWrite = 64 * 1024;
 constexpr qint64 MaxLargeWrite = 255 * 1024;
 // A server that ignores the limits request would otherwise hold the upload for the stall time.
 constexpr int LimitsReplyMs = 5000;
+// Bytes of large writes kept in flight at most: over sshd's 2 MiB channel window they would
+// only wait in this process.
+constexpr qint64 MaxInFlight = 8 * 1024 * 1024;
 // SFTP message types, for the requests sent without libssh2's SFTP layer.
 constexpr quint8 SftpOpen = 3, SftpClose = 4, SftpWrite = 6, SftpExtended = 200;
 constexpr quint8 SftpStatus = 101, SftpHandle = 102, SftpExtendedReply = 201;
+
+// How many bytes of large writes to keep in flight, after TCP Vegas. A server slower than the
+// link lets requests queue in its own buffers, which OpenSSH copies again and again as they
+// grow; so the limit grows by a request per round trip while replies come back about as fast
+// as the quickest one, and drops to what the round trip needs when they show more than two
+// requests waiting at the server. A slow server gets a short queue, a distant one enough in
+// flight to cover the round trip.
+class InFlightLimit {
+public:
+    explicit InFlightLimit(qint64 request)
+        : m_request(request)
+        , m_limit(2 * request)
+    {}
+    qint64 bytes() const { return m_limit; }
+    // A reply that took `rttNs` for a request sent with `inFlight` bytes outstanding.
+    void replied(qint64 rttNs, qint64 inFlight)
+    {
+        m_minRtt = qMin(m_minRtt, rttNs);
+        if (rttNs <= 0) {
+            return;
+        }
+        const double queued = double(inFlight) * double(rttNs - m_minRtt) / double(rttNs);
+        // Steps of one request per round trip.
+        const qint64 step = qMax<qint64>(1, m_request * m_request / m_limit);
+        if (queued < double(m_request)) {
+            m_limit = qMin(m_limit + step, qMax(MaxInFlight, 2 * m_request));
+        } else if (queued > 2.0 * double(m_request)) {
+            // Straight down to what the round trip needs, and one request more.
+            const double needed = double(inFlight) * double(m_minRtt) / double(rttNs);
+            m_limit = qMax(qint64(needed) + m_request, 2 * m_request);
+        }
+    }
+
+private:
+    qint64 m_request;
+    qint64 m_limit;
+    qint64 m_minRtt = std::numeric_limits<qint64>::max();
+};
 
 void initialiseLibrary()
 {
@@ -677,14 +719,22 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
 
         const qsizetype headerSize = 9 + handle.size() + 12;
         QByteArray packet(headerSize + requestSize, Qt::Uninitialized);
-        QHash<quint32, qint64> pending;
+        struct Pending {
+            qint64 bytes;
+            qint64 sentNs;
+            qint64 inFlight;
+        };
+        QHash<quint32, Pending> pending;
+        InFlightLimit limit(requestSize);
+        QElapsedTimer clock;
+        clock.start();
         qint64 offset = 0;
         qint64 inFlight = 0;
         qint64 acked = 0;
         bool atEnd = false;
         QString error;
         while (error.isEmpty()) {
-            while (!atEnd && inFlight < WriteWindow) {
+            while (!atEnd && inFlight < limit.bytes()) {
                 const qint64 got = source.read(packet.data() + headerSize, requestSize);
                 if (got < 0) {
                     error = QStringLiteral("Could not read %1: %2")
@@ -707,9 +757,9 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
                     error = replyError(sent, 0, {});
                     break;
                 }
-                pending.insert(writeId, got);
                 offset += got;
                 inFlight += got;
+                pending.insert(writeId, {got, clock.nsecsElapsed(), inFlight});
             }
             if (!error.isEmpty() || pending.isEmpty()) {
                 break;
@@ -720,7 +770,9 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
                 error = replyError(result, type, reply);
                 break;
             }
-            const qint64 done = pending.take(answered);
+            const Pending request = pending.take(answered);
+            limit.replied(clock.nsecsElapsed() - request.sentNs, request.inFlight);
+            const qint64 done = request.bytes;
             inFlight -= done;
             acked += done;
             if (progress) {
@@ -814,6 +866,32 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         return false;
     }
 
+    if (requestSize > 0) {
+        // OpenSSH replaces an existing file atomically with its own rename request.
+        QByteArray rest;
+        Private::putString(rest, QByteArrayLiteral("posix-rename@openssh.com"));
+        Private::putString(rest, temporary);
+        Private::putString(rest, final);
+        quint32 id = 0;
+        quint32 answered = 0;
+        quint8 type = 0;
+        QByteArray reply;
+        const QByteArray packet = d->request(SftpExtended, rest, &id);
+        int result = d->sendRaw(packet.constData(), packet.size());
+        if (result == 0) {
+            result = d->receive(&type, &answered, &reply);
+        }
+        const quint32 status = Private::get32(reply, 0);
+        if (result == 0 && type == SftpStatus && answered == id && status == LIBSSH2_FX_OK) {
+            return true;
+        }
+        if (result != 0 || type != SftpStatus || answered != id ||
+            status != LIBSSH2_FX_OP_UNSUPPORTED) {
+            const QString error = replyError(result, type, reply);
+            removeTemporary();
+            return fail(UploadStep::Rename, error);
+        }
+    }
     const long flags =
         LIBSSH2_SFTP_RENAME_OVERWRITE | LIBSSH2_SFTP_RENAME_ATOMIC | LIBSSH2_SFTP_RENAME_NATIVE;
     const auto rename = [&] {
