@@ -17,7 +17,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   nlohmann-json3-dev
   ruby python3
-  libvips-dev libvips-tools libglib2.0-dev
+  libvips-dev libvips-tools libwebp-dev libglib2.0-dev
   libglib2.0-bin gvfs dbus
   glib-networking gsettings-desktop-schemas
   inotify-tools

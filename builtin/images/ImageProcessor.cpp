@@ -1,5 +1,6 @@
 #include "builtin/images/ImageProcessor.h"
 
+#include "builtin/images/WebpWriter.h"
 #include "platform/Trash.h"
 
 #include <QDir>
@@ -143,7 +144,7 @@ void save(vips::VImage image, const QString& path, const QString& extension, dou
             image = image.flatten(vips::VImage::option()->set("background", 255.0));
         image.jpegsave(file.constData(), vips::VImage::option()->set("Q", std::max(1, q)));
     } else if (type == u"webp") {
-        image.webpsave(file.constData(), vips::VImage::option()->set("Q", q));
+        writeWebp(std::move(image), file, q);
     } else if (type == u"png") {
         image.pngsave(file.constData());
     } else if (type == u"tif" || type == u"tiff") {
@@ -319,8 +320,9 @@ Rendered render(const QString& inputPath, const Options& options)
                                       QString::fromLocal8Bit(std::strerror(errno)));
             return rendered;
         }
-        save(image, temporary, rendered.extension, options.quality);
         rendered.size = QSize(image.width(), image.height());
+        // Handed over, so that the decoder's buffers can go before the encoder starts.
+        save(std::move(image), temporary, rendered.extension, options.quality);
         rendered.temporary = temporary;
     } catch (const vips::VError& error) {
         if (!temporary.isEmpty())
