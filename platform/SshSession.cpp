@@ -273,6 +273,20 @@ struct SshSession::Private {
         body->remove(0, 5);
         return 0;
     }
+    // One request and its reply; `own` says whether the reply answers this request.
+    int exchange(quint8 type, const QByteArray& rest, quint8* replyType, QByteArray* reply,
+                 bool* own)
+    {
+        quint32 id = 0;
+        quint32 answered = 0;
+        const QByteArray packet = request(type, rest, &id);
+        int result = sendRaw(packet.constData(), packet.size());
+        if (result == 0) {
+            result = receive(replyType, &answered, reply);
+        }
+        *own = result == 0 && answered == id;
+        return result;
+    }
     // Asks once per connection how large a write the server takes (an OpenSSH extension).
     qint64 largeWrites()
     {
@@ -682,7 +696,6 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
     };
     // Requests of up to `requestSize` bytes, as many in flight as the write window holds.
     const auto writeLarge = [&](qint64 requestSize) -> bool {
-        quint32 id = 0;
         quint32 answered = 0;
         quint8 type = 0;
         QByteArray reply;
@@ -691,12 +704,9 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         Private::put32(rest, LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT | LIBSSH2_FXF_TRUNC);
         Private::put32(rest, LIBSSH2_SFTP_ATTR_PERMISSIONS);
         Private::put32(rest, 0644);
-        const QByteArray opening = d->request(SftpOpen, rest, &id);
-        int result = d->sendRaw(opening.constData(), opening.size());
-        if (result == 0) {
-            result = d->receive(&type, &answered, &reply);
-        }
-        if (result != 0 || type != SftpHandle || answered != id) {
+        bool own = false;
+        int result = d->exchange(SftpOpen, rest, &type, &reply, &own);
+        if (result != 0 || type != SftpHandle || !own) {
             return fail(UploadStep::Open, replyError(result, type, reply));
         }
         QByteArray handle;
@@ -872,21 +882,15 @@ bool SshSession::upload(const QString& localPath, const QString& remoteFolder, c
         Private::putString(rest, QByteArrayLiteral("posix-rename@openssh.com"));
         Private::putString(rest, temporary);
         Private::putString(rest, final);
-        quint32 id = 0;
-        quint32 answered = 0;
         quint8 type = 0;
         QByteArray reply;
-        const QByteArray packet = d->request(SftpExtended, rest, &id);
-        int result = d->sendRaw(packet.constData(), packet.size());
-        if (result == 0) {
-            result = d->receive(&type, &answered, &reply);
-        }
+        bool own = false;
+        const int result = d->exchange(SftpExtended, rest, &type, &reply, &own);
         const quint32 status = Private::get32(reply, 0);
-        if (result == 0 && type == SftpStatus && answered == id && status == LIBSSH2_FX_OK) {
+        if (result == 0 && type == SftpStatus && own && status == LIBSSH2_FX_OK) {
             return true;
         }
-        if (result != 0 || type != SftpStatus || answered != id ||
-            status != LIBSSH2_FX_OP_UNSUPPORTED) {
+        if (result != 0 || type != SftpStatus || !own || status != LIBSSH2_FX_OP_UNSUPPORTED) {
             const QString error = replyError(result, type, reply);
             removeTemporary();
             return fail(UploadStep::Rename, error);
